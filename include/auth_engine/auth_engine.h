@@ -1,0 +1,10 @@
+/// @file auth_engine.h
+/// @brief Umbrella header: everything a host needs.
+#pragma once
+
+#include "auth_engine/AuthClock.h"
+#include "auth_engine/AuthFacade.h"
+#include "auth_engine/AuthLogger.h"
+#include "auth_engine/AuthTypes.h"
+#include "auth_engine/IAuthProcessor.h"
+#include "auth_engine/IDataProvider.h"

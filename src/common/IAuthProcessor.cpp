@@ -1,0 +1,13 @@
+#include "auth_engine/IAuthProcessor.h"
+
+#include <utility>
+
+namespace auth_engine {
+
+void IAuthProcessor::setNext(std::shared_ptr<IAuthProcessor> nextProcessor) {
+    next = std::move(nextProcessor);
+}
+
+std::shared_ptr<IAuthProcessor> IAuthProcessor::getNext() const { return next; }
+
+}  // namespace auth_engine

@@ -1,0 +1,29 @@
+// Asks the host, relay by relay, whether the user may pass a relay under anti-passback. In the chain
+// (process) it sends the questions and later sums the answers up; in the independent relay phase
+// (processRelays) it only sends them and the engine sums them up.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "auth_engine/IAuthProcessor.h"
+#include "auth_engine/IDataProvider.h"
+
+namespace auth_engine {
+class AuthEngine;
+namespace processors {
+
+class AntiPassbackProcessor : public IAuthProcessor {
+public:
+    AuthResult process(AuthContext& context, IDataProvider& provider) override;
+    std::string getName() const override { return chain::ANTI_PASSBACK; }
+    AuthResult processRelays(AuthContext& context, IDataProvider& provider,
+                             const std::vector<std::string>& relays);
+    void setEngine(AuthEngine* owner) { engine = owner; }
+
+private:
+    AuthEngine* engine = nullptr;  // not owned
+};
+
+}  // namespace processors
+}  // namespace auth_engine

@@ -1,0 +1,30 @@
+// Asks the host, relay by relay, whether an interlocked relay may open now. Serves the chain, the
+// independent interlock phase, and the engine's retry of unanswered relays after a timeout.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "auth_engine/IAuthProcessor.h"
+#include "auth_engine/IDataProvider.h"
+
+namespace auth_engine {
+class AuthEngine;
+namespace processors {
+
+class InterlockProcessor : public IAuthProcessor {
+public:
+    AuthResult process(AuthContext& context, IDataProvider& provider) override;
+    std::string getName() const override { return chain::INTERLOCK; }
+    AuthResult processRelays(AuthContext& context, IDataProvider& provider,
+                             const std::vector<std::string>& relays);
+    AuthResult retryPendingRelays(AuthContext& context, IDataProvider& provider,
+                                  const std::vector<std::string>& relays);
+    void setEngine(AuthEngine* owner) { engine = owner; }
+
+private:
+    AuthEngine* engine = nullptr;  // not owned
+};
+
+}  // namespace processors
+}  // namespace auth_engine

@@ -1,0 +1,28 @@
+// Asks the host once per request whether a plate user of kind 1 may open relays under parking
+// restriction. An offline host lets the user through.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "auth_engine/IAuthProcessor.h"
+#include "auth_engine/IDataProvider.h"
+
+namespace auth_engine {
+class AuthEngine;
+namespace processors {
+
+class ParkingRestrictionProcessor : public IAuthProcessor {
+public:
+    AuthResult process(AuthContext& context, IDataProvider& provider) override;
+    std::string getName() const override { return chain::PARKING_RESTRICTION; }
+    AuthResult processRelays(AuthContext& context, IDataProvider& provider,
+                             const std::vector<std::string>& relays);
+    void setEngine(AuthEngine* owner) { engine = owner; }
+
+private:
+    AuthEngine* engine = nullptr;  // not owned
+};
+
+}  // namespace processors
+}  // namespace auth_engine

@@ -1,0 +1,26 @@
+// Has a temporary key validated by a remote service through the host: the first pass asks and parks
+// the request, the second pass (resumed with the answer in context.tempKeyAuthData) turns the answer
+// into a user and targets, or a failure.
+#pragma once
+
+#include <string>
+
+#include "auth_engine/IAuthProcessor.h"
+#include "auth_engine/IDataProvider.h"
+
+namespace auth_engine {
+class AuthEngine;
+namespace processors {
+
+class TempKeyProcessor : public IAuthProcessor {
+public:
+    AuthResult process(AuthContext& context, IDataProvider& provider) override;
+    std::string getName() const override { return chain::TEMP_KEY; }
+    void setEngine(AuthEngine* owner) { engine = owner; }
+
+private:
+    AuthEngine* engine = nullptr;  // not owned
+};
+
+}  // namespace processors
+}  // namespace auth_engine

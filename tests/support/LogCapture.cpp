@@ -1,0 +1,48 @@
+#include "support/LogCapture.h"
+
+#include "auth_engine/AuthLogger.h"
+
+namespace auth_engine {
+namespace testing {
+
+LogCapture::LogCapture() {
+    AuthLogger::setSink([this](int priority, const std::string& line) {
+        std::lock_guard<std::mutex> guard(mutex);
+        captured.push_back(line);
+        levels.push_back(priority);
+    });
+}
+
+LogCapture::~LogCapture() { AuthLogger::setSink(nullptr); }
+
+std::vector<std::string> LogCapture::lines() {
+    std::lock_guard<std::mutex> guard(mutex);
+    return captured;
+}
+
+bool LogCapture::contains(const std::string& text) { return count(text) > 0; }
+
+int LogCapture::count(const std::string& text) {
+    std::lock_guard<std::mutex> guard(mutex);
+    int found = 0;
+    for (const auto& line : captured) {
+        if (line.find(text) != std::string::npos) {
+            ++found;
+        }
+    }
+    return found;
+}
+
+std::vector<int> LogCapture::priorities() {
+    std::lock_guard<std::mutex> guard(mutex);
+    return levels;
+}
+
+void LogCapture::clear() {
+    std::lock_guard<std::mutex> guard(mutex);
+    captured.clear();
+    levels.clear();
+}
+
+}  // namespace testing
+}  // namespace auth_engine

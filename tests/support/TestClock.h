@@ -1,0 +1,34 @@
+// Puts the library's clocks under the test's control for its lifetime and runs calendars in UTC.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace auth_engine {
+namespace testing {
+
+class TestClock {
+public:
+    /// Wall clock starts at `wallSeconds` (default: Wed 2025-01-15 12:00:00 UTC), uptime at 1000.
+    explicit TestClock(int64_t wallSeconds = 1736942400, int64_t uptimeSeconds = 1000);
+    ~TestClock();
+    TestClock(const TestClock&) = delete;
+    TestClock& operator=(const TestClock&) = delete;
+
+    /// Moves both clocks forward.
+    void advance(int64_t seconds);
+    void setWall(int64_t wallSeconds);
+    void setUptime(int64_t uptimeSeconds);
+    int64_t wall() const { return wallNow.load(); }
+    int64_t up() const { return uptimeNow.load(); }
+
+    /// Seconds since the epoch of a UTC calendar time.
+    static int64_t utc(int year, int month, int day, int hour = 0, int minute = 0, int second = 0);
+
+private:
+    std::atomic<int64_t> wallNow;
+    std::atomic<int64_t> uptimeNow;
+};
+
+}  // namespace testing
+}  // namespace auth_engine
