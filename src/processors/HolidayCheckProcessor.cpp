@@ -1,0 +1,166 @@
+#include "processors/HolidayCheckProcessor.h"
+
+#include <cstdio>
+#include <ctime>
+#include <vector>
+
+#include "auth_engine/AuthClock.h"
+#include "auth_engine/AuthLogger.h"
+
+namespace auth_engine {
+namespace processors {
+
+namespace {
+
+// Local calendar view of the wall clock; false when the time cannot be represented.
+bool localNow(std::tm& out) {
+    const time_t now = static_cast<time_t>(AuthClock::now());
+    return localtime_r(&now, &out) != nullptr;
+}
+
+std::string todayText() {
+    std::tm tm{};
+    if (!localNow(tm)) {
+        return std::string();
+    }
+    char buffer[11];
+    const int written = std::snprintf(buffer, sizeof(buffer), "%04d-%02d-%02d", tm.tm_year + 1900,
+                                      tm.tm_mon + 1, tm.tm_mday);
+    return written < 0 ? std::string() : std::string(buffer);
+}
+
+std::string timeOfDayText() {
+    std::tm tm{};
+    if (!localNow(tm)) {
+        return std::string();
+    }
+    char buffer[9];
+    const int written =
+        std::snprintf(buffer, sizeof(buffer), "%02d:%02d:%02d", tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return written < 0 ? std::string() : std::string(buffer);
+}
+
+// "MM-DD" of a "YYYY-MM-DD" text; empty for anything shorter.
+std::string monthDay(const std::string& date) {
+    return date.size() < 10 ? std::string() : date.substr(5, 5);
+}
+
+bool dateMatches(const HolidayData& holiday, const std::string& today) {
+    if (holiday.yearlyRepeat != 0) {
+        // Only month and day recur; a range across the new year has end < start and never matches.
+        const std::string day = monthDay(today);
+        return monthDay(holiday.startDate) <= day && day <= monthDay(holiday.endDate);
+    }
+    return holiday.startDate <= today && today <= holiday.endDate;
+}
+
+// "HH:MM:SS-HH:MM:SS", both ends inclusive, no wrap past midnight.
+bool timeRangeMatches(const std::string& timeRange, const std::string& now) {
+    const std::string::size_type dash = timeRange.find('-');
+    if (dash == std::string::npos || dash >= 9) {
+        return false;
+    }
+    const std::string start = timeRange.substr(0, 8);
+    const std::string end = timeRange.substr(dash + 1, 8);
+    return start <= now && now <= end;
+}
+
+}  // namespace
+
+AuthResult HolidayCheckProcessor::process(AuthContext& context, IDataProvider& provider) {
+    if (context.skipHolidayCheck) {
+        context.holidayState = 0;
+        AuthLogger::info("[HolidayCheckProcessor:%d] skipHolidayCheck, result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+    const OpenDoorType openType = context.request.openType;
+    if (openType == OPEN_TYPE_PUBLIC_PIN || openType == OPEN_TYPE_LATCH_PIN) {
+        context.holidayState = 0;
+        AuthLogger::info("[HolidayCheckProcessor:%d] openType=%d, skip", __LINE__,
+                         static_cast<int>(openType));
+        return CONTINUE;
+    }
+
+    const AuthConfig config = provider.getAuthConfig();
+    const std::shared_ptr<UserData> user = context.userData;
+    if (!config.holidayEnabled || !user || user->holidayExempt != 0) {
+        context.holidayState = 0;
+        AuthLogger::info("[HolidayCheckProcessor:%d] result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+
+    const std::string today = todayText();
+    const std::string now = timeOfDayText();
+
+    const std::vector<HolidayData> holidays =
+        provider.getHolidays(user->holidayKey, user->ownerKind);
+    if (holidays.empty()) {
+        context.holidayState = 0;
+        AuthLogger::info("[HolidayCheckProcessor:%d] result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+
+    // Only the first holiday of today counts, even when a later one would restrict more.
+    context.holidayState = 0;
+    bool inForce = false;
+    for (const HolidayData& holiday : holidays) {
+        if (!dateMatches(holiday, today)) {
+            continue;
+        }
+        if (holiday.type == 1 && timeRangeMatches(holiday.timeRange, now)) {
+            context.holidayState = 1;  // inside the holiday's access hours
+        } else {
+            context.holidayState = 2;
+            inForce = true;
+        }
+        break;
+    }
+    if (!inForce) {
+        context.holidayState = 0;
+        AuthLogger::info("[HolidayCheckProcessor:%d] result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+
+    std::vector<std::string> kept;
+    std::vector<std::string> removed;
+    for (const std::string& relay : context.relays) {
+        const auto bySchedule = context.relayHolidayExemption.find(relay);
+        const bool scheduleExempt =
+            bySchedule != context.relayHolidayExemption.end() && bySchedule->second;
+        // The host is asked about every relay, even one its schedule already exempts.
+        const bool hostExempt = provider.isRelayHolidayExempt(relay);
+        if (scheduleExempt || hostExempt) {
+            kept.push_back(relay);
+        } else {
+            removed.push_back(relay);
+        }
+    }
+    context.relays = kept;
+    for (const std::string& relay : removed) {
+        context.failedRelays.push_back(relay);
+        context.relayFailReasons[relay] = "Holiday";
+    }
+    AuthLogger::info("[HolidayCheckProcessor:%d] in holiday, remainingRelays=%s, failedRelays=%s",
+                     __LINE__, joinRelayVector(context.relays).c_str(),
+                     joinRelayVector(context.failedRelays).c_str());
+
+    if (!context.relays.empty()) {
+        AuthLogger::info("[HolidayCheckProcessor:%d] result=%s, holiday exemption relays=%s",
+                         __LINE__, AuthLogger::authResultToString(CONTINUE),
+                         joinRelayVector(context.relays).c_str());
+        return CONTINUE;
+    }
+    context.response.result = FAILED;
+    context.response.failCode = 2;
+    context.response.reason = "Access denied: no relay with holiday exemption";
+    AuthLogger::info("[HolidayCheckProcessor:%d] result=%s, reason=%s", __LINE__,
+                     AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
+    return FAILED;
+}
+
+}  // namespace processors
+}  // namespace auth_engine

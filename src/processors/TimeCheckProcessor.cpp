@@ -1,0 +1,452 @@
+#include "processors/TimeCheckProcessor.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "auth_engine/AuthClock.h"
+#include "auth_engine/AuthLogger.h"
+
+namespace auth_engine {
+namespace processors {
+
+namespace {
+
+bool contains(const std::vector<std::string>& list, const std::string& value) {
+    return std::find(list.begin(), list.end(), value) != list.end();
+}
+
+// Formats the local calendar view of `now`; empty when the time cannot be represented (the
+// callers then refuse rather than compare against an empty text).
+std::string formatLocal(int64_t now, const char* format) {
+    const time_t seconds = static_cast<time_t>(now);
+    std::tm tm{};
+    if (localtime_r(&seconds, &tm) == nullptr) {
+        return std::string();
+    }
+    char buffer[9];
+    const std::size_t written = std::strftime(buffer, sizeof(buffer), format, &tm);
+    return written == 0 ? std::string() : std::string(buffer, written);
+}
+
+// Reads the ';'-separated schedule id list of a relay key. Each piece is read like atoi (leading
+// blanks and a sign allowed, reading stops at the first non-digit); ids outside 1..INT32_MAX,
+// unreadable pieces and repeats are dropped, first appearance wins.
+std::vector<int> parseScheduleIds(const std::string& text) {
+    std::vector<int> ids;
+    std::string::size_type start = 0;
+    while (start <= text.size()) {
+        std::string::size_type end = text.find(';', start);
+        if (end == std::string::npos) {
+            end = text.size();
+        }
+        const std::string piece = text.substr(start, end - start);
+        char* parsedEnd = nullptr;
+        errno = 0;
+        // Held as long long: where long is 32 bits a bound test on it would be always true.
+        const long long value = std::strtol(piece.c_str(), &parsedEnd, 10);
+        // ERANGE: on 32-bit targets an overlong id would otherwise saturate to INT32_MAX.
+        if (errno != ERANGE && value >= 1 && value <= INT32_MAX) {
+            const int id = static_cast<int>(value);
+            if (std::find(ids.begin(), ids.end(), id) == ids.end()) {
+                ids.push_back(id);
+            }
+        }
+        start = end + 1;
+    }
+    return ids;
+}
+
+void setHolidayExemption(AuthContext& context, const std::string& relay, bool exempt) {
+    context.relayHolidayExemption[relay] = exempt;
+    context.relayStatusMap[relay].holidayExemption = exempt;
+}
+
+void setFailure(AuthContext& context, int failCode, const char* reason) {
+    context.response.result = FAILED;
+    context.response.failCode = failCode;
+    context.response.reason = reason;
+}
+
+}  // namespace
+
+void TimeCheckProcessor::markAllRelaysFailed(AuthContext& context, const char* word) {
+    for (const std::string& relay : context.relays) {
+        if (!contains(context.failedRelays, relay)) {
+            context.failedRelays.push_back(relay);
+            context.relayFailReasons[relay] = word;
+        }
+    }
+}
+
+AuthResult TimeCheckProcessor::failureResult(const AuthContext& context) {
+    // A BLE open is attempted in passing; a refusal is dropped quietly rather than reported.
+    return context.request.openType == OPEN_TYPE_BLE ? IGNORED : FAILED;
+}
+
+AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& provider) {
+    const OpenDoorType openType = context.request.openType;
+
+    if (context.skipTimeCheck) {
+        AuthLogger::info("[TimeCheckProcessor:%d] skipTimeCheck, result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+    if (openType == OPEN_TYPE_TEMP_KEY) {
+        AuthLogger::info("[TimeCheckProcessor:%d] temp_key, only check holiday exemption",
+                         __LINE__);
+        return checkTempKeyHolidayExemption(context, provider);
+    }
+    if (openType == OPEN_TYPE_PUBLIC_PIN || openType == OPEN_TYPE_LATCH_PIN) {
+        AuthLogger::info("[TimeCheckProcessor:%d] openType=%d, skip", __LINE__,
+                         static_cast<int>(openType));
+        return CONTINUE;
+    }
+
+    const int64_t now = AuthClock::now();
+
+    if (openType == OPEN_TYPE_RELAY_KEY) {
+        AuthRequest& request = context.request;
+        const RelayKeyAuthData* const keyData = request.relayKeyData.get();
+        const std::vector<AuthTarget>& source =
+            (keyData != nullptr && !keyData->targets.empty()) ? keyData->targets : request.targets;
+        std::vector<std::string> relayList;
+        for (const AuthTarget& target : source) {
+            if ((target.type == 0 || target.type == 1) && !target.relay.empty() &&
+                !contains(relayList, target.relay)) {
+                relayList.push_back(target.relay);
+            }
+        }
+        if (relayList.empty()) {
+            relayList = request.relays;
+        }
+        if (relayList.empty()) {
+            setFailure(context, 32, "Relay key target invalid");
+            AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
+                             AuthLogger::authResultToString(FAILED),
+                             context.response.reason.c_str());
+            return FAILED;
+        }
+
+        const std::vector<int> scheduleIds =
+            parseScheduleIds(keyData != nullptr ? keyData->scheduleIds : request.credential);
+        context.relays = std::move(relayList);
+        context.authTargets = source;
+        if (scheduleIds.empty()) {
+            markAllRelaysFailed(context, "TimeCheck");
+            setFailure(context, 3, "Relay key schedule invalid");
+            AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
+                             AuthLogger::authResultToString(FAILED),
+                             context.response.reason.c_str());
+            return FAILED;
+        }
+
+        std::vector<std::string> idTexts;
+        idTexts.reserve(scheduleIds.size());
+        for (const int id : scheduleIds) {
+            idTexts.push_back(std::to_string(id));
+        }
+        context.relayScheduleMap.clear();
+        for (const std::string& relay : context.relays) {
+            context.relayScheduleMap[relay] = idTexts;
+        }
+        // Same "id-relay;id-relay" form as a user's scheduleRelay, so the host answers both alike.
+        std::string ownerKey;
+        for (const std::string& id : idTexts) {
+            for (const std::string& relay : context.relays) {
+                if (!ownerKey.empty()) {
+                    ownerKey += ';';
+                }
+                ownerKey += id;
+                ownerKey += '-';
+                ownerKey += relay;
+            }
+        }
+        return checkRelaySchedules(context, provider, ownerKey, 0, now);
+    }
+
+    const std::shared_ptr<UserData> user = context.userData;
+    if (!user) {
+        markAllRelaysFailed(context, "TimeCheck");
+        setFailure(context, 1, "No user data");
+        AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
+                         AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
+        return FAILED;
+    }
+
+    if (openType == OPEN_TYPE_LICENSE_PLATE) {
+        AuthLogger::info("[TimeCheckProcessor:%d] openType=%d", __LINE__,
+                         static_cast<int>(openType));
+        const std::shared_ptr<KeyData> plate = context.keyData;
+        if (!plate) {
+            markAllRelaysFailed(context, "TimeCheck");
+            setFailure(context, 22, "License plate key data not found");
+            AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
+                             AuthLogger::authResultToString(FAILED),
+                             context.response.reason.c_str());
+            return FAILED;
+        }
+        const int64_t plateNow = AuthClock::now();
+        AuthLogger::info("[TimeCheckProcessor:%d] currentTime=%lld", __LINE__,
+                         static_cast<long long>(plateNow));
+        if (!plate->longTermEnable) {
+            AuthLogger::info("[TimeCheckProcessor:%d] longTermEnable=%d", __LINE__,
+                             static_cast<int>(plate->longTermEnable));
+            AuthLogger::info("[TimeCheckProcessor:%d] startTime=%lld", __LINE__,
+                             static_cast<long long>(plate->startTime));
+            AuthLogger::info("[TimeCheckProcessor:%d] endTime=%lld", __LINE__,
+                             static_cast<long long>(plate->endTime));
+            const char* reason = nullptr;
+            if (plate->startTime >= 1 && plateNow < plate->startTime) {
+                reason = "License plate not yet valid";
+            } else if (plate->endTime >= 1 && plateNow > plate->endTime) {
+                reason = "License plate expired";
+            }
+            if (reason != nullptr) {
+                markAllRelaysFailed(context, "InvalidTimeRange");
+                setFailure(context, 7, reason);
+                AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
+                                 AuthLogger::authResultToString(FAILED), reason);
+                return FAILED;
+            }
+        }
+    }
+
+    if (user->validTimeStart >= 1 && now < user->validTimeStart) {
+        markAllRelaysFailed(context, "InvalidUserTime");
+        setFailure(context, 22, "User not yet valid");
+        AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
+                         AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
+        return failureResult(context);
+    }
+    AuthLogger::info(
+        "[TimeCheckProcessor:%d] currentTime=%lld, validTimeStart=%lld, validTimeEnd=%lld",
+        __LINE__, static_cast<long long>(now), static_cast<long long>(user->validTimeStart),
+        static_cast<long long>(user->validTimeEnd));
+    if (user->validTimeEnd >= 1 && now > user->validTimeEnd) {
+        markAllRelaysFailed(context, "InvalidUserTime");
+        setFailure(context, 22, "User expired");
+        AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
+                         AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
+        return failureResult(context);
+    }
+
+    return checkRelaySchedules(context, provider, user->scheduleRelay, user->ownerKind, now);
+}
+
+AuthResult TimeCheckProcessor::checkRelaySchedules(AuthContext& context, IDataProvider& provider,
+                                                   const std::string& ownerKey, int ownerKind,
+                                                   int64_t now) {
+    if (context.relayScheduleMap.empty()) {
+        AuthLogger::info("[TimeCheckProcessor:%d] relayScheduleMap empty, result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+
+    const std::vector<std::shared_ptr<ScheduleData>> schedules =
+        provider.getRelaySchedules(ownerKey, ownerKind);
+    std::map<std::string, std::shared_ptr<ScheduleData>> scheduleById;
+    for (const std::shared_ptr<ScheduleData>& schedule : schedules) {
+        if (!schedule) {
+            continue;
+        }
+        AuthLogger::info("[TimeCheckProcessor:%d] schedule=%s, name=%s", __LINE__,
+                         schedule->scheduleId.c_str(), schedule->name.c_str());
+        scheduleById[schedule->scheduleId] = schedule;  // a later duplicate replaces the earlier
+    }
+    AuthLogger::info("[TimeCheckProcessor:%d] loaded %d schedules, scheduleById size=%d", __LINE__,
+                     static_cast<int>(schedules.size()), static_cast<int>(scheduleById.size()));
+
+    std::vector<std::string> kept;
+    for (const std::string& relay : context.relays) {
+        const auto governing = context.relayScheduleMap.find(relay);
+        if (governing == context.relayScheduleMap.end() || governing->second.empty()) {
+            AuthLogger::info("[TimeCheckProcessor:%d] relay=%s has no schedules, skip time check",
+                             __LINE__, relay.c_str());
+            kept.push_back(relay);
+            continue;
+        }
+
+        bool admitted = false;
+        bool exempt = false;
+        for (const std::string& id : governing->second) {
+            AuthLogger::info("[TimeCheckProcessor:%d] relay=%s schedule=%s", __LINE__,
+                             relay.c_str(), id.c_str());
+            const auto found = scheduleById.find(id);
+            if (found == scheduleById.end() || !isScheduleValid(*found->second, now)) {
+                continue;
+            }
+            admitted = true;
+            AuthLogger::info(
+                "[TimeCheckProcessor:%d] relay=%s schedule=%s valid, holidayExemption=%d", __LINE__,
+                relay.c_str(), id.c_str(), static_cast<int>(found->second->holidayExemption));
+            // Keep looking past a valid schedule without exemption: an exempting one later wins.
+            if (found->second->holidayExemption) {
+                exempt = true;
+                break;
+            }
+        }
+
+        if (admitted) {
+            kept.push_back(relay);
+            setHolidayExemption(context, relay, exempt);
+            AuthLogger::info("[TimeCheckProcessor:%d] relay=%s passed, holidayExemption=%d",
+                             __LINE__, relay.c_str(), static_cast<int>(exempt));
+        } else {
+            context.failedRelays.push_back(relay);
+            context.relayFailReasons[relay] = "TimeCheck";
+            AuthLogger::info("[TimeCheckProcessor:%d] relay=%s failed time check", __LINE__,
+                             relay.c_str());
+        }
+    }
+
+    if (kept.empty()) {
+        // The candidate list is left as it was so later reporting still sees what was asked for.
+        setFailure(context, 3, "Not in scheduled time");
+        AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
+                         AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
+        return failureResult(context);
+    }
+    context.relays = std::move(kept);
+    AuthLogger::info("[TimeCheckProcessor:%d] result=%s", __LINE__,
+                     AuthLogger::authResultToString(CONTINUE));
+    return CONTINUE;
+}
+
+AuthResult TimeCheckProcessor::checkTempKeyHolidayExemption(AuthContext& context,
+                                                            IDataProvider& provider) {
+    const std::shared_ptr<UserData> user = context.userData;
+    if (!user) {
+        AuthLogger::info("[TimeCheckProcessor:%d] temp_key no user, skip holiday exemption",
+                         __LINE__);
+        return CONTINUE;
+    }
+
+    const int64_t now = AuthClock::now();
+    const std::vector<std::shared_ptr<ScheduleData>> schedules =
+        provider.getRelaySchedules(user->scheduleRelay, user->ownerKind);
+    bool hasExemption = false;
+    for (const std::shared_ptr<ScheduleData>& schedule : schedules) {
+        if (schedule && schedule->holidayExemption && isScheduleValid(*schedule, now)) {
+            hasExemption = true;
+            AuthLogger::info("[TimeCheckProcessor:%d] temp_key active exempting schedule=%s",
+                             __LINE__, schedule->scheduleId.c_str());
+            break;
+        }
+    }
+    for (const std::string& relay : context.relays) {
+        setHolidayExemption(context, relay, hasExemption);
+    }
+    AuthLogger::info("[TimeCheckProcessor:%d] temp_key user=%s, schedules=%d, hasExemption=%d",
+                     __LINE__, user->userId.c_str(), static_cast<int>(schedules.size()),
+                     static_cast<int>(hasExemption));
+    return CONTINUE;
+}
+
+bool TimeCheckProcessor::isScheduleValid(const ScheduleData& schedule, int64_t now) {
+    AuthLogger::info(
+        "[TimeCheckProcessor:%d] isScheduleValid: id=%d, type=%d, startTime=%s, endTime=%s, "
+        "weekly=%s, startDate=%s, endDate=%s, relay=%s",
+        __LINE__, schedule.id, schedule.type, schedule.startTime.c_str(), schedule.endTime.c_str(),
+        schedule.weekly.c_str(), schedule.startDate.c_str(), schedule.endDate.c_str(),
+        schedule.relay.c_str());
+
+    if (!isInDailyTime(schedule.startTime, schedule.endTime, now)) {
+        AuthLogger::info("[TimeCheckProcessor:%d] isInDailyTime=false", __LINE__);
+        return false;
+    }
+    AuthLogger::info("[TimeCheckProcessor:%d] isInDailyTime=true", __LINE__);
+
+    switch (schedule.type) {
+        case 1:
+            AuthLogger::info("[TimeCheckProcessor:%d] type=DAILY, passed", __LINE__);
+            return true;
+        case 2: {
+            const bool weekly = isWeeklyMatch(schedule.weekly, now);
+            AuthLogger::info("[TimeCheckProcessor:%d] type=WEEKLY, isWeeklyMatch=%d", __LINE__,
+                             static_cast<int>(weekly));
+            return weekly;
+        }
+        case 3: {
+            const bool weekly = isWeeklyMatch(schedule.weekly, now);
+            AuthLogger::info("[TimeCheckProcessor:%d] type=DATE, isWeeklyMatch=%d", __LINE__,
+                             static_cast<int>(weekly));
+            if (!weekly) {
+                return false;
+            }
+            const bool inRange = isInDateRange(schedule.startDate, schedule.endDate, now);
+            AuthLogger::info("[TimeCheckProcessor:%d] type=DATE, isInDateRange=%d", __LINE__,
+                             static_cast<int>(inRange));
+            return inRange;
+        }
+        default:
+            AuthLogger::info("[TimeCheckProcessor:%d] unknown type=%d", __LINE__, schedule.type);
+            return false;
+    }
+}
+
+bool TimeCheckProcessor::isInDailyTime(const std::string& startTime, const std::string& endTime,
+                                       int64_t now) {
+    const std::string current = formatLocal(now, "%H:%M:%S");
+    AuthLogger::info("[TimeCheckProcessor:%d] isInDailyTime: current=%s, start=%s, end=%s",
+                     __LINE__, current.c_str(), startTime.c_str(), endTime.c_str());
+    if (current.empty()) {
+        return false;
+    }
+    // Zero-padded texts order like the times they spell; an overnight range never matches.
+    return startTime <= current && current <= endTime;
+}
+
+bool TimeCheckProcessor::isWeeklyMatch(const std::string& weekly, int64_t now) {
+    const time_t seconds = static_cast<time_t>(now);
+    std::tm tm{};
+    if (localtime_r(&seconds, &tm) == nullptr) {
+        AuthLogger::error("[TimeCheckProcessor:%d] isWeeklyMatch: time %lld not representable",
+                          __LINE__, static_cast<long long>(now));
+        return false;
+    }
+    AuthLogger::info("[TimeCheckProcessor:%d] isWeeklyMatch: wday=%d, weekly=%s", __LINE__,
+                     tm.tm_wday, weekly.c_str());
+    return weekly.find(static_cast<char>('0' + tm.tm_wday)) != std::string::npos;
+}
+
+bool TimeCheckProcessor::isInDateRange(const std::string& startDate, const std::string& endDate,
+                                       int64_t now) {
+    const std::string current = formatLocal(now, "%Y%m%d");
+    std::string start;
+    std::string end;
+    for (const char c : startDate) {
+        if (c != '-') {
+            start += c;
+        }
+    }
+    for (const char c : endDate) {
+        if (c != '-') {
+            end += c;
+        }
+    }
+    // Deliberately asymmetric: an overlong start keeps its first eight characters, an overlong
+    // end its last eight.
+    if (start.size() > 8) {
+        start = start.substr(0, 8);
+    }
+    if (end.size() > 8) {
+        end = end.substr(end.size() - 8);
+    }
+    AuthLogger::info("[TimeCheckProcessor:%d] isInDateRange: current=%s, start=%s, end=%s",
+                     __LINE__, current.c_str(), start.c_str(), end.c_str());
+    if (current.empty()) {
+        return false;
+    }
+    return start <= current && current <= end;
+}
+
+}  // namespace processors
+}  // namespace auth_engine

@@ -1,0 +1,75 @@
+#include "processors/UnlockTypeProcessor.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "auth_engine/AuthLogger.h"
+
+namespace auth_engine {
+namespace processors {
+
+AuthResult UnlockTypeProcessor::process(AuthContext& context, IDataProvider& provider) {
+    AuthLogger::error("[UnlockTypeProcessor:%d] process, readerType=%d", __LINE__,
+                      static_cast<int>(context.request.readerType));
+    if (context.skipUnlockType) {
+        AuthLogger::info("[UnlockTypeProcessor:%d] skipUnlockType, result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+    // Open-type restrictions are configured for the device's own reader only.
+    if (context.request.readerType != READER_TYPE_INTERNAL) {
+        AuthLogger::info("[UnlockTypeProcessor:%d] readerType is not internal, result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+    if (context.request.openType == OPEN_TYPE_RELAY_KEY) {
+        AuthLogger::info("[UnlockTypeProcessor:%d] relay key skips unlock type, result=%s",
+                         __LINE__, AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+    if (context.relays.empty()) {
+        AuthLogger::info("[UnlockTypeProcessor:%d] result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+
+    const std::vector<std::string> forbidden =
+        provider.getForbiddenUnlockTypeRelays(context.relays, context.request.openType);
+    if (forbidden.empty()) {
+        AuthLogger::info("[UnlockTypeProcessor:%d] result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+
+    std::vector<std::string> remaining;
+    for (const std::string& relay : context.relays) {
+        if (std::find(forbidden.begin(), forbidden.end(), relay) != forbidden.end()) {
+            context.failedRelays.push_back(relay);
+            context.relayFailReasons[relay] = "UnlockType";
+        } else {
+            remaining.push_back(relay);
+        }
+    }
+    context.relays = remaining;
+    // The host's answer is reported as given, and the fail code stays on a passing request so the
+    // host can tell a partial open from a full one.
+    context.response.failedRelays = forbidden;
+    context.response.failCode = 4;
+
+    if (!context.relays.empty()) {
+        AuthLogger::info("[UnlockTypeProcessor:%d] partial pass, forbidden=%s, remaining=%s",
+                         __LINE__, joinRelayVector(forbidden).c_str(),
+                         joinRelayVector(context.relays).c_str());
+        AuthLogger::info("[UnlockTypeProcessor:%d] result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+    context.response.result = FAILED;
+    context.response.reason = "Forbidden open type for all relays";
+    AuthLogger::info("[UnlockTypeProcessor:%d] result=%s, all forbidden", __LINE__,
+                     AuthLogger::authResultToString(FAILED));
+    return FAILED;
+}
+
+}  // namespace processors
+}  // namespace auth_engine
