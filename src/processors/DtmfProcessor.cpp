@@ -1,0 +1,136 @@
+#include "processors/DtmfProcessor.h"
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "auth_engine/AuthLogger.h"
+
+namespace auth_engine {
+namespace processors {
+
+namespace {
+
+void fail(AuthContext& context, int failCode, const char* reason) {
+    context.response.result = FAILED;
+    context.response.failCode = failCode;
+    context.response.reason = reason;
+}
+
+// Targets of a code's relays: "S" plus a letter is a kind-1 relay, anything else kind 0. Empty ids
+// and repeats are dropped.
+std::vector<AuthTarget> targetsForRelays(const std::vector<std::string>& relays) {
+    std::vector<AuthTarget> targets;
+    for (const std::string& relay : relays) {
+        if (relay.empty()) {
+            continue;
+        }
+        const bool seen = std::any_of(targets.begin(), targets.end(),
+                                      [&relay](const AuthTarget& t) { return t.relay == relay; });
+        if (seen) {
+            continue;
+        }
+        AuthTarget target;
+        target.type = (relay.size() > 1 && relay[0] == 'S') ? 1 : 0;
+        target.relay = relay;
+        targets.push_back(target);
+    }
+    return targets;
+}
+
+}  // namespace
+
+AuthResult DtmfProcessor::process(AuthContext& context, IDataProvider& provider) {
+    if (context.request.openType != OPEN_TYPE_DTMF) {
+        AuthLogger::info("[DtmfProcessor:%d] non-DTMF, result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+    const std::shared_ptr<DtmfRequestData> dtmfData = context.request.dtmfData;
+    if (!dtmfData) {
+        fail(context, 0, "Invalid DTMF data");
+        AuthLogger::info("[DtmfProcessor:%d] missing dtmf data, result=%s", __LINE__,
+                         AuthLogger::authResultToString(FAILED));
+        return FAILED;
+    }
+
+    DtmfConfig config;
+    if (!provider.getDtmfConfig(config, context) || !config.enabled) {
+        fail(context, 1, "DTMF open disabled");
+        AuthLogger::info("[DtmfProcessor:%d] disabled, result=%s", __LINE__,
+                         AuthLogger::authResultToString(FAILED));
+        return FAILED;
+    }
+
+    // An empty code never matches, and a code that names no usable relay opens nothing: both are
+    // refused here rather than left for later checks to interpret.
+    const auto code = dtmfData->dtmfCode.empty() ? config.codeRelays.end()
+                                                 : config.codeRelays.find(dtmfData->dtmfCode);
+    const std::vector<AuthTarget> targets = code == config.codeRelays.end()
+                                                ? std::vector<AuthTarget>()
+                                                : targetsForRelays(code->second);
+    if (targets.empty()) {
+        fail(context, 1, "Invalid DTMF code");
+        AuthLogger::info("[DtmfProcessor:%d] unknown code, result=%s", __LINE__,
+                         AuthLogger::authResultToString(FAILED));
+        return FAILED;
+    }
+
+    auto data = std::make_shared<DtmfAuthData>();
+    data->dtmfCode = dtmfData->dtmfCode;
+    data->remoteNumber = dtmfData->remoteNumber;
+    data->remoteUsername = dtmfData->remoteUsername;
+    if (config.whitelistRequired) {
+        DtmfWhitelistRequest question;
+        question.remoteNumber = dtmfData->remoteNumber;
+        question.remoteUsername = dtmfData->remoteUsername;
+        question.dtmfCode = dtmfData->dtmfCode;
+        DtmfWhitelistResult answer;
+        if (!provider.requestDtmfWhitelist(question, answer) || !answer.allowed) {
+            fail(context, 1, "DTMF caller not whitelisted");
+            AuthLogger::info("[DtmfProcessor:%d] caller not whitelisted, result=%s", __LINE__,
+                             AuthLogger::authResultToString(FAILED));
+            return FAILED;
+        }
+        data->resolvedPerId = answer.resolvedPerId;
+        data->remoteUsername = answer.remoteUsername;
+        data->whitelisted = true;
+    }
+    data->targets = targets;
+    context.dtmfAuthData = data;
+
+    for (const AuthTarget& target : targets) {
+        const bool known = std::any_of(context.authTargets.begin(), context.authTargets.end(),
+                                       [&target](const AuthTarget& t) {
+                                           return t.type == target.type && t.relay == target.relay;
+                                       });
+        if (!known) {
+            context.authTargets.push_back(target);
+        }
+        if (std::find(context.relays.begin(), context.relays.end(), target.relay) ==
+            context.relays.end()) {
+            context.relays.push_back(target.relay);
+        }
+    }
+
+    UserData user;
+    if (provider.getDtmfUser(dtmfData->remoteNumber, user, context)) {
+        context.userData = std::make_shared<UserData>(user);
+        context.response.user = context.userData;
+        context.skipUserLookup = true;
+        AuthLogger::info("[DtmfProcessor:%d] caller resolved, user=%s, relays=%s, result=%s",
+                         __LINE__, user.userId.c_str(), joinRelayVector(context.relays).c_str(),
+                         AuthLogger::authResultToString(CONTINUE));
+    } else {
+        // Unknown caller: the user lookup decides, and may admit a visitor.
+        AuthLogger::info("[DtmfProcessor:%d] caller unknown, whitelisted=%d, relays=%s, result=%s",
+                         __LINE__, data->whitelisted ? 1 : 0,
+                         joinRelayVector(context.relays).c_str(),
+                         AuthLogger::authResultToString(CONTINUE));
+    }
+    return CONTINUE;
+}
+
+}  // namespace processors
+}  // namespace auth_engine

@@ -1,0 +1,143 @@
+#include "processors/HttpProcessor.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+#include "auth_engine/AuthLogger.h"
+
+namespace auth_engine {
+namespace processors {
+
+namespace {
+
+// Only these relays may be opened over HTTP; the names are compared literally on purpose.
+bool isValidHttpTarget(const AuthTarget& target) {
+    if (target.relay.empty()) {
+        return false;
+    }
+    switch (target.type) {
+        case 0:
+            return target.relay == "1" || target.relay == "2";
+        case 1:
+            return target.relay == "SA" || target.relay == "SB";
+        case 2:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// Compares every byte of the longer text whatever the contents, so the time taken does not tell a
+// caller how many leading characters of a guess were right.
+bool equalsConstantTime(const std::string& presented, const std::string& expected) {
+    const std::size_t length = std::max(presented.size(), expected.size());
+    unsigned int difference = presented.size() == expected.size() ? 0U : 1U;
+    for (std::size_t i = 0; i < length; ++i) {
+        const unsigned char a =
+            i < presented.size() ? static_cast<unsigned char>(presented[i]) : 0U;
+        const unsigned char b = i < expected.size() ? static_cast<unsigned char>(expected[i]) : 0U;
+        difference |= static_cast<unsigned int>(a ^ b);
+    }
+    return difference == 0U;
+}
+
+bool credentialsAccepted(const HttpRequestData& data, const HttpOpenConfig& config) {
+    switch (data.authMode) {
+        case 0: {
+            // Both comparisons always run: no early exit on a wrong user name.
+            const bool userOk = equalsConstantTime(data.username, config.username);
+            const bool passwordOk = equalsConstantTime(data.password, config.password);
+            return userOk && passwordOk;
+        }
+        case 1:
+            return data.preAuthenticated != 0;
+        default:
+            return false;
+    }
+}
+
+void fail(AuthContext& context, int failCode, const char* reason) {
+    context.response.result = FAILED;
+    context.response.failCode = failCode;
+    context.response.reason = reason;
+}
+
+}  // namespace
+
+AuthResult HttpProcessor::process(AuthContext& context, IDataProvider& provider) {
+    const int openType = context.request.openType;
+    if (openType != OPEN_TYPE_HTTP && openType != OPEN_TYPE_HTTP_20) {
+        AuthLogger::info("[HttpProcessor:%d] non-HTTP, result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+    const std::shared_ptr<HttpRequestData> httpData = context.request.httpData;
+    if (!httpData) {
+        fail(context, 0, "Invalid HTTP data");
+        AuthLogger::info("[HttpProcessor:%d] missing http data, result=%s", __LINE__,
+                         AuthLogger::authResultToString(FAILED));
+        return FAILED;
+    }
+
+    const std::vector<AuthTarget> targets =
+        httpData->targets.empty() ? context.request.targets : httpData->targets;
+    if (targets.empty()) {
+        fail(context, 32, "Invalid HTTP target");
+        AuthLogger::info("[HttpProcessor:%d] empty target list, result=%s", __LINE__,
+                         AuthLogger::authResultToString(FAILED));
+        return FAILED;
+    }
+    for (const AuthTarget& target : targets) {
+        if (!isValidHttpTarget(target)) {
+            fail(context, 32, "Invalid HTTP target");
+            AuthLogger::info("[HttpProcessor:%d] invalid target, result=%s", __LINE__,
+                             AuthLogger::authResultToString(FAILED));
+            return FAILED;
+        }
+    }
+
+    // Commands from other sources were authorised where they came from.
+    if (httpData->source == 0) {
+        HttpOpenConfig config;
+        if (!provider.getHttpOpenConfig(config) || !config.enabled) {
+            fail(context, 30, "HTTP open disabled");
+            AuthLogger::info("[HttpProcessor:%d] disabled, result=%s", __LINE__,
+                             AuthLogger::authResultToString(FAILED));
+            return FAILED;
+        }
+        if (!credentialsAccepted(*httpData, config)) {
+            fail(context, 31, "HTTP authentication failed");
+            AuthLogger::info("[HttpProcessor:%d] auth failed, result=%s", __LINE__,
+                             AuthLogger::authResultToString(FAILED));
+            return FAILED;
+        }
+    }
+
+    context.httpRequestData = std::make_shared<HttpRequestData>(*httpData);
+    for (const AuthTarget& target : targets) {
+        if ((target.type == 0 || target.type == 1) &&
+            std::find(context.relays.begin(), context.relays.end(), target.relay) ==
+                context.relays.end()) {
+            context.relays.push_back(target.relay);
+        }
+    }
+    context.authTargets = targets;
+
+    // The command names its doors itself: no user lookup and no user-based policy applies.
+    context.skipUserLookup = true;
+    context.skipVirtualDoor = true;
+    context.skipUnlockType = true;
+    context.skipTimeCheck = true;
+    context.skipHolidayCheck = true;
+    context.virtualDoorExempt = true;
+
+    AuthLogger::info("[HttpProcessor:%d] source=%d, targets=%d, result=%s", __LINE__,
+                     httpData->source, static_cast<int>(targets.size()),
+                     AuthLogger::authResultToString(CONTINUE));
+    return CONTINUE;
+}
+
+}  // namespace processors
+}  // namespace auth_engine

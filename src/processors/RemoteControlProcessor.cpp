@@ -1,0 +1,79 @@
+#include "processors/RemoteControlProcessor.h"
+
+#include <algorithm>
+#include <memory>
+#include <string>
+
+#include "auth_engine/AuthLogger.h"
+
+namespace auth_engine {
+namespace processors {
+
+AuthResult RemoteControlProcessor::process(AuthContext& context, IDataProvider& provider) {
+    if (context.request.openType != OPEN_TYPE_REMOTE_CONTROL) {
+        AuthLogger::info("[RemoteControlProcessor:%d] non-remote-control, result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+    const std::string remoteUserId = context.request.credential;
+    if (remoteUserId.empty()) {
+        context.response.result = FAILED;
+        context.response.failCode = 1;
+        context.response.reason = "Remote control user id is empty";
+        AuthLogger::info("[RemoteControlProcessor:%d] empty remote user id, result=%s", __LINE__,
+                         AuthLogger::authResultToString(FAILED));
+        return FAILED;
+    }
+
+    UserData user;
+    if (!provider.getRemoteControlUser(remoteUserId, user, context)) {
+        // The remote side vouches for the command; without a known user it must at least say what
+        // to open.
+        if (context.request.targets.empty()) {
+            context.response.result = FAILED;
+            context.response.failCode = 32;
+            context.response.reason = "Remote control target invalid";
+            AuthLogger::info("[RemoteControlProcessor:%d] fallback target invalid, result=%s",
+                             __LINE__, AuthLogger::authResultToString(FAILED));
+            return FAILED;
+        }
+        user = UserData();
+        user.userId = remoteUserId;
+        user.userType = 1;
+        AuthLogger::info(
+            "[RemoteControlProcessor:%d] user not found, use command-authorized fallback",
+            __LINE__);
+    }
+
+    context.userData = std::make_shared<UserData>(user);
+    context.response.user = context.userData;
+
+    auto data = std::make_shared<RemoteControlAuthData>();
+    data->remoteUserId = remoteUserId;
+    data->commandText = context.request.commandText;
+    data->targets = context.request.targets;
+    context.remoteControlAuthData = data;
+
+    context.authTargets = context.request.targets;
+    for (const AuthTarget& target : context.authTargets) {
+        if ((target.type == 0 || target.type == 1) && !target.relay.empty() &&
+            std::find(context.relays.begin(), context.relays.end(), target.relay) ==
+                context.relays.end()) {
+            context.relays.push_back(target.relay);
+        }
+    }
+
+    // The user is settled here, and the remote side already chose how the door may be opened.
+    context.skipUserLookup = true;
+    context.skipUnlockType = true;
+    context.skipVirtualDoor = context.request.virtualDoorExempt;
+    context.virtualDoorExempt = context.request.virtualDoorExempt;
+
+    AuthLogger::info("[RemoteControlProcessor:%d] remoteUserId=%s, targets=%d, result=%s", __LINE__,
+                     remoteUserId.c_str(), static_cast<int>(context.authTargets.size()),
+                     AuthLogger::authResultToString(CONTINUE));
+    return CONTINUE;
+}
+
+}  // namespace processors
+}  // namespace auth_engine
