@@ -6,6 +6,7 @@
 #include <semaphore.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -186,6 +187,16 @@ private:
     /// onAuthResult(context, context.response.result), then the callback if set, each guarded.
     void reportToHost(const AuthContext& context, const AuthCallback& callback);
 
+    /// The processors met walking from `start`, stopping at one already visited (takes chainMutex).
+    std::vector<std::shared_ptr<IAuthProcessor>> collectChain(std::shared_ptr<IAuthProcessor> start);
+    /// Runs `list` from position `first` as the chain runner does, without any engine lock.
+    AuthResult runProcessors(const std::vector<std::shared_ptr<IAuthProcessor>>& list,
+                             std::size_t first, AuthContext& context);
+    /// The record that saveAsyncContext stores, built without the lock (the timeout needs the
+    /// configuration, which is a provider call).
+    AsyncContext makeAsyncContext(const AuthContext& context, AsyncRequestType type,
+                                  AuthCallback callback);
+
     /// A copy of the provider (null before init and after reset).
     std::shared_ptr<IDataProvider> provider();
     /// The configuration from the provider, or a default one without provider or when it throws.
@@ -211,7 +222,9 @@ private:
     bool semaphoreReady = false;
     bool workerStarted = false;
     bool workerBusy = false;  ///< guarded by queueMutex: the worker is inside a pass
-    std::shared_ptr<Gate> gate;
+    /// Notified (with queueMutex) whenever the worker ends a pass or stops; waitForIdle waits on it.
+    std::condition_variable idleChanged;
+    std::shared_ptr<Gate> gate;  ///< guarded by chainMutex; null before init and after reset
     std::map<std::string, std::vector<EarlyAnswer>> underConstruction;  ///< guarded by queueMutex
     /// Guards chainHead, processors, dataProvider and every processor's `next` link: a chain walk
     /// collects the processors to run under it, then runs them without it.

@@ -1,0 +1,490 @@
+// AuthEngine set-up, processor registry and chain, the synchronous run and the small helpers shared
+// by every path (host-call guard, reporting, inspection).
+#include "engine/AuthEngine.h"
+
+#include <pthread.h>
+
+#include <chrono>
+#include <exception>
+#include <set>
+#include <utility>
+
+#include "auth_engine/AuthClock.h"
+#include "auth_engine/AuthLogger.h"
+#include "processors/AntiPassbackProcessor.h"
+#include "processors/BleIntervalProcessor.h"
+#include "processors/DoubleAuthProcessor.h"
+#include "processors/DtmfProcessor.h"
+#include "processors/HolidayCheckProcessor.h"
+#include "processors/HttpProcessor.h"
+#include "processors/InputProcessor.h"
+#include "processors/InterlockProcessor.h"
+#include "processors/LockDownProcessor.h"
+#include "processors/ParkingRestrictionProcessor.h"
+#include "processors/RemoteControlProcessor.h"
+#include "processors/TempKeyProcessor.h"
+#include "processors/TimeCheckProcessor.h"
+#include "processors/UnlockTypeProcessor.h"
+#include "processors/UserLookupProcessor.h"
+#include "processors/VirtualDoorProcessor.h"
+
+namespace auth_engine {
+
+namespace {
+
+// The fixed default order: credential processors first, so that a DTMF, remote-control,
+// temporary-key, HTTP or input open resolves its user before the generic lookup; policies follow.
+// The three per-relay checks are registered but run only in the independent relay phase.
+const std::vector<std::string>& defaultChain() {
+    static const std::vector<std::string> names = {
+        chain::DTMF,       chain::REMOTE_CONTROL, chain::TEMP_KEY,      chain::HTTP,
+        chain::INPUT,      chain::USER_LOOKUP,    chain::DOUBLE_AUTH,   chain::VIRTUAL_DOOR,
+        chain::TIME_CHECK, chain::BLE_INTERVAL,   chain::HOLIDAY_CHECK, chain::UNLOCK_TYPE,
+        chain::LOCK_DOWN};
+    return names;
+}
+
+// Hands the engine pointer to the processors that ask the host or park a context.
+void attachEngine(const std::shared_ptr<IAuthProcessor>& processor, AuthEngine* engine) {
+    if (auto p = std::dynamic_pointer_cast<processors::TempKeyProcessor>(processor)) {
+        p->setEngine(engine);
+    } else if (auto p = std::dynamic_pointer_cast<processors::AntiPassbackProcessor>(processor)) {
+        p->setEngine(engine);
+    } else if (auto p = std::dynamic_pointer_cast<processors::InterlockProcessor>(processor)) {
+        p->setEngine(engine);
+    } else if (auto p =
+                   std::dynamic_pointer_cast<processors::ParkingRestrictionProcessor>(processor)) {
+        p->setEngine(engine);
+    }
+}
+
+}  // namespace
+
+AuthEngine::AuthEngine() {
+    // The semaphore lives as long as the engine, so that a late post from a host thread never
+    // touches a destroyed semaphore; init reports -3 if it could not be created.
+    semaphoreReady = sem_init(&queueSemaphore, 0, 0) == 0;
+}
+
+AuthEngine::~AuthEngine() {
+    try {
+        reset();
+    } catch (...) {
+        AuthLogger::error("[AuthEngine] reset threw during destruction");
+    }
+    if (semaphoreReady) {
+        sem_destroy(&queueSemaphore);
+    }
+}
+
+int AuthEngine::init(std::shared_ptr<IDataProvider> newProvider) {
+    if (!newProvider) {
+        return -1;
+    }
+    {
+        std::lock_guard<std::mutex> lock(chainMutex);
+        dataProvider = std::move(newProvider);
+    }
+    createProcessors();
+    buildProcessorChain();
+
+    if (running) {
+        // A second init keeps the worker, the queues, the parked requests and the gate: answers to
+        // questions asked before it still belong to the same run.
+        initialized = true;
+        return 0;
+    }
+    if (!semaphoreReady) {
+        return -3;
+    }
+    std::shared_ptr<Gate> opened = std::make_shared<Gate>();
+    opened->engine = this;
+    {
+        std::lock_guard<std::mutex> lock(chainMutex);
+        gate = opened;
+    }
+    running = true;
+    if (pthread_create(&workerThread, nullptr, &AuthEngine::asyncThreadFunc, this) != 0) {
+        running = false;
+        {
+            std::unique_lock<std::shared_mutex> closing(opened->mutex);
+            opened->engine = nullptr;
+        }
+        std::lock_guard<std::mutex> lock(chainMutex);
+        gate.reset();
+        return -4;
+    }
+    workerStarted = true;
+    initialized = true;
+    return 0;
+}
+
+void AuthEngine::createProcessors() {
+    std::vector<std::shared_ptr<IAuthProcessor>> created = {
+        std::make_shared<processors::UserLookupProcessor>(),
+        std::make_shared<processors::DtmfProcessor>(),
+        std::make_shared<processors::RemoteControlProcessor>(),
+        std::make_shared<processors::TempKeyProcessor>(),
+        std::make_shared<processors::HttpProcessor>(),
+        std::make_shared<processors::InputProcessor>(),
+        std::make_shared<processors::DoubleAuthProcessor>(),
+        std::make_shared<processors::TimeCheckProcessor>(),
+        std::make_shared<processors::BleIntervalProcessor>(),
+        std::make_shared<processors::VirtualDoorProcessor>(),
+        std::make_shared<processors::HolidayCheckProcessor>(),
+        std::make_shared<processors::UnlockTypeProcessor>(),
+        std::make_shared<processors::LockDownProcessor>(),
+        std::make_shared<processors::AntiPassbackProcessor>(),
+        std::make_shared<processors::InterlockProcessor>(),
+        std::make_shared<processors::ParkingRestrictionProcessor>(),
+    };
+    for (const auto& processor : created) {
+        attachEngine(processor, this);
+    }
+    std::lock_guard<std::mutex> lock(chainMutex);
+    for (const auto& processor : created) {
+        auto& slot = processors[processor->getName()];
+        if (slot) {
+            // The replaced instance may sit in a cycle left by the tail rule; unlink it so it is
+            // freed.
+            slot->setNext(nullptr);
+        }
+        slot = processor;
+    }
+}
+
+void AuthEngine::buildProcessorChain() {
+    setProcessorChain(defaultChain());
+}
+
+void AuthEngine::setProcessorChain(const std::vector<std::string>& names) {
+    std::lock_guard<std::mutex> lock(chainMutex);
+    if (!dataProvider) {
+        return;
+    }
+    chainHead.reset();
+    if (names.empty()) {
+        return;
+    }
+    const auto first = processors.find(names.front());
+    if (first == processors.end() || !first->second) {
+        return;
+    }
+    chainHead = first->second;
+    std::shared_ptr<IAuthProcessor> tail = chainHead;
+    for (std::size_t i = 1; i < names.size(); ++i) {
+        const auto found = processors.find(names[i]);
+        if (found == processors.end() || !found->second) {
+            continue;
+        }
+        tail->setNext(found->second);
+        tail = found->second;
+    }
+    // The tail keeps its old next link on purpose: a shorter chain that ends on a processor which
+    // had a successor before continues into it. Every walk stops at a processor already visited.
+}
+
+void AuthEngine::registerProcessor(std::shared_ptr<IAuthProcessor> processor) {
+    if (!processor) {
+        return;
+    }
+    std::string name;
+    if (!guardHostCall("getName", [&] { name = processor->getName(); })) {
+        return;
+    }
+    attachEngine(processor, this);
+    std::lock_guard<std::mutex> lock(chainMutex);
+    processors[name] = std::move(processor);
+}
+
+void AuthEngine::reloadConfig() {
+    // Nothing is cached: every use asks the provider's getAuthConfig afresh, so there is nothing to
+    // reload, before init or after it.
+}
+
+bool AuthEngine::isReady() const {
+    return initialized;
+}
+
+AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCallback& callback,
+                                      const std::string& requestId) {
+    AuthResponse response;
+    response.result = FAILED;
+    response.failCode = 0;
+    const std::shared_ptr<IDataProvider> host = provider();
+    if (!initialized || !host) {
+        response.reason = "Engine not initialized";
+        return response;
+    }
+
+    AuthContext context;
+    context.request = request;
+    context.response = response;
+    context.requestId = requestId;
+    context.authTargets = request.targets;
+
+    if (!requestId.empty()) {
+        // Visible by id while the chain runs; answers that arrive meanwhile wait for the park.
+        AsyncContext early = makeAsyncContext(context, ASYNC_TYPE_SYNC, callback);
+        std::lock_guard<std::mutex> lock(queueMutex);
+        asyncContexts[requestId] = std::move(early);
+        beginConstructionLocked(requestId);
+    }
+
+    const AuthResult result = executeProcessorChain(context);
+
+    // Reader default relays (informational): direction 2 is deliberately preferred over 1.
+    if (context.readerRelays.empty()) {
+        const AuthConfig config = fetchConfig();
+        if (config.virtualDoorEnabled) {
+            const auto reader = config.readerRelayMap.find(context.request.readerType);
+            if (reader != config.readerRelayMap.end() && !reader->second.empty()) {
+                const auto out = reader->second.find(RELAY_DIRECTION_OUT);
+                const auto in = reader->second.find(RELAY_DIRECTION_IN);
+                if (out != reader->second.end() && !out->second.empty()) {
+                    context.readerRelays = out->second;
+                    context.readerDirection = RELAY_DIRECTION_OUT;
+                } else if (in != reader->second.end() && !in->second.empty()) {
+                    context.readerRelays = in->second;
+                    context.readerDirection = RELAY_DIRECTION_IN;
+                }
+            }
+        }
+    }
+
+    const auto release = [&] {
+        if (requestId.empty()) {
+            return;
+        }
+        std::lock_guard<std::mutex> lock(queueMutex);
+        asyncContexts.erase(requestId);
+        unregisterSubRequests(requestId);
+        abandonConstructionLocked(requestId);
+    };
+
+    switch (result) {
+        case ASYNC_PENDING: {
+            context.response.result = ASYNC_PENDING;
+            if (!requestId.empty()) {
+                AsyncContext parked = makeAsyncContext(context, ASYNC_TYPE_SYNC, callback);
+                std::vector<std::string> ready;
+                {
+                    std::lock_guard<std::mutex> lock(queueMutex);
+                    asyncContexts[requestId] = std::move(parked);
+                    ready = finishConstructionLocked(requestId);
+                }
+                for (const auto& id : ready) {
+                    enqueueResume(id);
+                }
+            }
+            return context.response;
+        }
+        case DROPPED:
+            context.response.result = DROPPED;
+            release();
+            return context.response;
+        case IGNORED:
+            context.response.result = IGNORED;
+            if (callback) {
+                guardHostCall("callback", [&] { callback(requestId, context.response, context); });
+            }
+            release();
+            return context.response;
+        case DOUBLE_AUTH_PENDING:
+            context.response.result = DOUBLE_AUTH_PENDING;
+            AuthLogger::info("AuthEngine::authenticate: requestId=%s, result=%s", requestId.c_str(),
+                             AuthLogger::authResultToString(DOUBLE_AUTH_PENDING));
+            reportToHost(context, callback);
+            release();
+            return context.response;
+        default:
+            break;
+    }
+
+    release();
+    context.response.result = result;
+    AuthLogger::info("AuthEngine::authenticate: requestId=%s, result=%d", requestId.c_str(),
+                     static_cast<int>(result));
+    guardHostCall("processPostSyncPhase", [&] { processPostSyncPhase(context, callback); });
+    return context.response;
+}
+
+AuthResult AuthEngine::executeProcessorChain(AuthContext& context) {
+    std::shared_ptr<IAuthProcessor> head;
+    {
+        std::lock_guard<std::mutex> lock(chainMutex);
+        head = chainHead;
+    }
+    if (!head) {
+        context.response.failCode = 0;
+        context.response.reason = "No processor chain configured";
+        return FAILED;
+    }
+    return runChainFrom(head, context);
+}
+
+std::string AuthEngine::generateRequestId() {
+    const uint32_t number = requestCounter.fetch_add(1);
+    return "req_" + std::to_string(number) + "_" + std::to_string(AuthClock::now());
+}
+
+int64_t AuthEngine::getUptimeSeconds() {
+    return AuthClock::uptime();
+}
+
+// ---- chain walks ----
+
+std::vector<std::shared_ptr<IAuthProcessor>> AuthEngine::collectChain(
+    std::shared_ptr<IAuthProcessor> start) {
+    std::vector<std::shared_ptr<IAuthProcessor>> list;
+    std::set<const IAuthProcessor*> visited;
+    std::lock_guard<std::mutex> lock(chainMutex);
+    for (auto current = std::move(start); current; current = current->getNext()) {
+        if (!visited.insert(current.get()).second) {
+            break;
+        }
+        list.push_back(current);
+    }
+    return list;
+}
+
+AuthResult AuthEngine::runProcessors(const std::vector<std::shared_ptr<IAuthProcessor>>& list,
+                                     std::size_t first, AuthContext& context) {
+    const std::shared_ptr<IDataProvider> host = provider();
+    if (!host) {
+        context.response.failCode = 0;
+        context.response.reason = "Engine not initialized";
+        return FAILED;
+    }
+    AuthResult result = CONTINUE;
+    for (std::size_t i = first; i < list.size() && result == CONTINUE; ++i) {
+        const auto& processor = list[i];
+        const bool completed = guardHostCall("processor", [&] {
+            result = processor->process(context, *host);
+            if (result == ASYNC_PENDING) {
+                context.pendingProcessor = processor->getName();
+            }
+        });
+        if (!completed) {
+            // A processor throws only when the host's code it called did; the request ends here and
+            // is reported once by the caller's normal path.
+            context.response.failCode = 0;
+            context.response.reason = "Internal error";
+            return FAILED;
+        }
+    }
+    return result == CONTINUE ? SUCCESS : result;
+}
+
+AuthResult AuthEngine::runChainFrom(std::shared_ptr<IAuthProcessor> start, AuthContext& context) {
+    return runProcessors(collectChain(std::move(start)), 0, context);
+}
+
+// ---- host calls ----
+
+bool AuthEngine::guardHostCall(const char* what, const std::function<void()>& fn) {
+    try {
+        fn();
+        return true;
+    } catch (const std::exception& e) {
+        AuthLogger::error("[AuthEngine] %s threw: %s", what, e.what());
+    } catch (...) {
+        AuthLogger::error("[AuthEngine] %s threw: %s", what, "unknown exception");
+    }
+    return false;
+}
+
+void AuthEngine::reportToHost(const AuthContext& context, const AuthCallback& callback) {
+    if (const std::shared_ptr<IDataProvider> host = provider()) {
+        guardHostCall("onAuthResult",
+                      [&] { host->onAuthResult(context, context.response.result); });
+    }
+    if (callback) {
+        guardHostCall("callback", [&] { callback(context.requestId, context.response, context); });
+    }
+}
+
+std::shared_ptr<IDataProvider> AuthEngine::provider() {
+    std::lock_guard<std::mutex> lock(chainMutex);
+    return dataProvider;
+}
+
+AuthConfig AuthEngine::fetchConfig() {
+    const std::shared_ptr<IDataProvider> host = provider();
+    AuthConfig config;
+    if (host) {
+        guardHostCall("getAuthConfig", [&] { config = host->getAuthConfig(); });
+    }
+    return config;
+}
+
+// ---- inspection ----
+
+std::shared_ptr<IAuthProcessor> AuthEngine::getProcessor(const std::string& name) {
+    std::lock_guard<std::mutex> lock(chainMutex);
+    const auto found = processors.find(name);
+    return found == processors.end() ? nullptr : found->second;
+}
+
+std::vector<std::string> AuthEngine::chainNames() {
+    std::shared_ptr<IAuthProcessor> head;
+    {
+        std::lock_guard<std::mutex> lock(chainMutex);
+        head = chainHead;
+    }
+    std::vector<std::string> names;
+    for (const auto& processor : collectChain(head)) {
+        guardHostCall("getName", [&] { names.push_back(processor->getName()); });
+    }
+    return names;
+}
+
+std::size_t AuthEngine::parkedChainCount() {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    return asyncContexts.size();
+}
+
+std::size_t AuthEngine::parkedPhaseCount() {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    return independentContexts.size();
+}
+
+std::size_t AuthEngine::subRequestCount() {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    return subRequests.size();
+}
+
+bool AuthEngine::peekParkedChain(const std::string& requestId, AsyncContext& out) {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    const auto found = asyncContexts.find(requestId);
+    if (found == asyncContexts.end()) {
+        return false;
+    }
+    out = found->second;
+    return true;
+}
+
+bool AuthEngine::peekParkedPhase(const std::string& phaseId, IndependentAsyncContext& out) {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    const auto found = independentContexts.find(phaseId);
+    if (found == independentContexts.end()) {
+        return false;
+    }
+    out = found->second;
+    return true;
+}
+
+std::string AuthEngine::subRequestParent(const std::string& subRequestId) {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    const auto found = subRequests.find(subRequestId);
+    return found == subRequests.end() ? std::string() : found->second;
+}
+
+bool AuthEngine::waitForIdle(int timeoutMs) {
+    std::unique_lock<std::mutex> lock(queueMutex);
+    return idleChanged.wait_for(
+        lock, std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs),
+        [&] { return !running || (resumeQueue.empty() && requestQueue.empty() && !workerBusy); });
+}
+
+}  // namespace auth_engine

@@ -1,0 +1,647 @@
+// AuthEngine asynchronous side: the worker thread and its queues, parked chains, host answers and
+// their routing, the resume of parked chains, the chain timeout sweep and reset.
+#include <pthread.h>
+
+#include <algorithm>
+#include <ctime>
+#include <exception>
+#include <utility>
+
+#include "auth_engine/AuthClock.h"
+#include "auth_engine/AuthLogger.h"
+#include "engine/AuthEngine.h"
+
+namespace auth_engine {
+
+namespace {
+
+constexpr std::size_t kRequestQueueLimit = 100;
+constexpr const char* kAntiPassbackInfix = "_ap_";
+constexpr const char* kInterlockInfix = "_il_";
+constexpr std::size_t kInfixLength = 4;
+
+// Writes what the host reported into a parked response. Fields the host leaves empty, zero or
+// negative keep what the chain already put there; failedRelays is always the engine's own.
+void applyResponse(AuthResponse& stored, AuthResult result, const AuthResponse& answer) {
+    stored.result = result;
+    if (!answer.relays.empty()) {
+        stored.relays = answer.relays;
+    }
+    if (!answer.unlockOptionsRelays.empty()) {
+        stored.unlockOptionsRelays = answer.unlockOptionsRelays;
+    }
+    if (!answer.openedRelays.empty()) {
+        stored.openedRelays = answer.openedRelays;
+    }
+    if (answer.failCode != 0) {
+        stored.failCode = answer.failCode;
+    }
+    if (!answer.reason.empty()) {
+        stored.reason = answer.reason;
+    }
+    if (!answer.asyncType.empty()) {
+        stored.asyncType = answer.asyncType;
+    }
+    if (!answer.unlockOptionsId.empty()) {
+        stored.unlockOptionsId = answer.unlockOptionsId;
+    }
+    if (answer.remoteFailCode >= 0) {
+        stored.remoteFailCode = answer.remoteFailCode;
+    }
+}
+
+// Merges the host's context update. A skip flag once set is never cleared by an answer.
+void mergeUpdate(AuthContext& stored, const AuthContext& update) {
+    if (update.dtmfAuthData) {
+        stored.dtmfAuthData = update.dtmfAuthData;
+    }
+    if (update.remoteControlAuthData) {
+        stored.remoteControlAuthData = update.remoteControlAuthData;
+    }
+    if (update.tempKeyAuthData) {
+        stored.tempKeyAuthData = update.tempKeyAuthData;
+    }
+    if (update.httpRequestData) {
+        stored.httpRequestData = update.httpRequestData;
+    }
+    if (update.inputRequestData) {
+        stored.inputRequestData = update.inputRequestData;
+    }
+    if (!update.authTargets.empty()) {
+        stored.authTargets = update.authTargets;
+    }
+    stored.skipUserLookup = stored.skipUserLookup || update.skipUserLookup;
+    stored.skipVirtualDoor = stored.skipVirtualDoor || update.skipVirtualDoor;
+    stored.skipUnlockType = stored.skipUnlockType || update.skipUnlockType;
+    stored.skipTimeCheck = stored.skipTimeCheck || update.skipTimeCheck;
+    stored.skipHolidayCheck = stored.skipHolidayCheck || update.skipHolidayCheck;
+    stored.virtualDoorExempt = stored.virtualDoorExempt || update.virtualDoorExempt;
+}
+
+// Records one relay's answer; true when it was the relay's first answer (the pending count fell).
+template <typename SubResult>
+bool recordRelayAnswer(std::map<std::string, SubResult>& results, int& pending,
+                       const std::string& relay, AuthResult result) {
+    const auto found = results.find(relay);
+    if (found == results.end() || found->second.answered) {
+        return false;
+    }
+    found->second.status = result;
+    found->second.answered = true;
+    --pending;
+    return true;
+}
+
+void keepFirstRemoteFailCode(AuthContext& context, const AuthResponse& answer) {
+    if (answer.remoteFailCode >= 0 && context.antiPassbackFailCode < 0) {
+        context.antiPassbackFailCode = answer.remoteFailCode;
+    }
+}
+
+AuthResponse shutdownResponse() {
+    AuthResponse response;
+    response.result = FAILED;
+    response.failCode = 0;
+    response.reason = "Engine shutdown";
+    return response;
+}
+
+}  // namespace
+
+// ---- submissions and the worker ----
+
+std::string AuthEngine::authenticateAsync(const AuthRequest& request,
+                                          const AuthCallback& callback) {
+    if (!initialized || !running || !provider()) {
+        return {};
+    }
+    std::string requestId;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        // Checked again under the lock: reset drains the queue under it, so nothing accepted after
+        // the drain could be left without its callback.
+        if (!running || requestQueue.size() >= kRequestQueueLimit) {
+            return {};
+        }
+        AsyncAuthRequest entry;
+        entry.request = request;
+        entry.callback = callback;
+        entry.requestId = generateRequestId();
+        entry.enqueueTime = getUptimeSeconds();
+        requestId = entry.requestId;
+        requestQueue.push_back(std::move(entry));
+    }
+    sem_post(&queueSemaphore);
+    return requestId;
+}
+
+void AuthEngine::enqueueResume(const std::string& requestId) {
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        resumeQueue.push_back(requestId);
+    }
+    if (semaphoreReady) {
+        sem_post(&queueSemaphore);
+    }
+}
+
+void* AuthEngine::asyncThreadFunc(void* arg) {
+    auto* const self = static_cast<AuthEngine*>(arg);
+    guardHostCall("reloadConfig", [&] { self->reloadConfig(); });
+    while (self->running) {
+        timespec deadline{};
+        clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_sec += 1;
+        // Posted, timed out or interrupted: every outcome starts a pass.
+        sem_timedwait(&self->queueSemaphore, &deadline);
+        if (!self->running) {
+            break;
+        }
+        // One item per wake-up; each item had its own post, so nothing is lost. Resumes go first
+        // so that answered requests are not starved by new submissions.
+        bool haveResume = false;
+        std::string resumeId;
+        AsyncAuthRequest entry;
+        {
+            std::lock_guard<std::mutex> lock(self->queueMutex);
+            self->workerBusy = true;
+            if (!self->resumeQueue.empty()) {
+                resumeId = std::move(self->resumeQueue.front());
+                self->resumeQueue.pop_front();
+                haveResume = true;
+            } else if (!self->requestQueue.empty()) {
+                entry = std::move(self->requestQueue.front());
+                self->requestQueue.pop_front();
+            }
+        }
+        if (haveResume) {
+            guardHostCall("resumeAuthentication", [&] { self->resumeAuthentication(resumeId); });
+        } else if (!entry.requestId.empty()) {
+            guardHostCall("authenticate", [&] {
+                self->authenticate(entry.request, entry.callback, entry.requestId);
+            });
+        }
+        guardHostCall("checkAllPendingTimeouts", [&] { self->checkAllPendingTimeouts(); });
+        {
+            std::lock_guard<std::mutex> lock(self->queueMutex);
+            self->workerBusy = false;
+        }
+        self->idleChanged.notify_all();
+    }
+    {
+        std::lock_guard<std::mutex> lock(self->queueMutex);
+        self->workerBusy = false;
+    }
+    self->idleChanged.notify_all();
+    return nullptr;
+}
+
+// ---- parked chains and sub-requests ----
+
+AuthEngine::AsyncContext AuthEngine::makeAsyncContext(const AuthContext& context,
+                                                      AsyncRequestType type,
+                                                      AuthCallback callback) {
+    AsyncContext parked;
+    parked.context = context;
+    parked.type = type;
+    parked.createTime = AuthClock::now();
+    parked.callback = std::move(callback);
+    parked.timeoutSeconds = 30;
+    if (provider()) {
+        const AuthConfig config = fetchConfig();
+        if (type == ASYNC_TYPE_ANTI_PASSBACK) {
+            parked.timeoutSeconds = config.antiPassbackTimeout;
+        } else if (type == ASYNC_TYPE_PARKING) {
+            parked.timeoutSeconds = config.parkingTimeout;
+        } else if (context.request.openType == OPEN_TYPE_TEMP_KEY) {
+            parked.timeoutSeconds = config.tempKeyTimeout;
+        }
+    }
+    return parked;
+}
+
+void AuthEngine::saveAsyncContext(const std::string& requestId, const AuthContext& context,
+                                  AsyncRequestType type, AuthCallback callback) {
+    AsyncContext parked = makeAsyncContext(context, type, std::move(callback));
+    std::lock_guard<std::mutex> lock(queueMutex);
+    asyncContexts[requestId] = std::move(parked);
+}
+
+void AuthEngine::registerSubRequest(const std::string& subRequestId,
+                                    const std::string& parentRequestId) {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    subRequests[subRequestId] = parentRequestId;
+}
+
+void AuthEngine::unregisterSubRequests(const std::string& parentRequestId) {
+    for (auto it = subRequests.begin(); it != subRequests.end();) {
+        if (it->second == parentRequestId) {
+            it = subRequests.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+// ---- answers ----
+
+AuthCallback AuthEngine::makeAnswerCallback(const std::string& routedId) {
+    std::shared_ptr<Gate> current;
+    {
+        std::lock_guard<std::mutex> lock(chainMutex);
+        current = gate;
+    }
+    return [current, routedId](const std::string& calledId, const AuthResponse& response,
+                               const AuthContext& context) {
+        if (!current) {
+            return;
+        }
+        std::shared_lock<std::shared_mutex> lock(current->mutex);
+        if (current->engine == nullptr) {
+            return;  // the engine was reset: a late answer is dropped
+        }
+        AuthEngine* const engine = current->engine;
+        guardHostCall("handleAsyncResponse", [&] {
+            engine->handleAsyncResponse(routedId.empty() ? calledId : routedId, response.result,
+                                        response, context);
+        });
+    };
+}
+
+void AuthEngine::handleAsyncResponse(const std::string& requestId, AuthResult result,
+                                     const AuthResponse& response,
+                                     const AuthContext& contextUpdate) {
+    if (requestId.empty()) {
+        return;
+    }
+    std::string ready;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        ready = applyAnswerLocked(requestId, result, response, contextUpdate);
+    }
+    if (!ready.empty()) {
+        enqueueResume(ready);
+    }
+}
+
+std::string AuthEngine::applyAnswerLocked(const std::string& requestId, AuthResult result,
+                                          const AuthResponse& response,
+                                          const AuthContext& contextUpdate) {
+    if (requestId.empty()) {
+        return {};
+    }
+
+    // An answer that overtakes the store of its request or phase waits until the state exists.
+    std::string holdKey;
+    const auto building = [&](const std::string& id) {
+        return !id.empty() && underConstruction.count(id) != 0;
+    };
+    if (building(requestId)) {
+        holdKey = requestId;
+    }
+    for (const char* infix : {kAntiPassbackInfix, kInterlockInfix}) {
+        const std::size_t pos = requestId.find(infix);
+        if (holdKey.empty() && pos != std::string::npos && building(requestId.substr(0, pos))) {
+            holdKey = requestId.substr(0, pos);
+        }
+    }
+    if (holdKey.empty()) {
+        const auto parent = subRequests.find(requestId);
+        if (parent != subRequests.end() && building(parent->second)) {
+            holdKey = parent->second;
+        }
+    }
+    if (!holdKey.empty()) {
+        underConstruction[holdKey].push_back(
+            EarlyAnswer{requestId, result, response, contextUpdate});
+        return {};
+    }
+
+    // Per-relay answer of a parked independent phase.
+    const std::size_t apPos = requestId.find(kAntiPassbackInfix);
+    if (apPos != std::string::npos) {
+        const std::string parentId = requestId.substr(0, apPos);
+        const auto phase = independentContexts.find(parentId);
+        if (phase != independentContexts.end()) {
+            AuthContext& context = phase->second.context;
+            mergeUpdate(context, contextUpdate);
+            keepFirstRemoteFailCode(context, response);
+            const bool counted =
+                recordRelayAnswer(context.antiPassbackResults, context.antiPassbackPending,
+                                  requestId.substr(apPos + kInfixLength), result);
+            subRequests.erase(requestId);
+            // Only the answer that brings the count to zero resumes; a repeat resumes nothing.
+            return counted && context.antiPassbackPending == 0 ? parentId : std::string();
+        }
+    }
+    const std::size_t ilPos = requestId.find(kInterlockInfix);
+    if (ilPos != std::string::npos) {
+        const std::string parentId = requestId.substr(0, ilPos);
+        const auto phase = independentContexts.find(parentId);
+        if (phase != independentContexts.end()) {
+            AuthContext& context = phase->second.context;
+            mergeUpdate(context, contextUpdate);
+            const bool counted =
+                recordRelayAnswer(context.interlockResults, context.interlockPending,
+                                  requestId.substr(ilPos + kInfixLength), result);
+            subRequests.erase(requestId);
+            return counted && context.interlockPending == 0 ? parentId : std::string();
+        }
+    }
+
+    // Answer to a parked phase or a parked chain itself.
+    const auto phase = independentContexts.find(requestId);
+    if (phase != independentContexts.end()) {
+        applyResponse(phase->second.context.response, result, response);
+        mergeUpdate(phase->second.context, contextUpdate);
+        return requestId;
+    }
+    const auto parked = asyncContexts.find(requestId);
+    if (parked != asyncContexts.end()) {
+        applyResponse(parked->second.context.response, result, response);
+        mergeUpdate(parked->second.context, contextUpdate);
+        return requestId;
+    }
+
+    // Anti-passback question sent from inside a parked chain.
+    const auto sub = subRequests.find(requestId);
+    if (sub == subRequests.end()) {
+        return {};  // unknown: dropped
+    }
+    const std::string parentId = sub->second;
+    const auto owner = asyncContexts.find(parentId);
+    if (owner == asyncContexts.end()) {
+        return {};  // the parent is not parked (running or gone): keep the entry
+    }
+    const std::string interlockPrefix = parentId + kInterlockInfix;
+    if (requestId.compare(0, interlockPrefix.size(), interlockPrefix) == 0) {
+        // A parked chain sums up only anti-passback answers; an interlock answer is not for it.
+        return {};
+    }
+    AuthContext& context = owner->second.context;
+    mergeUpdate(context, contextUpdate);
+    const std::string prefix = parentId + kAntiPassbackInfix;
+    if (requestId.size() > prefix.size() && requestId.compare(0, prefix.size(), prefix) == 0) {
+        keepFirstRemoteFailCode(context, response);
+        recordRelayAnswer(context.antiPassbackResults, context.antiPassbackPending,
+                          requestId.substr(prefix.size()), result);
+    }
+    subRequests.erase(sub);
+    return context.antiPassbackPending < 1 ? parentId : std::string();
+}
+
+// ---- ids under construction ----
+
+void AuthEngine::beginConstructionLocked(const std::string& id) {
+    if (!id.empty()) {
+        underConstruction.emplace(id, std::vector<EarlyAnswer>());
+    }
+}
+
+std::vector<std::string> AuthEngine::finishConstructionLocked(const std::string& id) {
+    std::vector<std::string> ready;
+    const auto found = underConstruction.find(id);
+    if (found == underConstruction.end()) {
+        return ready;
+    }
+    const std::vector<EarlyAnswer> answers = std::move(found->second);
+    underConstruction.erase(found);
+    for (const auto& answer : answers) {
+        const std::string resumeId = applyAnswerLocked(answer.requestId, answer.result,
+                                                       answer.response, answer.contextUpdate);
+        if (!resumeId.empty() && std::find(ready.begin(), ready.end(), resumeId) == ready.end()) {
+            ready.push_back(resumeId);
+        }
+    }
+    return ready;
+}
+
+void AuthEngine::abandonConstructionLocked(const std::string& id) {
+    underConstruction.erase(id);
+}
+
+// ---- resume ----
+
+void AuthEngine::resumeAuthentication(const std::string& requestId) {
+    AsyncContext parked;
+    {
+        std::unique_lock<std::mutex> lock(queueMutex);
+        if (independentContexts.count(requestId) != 0) {
+            lock.unlock();
+            resumeIndependentAsync(requestId);
+            return;
+        }
+        const auto found = asyncContexts.find(requestId);
+        if (found == asyncContexts.end()) {
+            return;  // duplicate or late resume
+        }
+        parked = std::move(found->second);
+        asyncContexts.erase(found);
+        unregisterSubRequests(requestId);
+        beginConstructionLocked(requestId);
+    }
+    AuthContext& context = parked.context;
+    const AuthCallback& callback = parked.callback;
+    const auto endConstruction = [&] {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        abandonConstructionLocked(requestId);
+    };
+
+    const AuthResult stored = context.response.result;
+    if (stored == DROPPED || stored == IGNORED) {
+        endConstruction();
+        return;
+    }
+
+    // Resume at the processor that parked the request; it finds its answer in the context.
+    std::shared_ptr<IAuthProcessor> head;
+    {
+        std::lock_guard<std::mutex> lock(chainMutex);
+        head = chainHead;
+    }
+    const auto walk = collectChain(head);
+    std::size_t index = walk.size();
+    for (std::size_t i = 0; i < walk.size() && index == walk.size(); ++i) {
+        std::string name;
+        guardHostCall("getName", [&] { name = walk[i]->getName(); });
+        if (name == context.pendingProcessor) {
+            index = i;
+        }
+    }
+    AuthResult result = FAILED;
+    if (index < walk.size()) {
+        result = runProcessors(walk, index, context);
+    } else {
+        // Nothing left to decide: only an answer that itself granted the request passes.
+        result = stored == SUCCESS ? SUCCESS : FAILED;
+    }
+
+    if (result == ASYNC_PENDING) {
+        context.response.result = ASYNC_PENDING;
+        AsyncContext again = makeAsyncContext(context, ASYNC_TYPE_SYNC, callback);
+        std::vector<std::string> ready;
+        {
+            std::lock_guard<std::mutex> lock(queueMutex);
+            asyncContexts[requestId] = std::move(again);
+            ready = finishConstructionLocked(requestId);
+        }
+        for (const auto& id : ready) {
+            enqueueResume(id);
+        }
+        return;
+    }
+
+    context.response.result = result;
+    endConstruction();
+    if (result == DROPPED || result == IGNORED) {
+        return;
+    }
+    if (context.pendingProcessor == chain::TEMP_KEY && result != DOUBLE_AUTH_PENDING) {
+        guardHostCall("processPostSyncPhase", [&] { processPostSyncPhase(context, callback); });
+        return;
+    }
+    if (result == SUCCESS) {
+        guardHostCall("buildAuthTargets", [&] { buildAuthTargets(context); });
+    } else {
+        context.response.targets.clear();
+        if (result == FAILED) {
+            context.response.openedRelays.clear();
+        }
+    }
+    reportToHost(context, callback);
+}
+
+// ---- timeouts ----
+
+void AuthEngine::checkTimeoutRequests() {
+    checkAllPendingTimeouts();
+}
+
+void AuthEngine::checkAllPendingTimeouts() {
+    guardHostCall("checkTimeoutForChainRequests", [&] { checkTimeoutForChainRequests(); });
+    guardHostCall("checkTimeoutForIndependentRequests",
+                  [&] { checkTimeoutForIndependentRequests(); });
+}
+
+void AuthEngine::checkTimeoutForChainRequests() {
+    // Parked chains are timed on the wall clock, as saveAsyncContext stamps them.
+    const int64_t now = AuthClock::now();
+    const std::shared_ptr<IDataProvider> host = provider();
+    std::lock_guard<std::mutex> lock(queueMutex);
+    for (auto it = asyncContexts.begin(); it != asyncContexts.end();) {
+        const std::string id = it->first;
+        AsyncContext& parked = it->second;
+        const int64_t elapsed = now - parked.createTime;
+        if (underConstruction.count(id) != 0 ||
+            elapsed <= static_cast<int64_t>(parked.timeoutSeconds)) {
+            ++it;
+            continue;
+        }
+        AuthContext& context = parked.context;
+        for (auto& entry : context.antiPassbackResults) {
+            if (!entry.second.answered) {
+                entry.second.status = FAILED;
+                entry.second.answered = true;
+            }
+        }
+        context.response.result = FAILED;
+        context.response.failCode = context.request.openType == OPEN_TYPE_TEMP_KEY ? 24 : 0;
+        context.response.reason = "Async request timeout";
+        context.response.openedRelays.clear();
+        context.response.targets.clear();
+        // Called under the lock by design: such callbacks must not call back into the engine.
+        if (host) {
+            guardHostCall("onAuthResult",
+                          [&] { host->onAuthResult(context, context.response.result); });
+        }
+        if (parked.callback) {
+            guardHostCall("callback",
+                          [&] { parked.callback(context.requestId, context.response, context); });
+        }
+        unregisterSubRequests(id);
+        it = asyncContexts.erase(it);
+    }
+}
+
+// ---- reset ----
+
+void AuthEngine::reset() {
+    // Close the gate first: answers still travelling from the host are dropped from now on, and an
+    // answer already inside the engine finishes before the state goes away.
+    std::shared_ptr<Gate> closing;
+    {
+        std::lock_guard<std::mutex> lock(chainMutex);
+        closing = std::move(gate);
+        gate.reset();
+    }
+    if (closing) {
+        std::unique_lock<std::shared_mutex> lock(closing->mutex);
+        closing->engine = nullptr;
+    }
+    // running is cleared before initialized, so whoever sees the engine not ready also knows the
+    // worker takes no further item.
+    running = false;
+    initialized = false;
+
+    if (workerStarted) {
+        sem_post(&queueSemaphore);
+        pthread_join(workerThread, nullptr);
+        workerStarted = false;
+    }
+
+    std::map<std::string, IndependentAsyncContext> phases;
+    std::map<std::string, AsyncContext> chains;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        // Queued submissions are failed in order, under the lock, like a timed-out chain.
+        while (!requestQueue.empty()) {
+            const AsyncAuthRequest entry = std::move(requestQueue.front());
+            requestQueue.pop_front();
+            if (entry.callback) {
+                guardHostCall("callback", [&] {
+                    entry.callback(entry.requestId, shutdownResponse(), AuthContext());
+                });
+            }
+        }
+        chains = std::move(asyncContexts);
+        asyncContexts.clear();
+        phases = std::move(independentContexts);
+        independentContexts.clear();
+        subRequests.clear();
+        resumeQueue.clear();
+        underConstruction.clear();
+    }
+    idleChanged.notify_all();
+
+    {
+        std::lock_guard<std::mutex> lock(chainMutex);
+        // Unlink every processor: the tail rule can leave cycles that would otherwise never be
+        // freed.
+        for (auto& entry : processors) {
+            if (entry.second) {
+                entry.second->setNext(nullptr);
+            }
+        }
+        chainHead.reset();
+        processors.clear();
+    }
+
+    // Parked chains vanish silently; parked phases are told, outside the lock.
+    chains.clear();
+    for (const auto& entry : phases) {
+        const IndependentAsyncContext& phase = entry.second;
+        if (phase.callback) {
+            guardHostCall("callback", [&] {
+                phase.callback(phase.context.requestId, shutdownResponse(), AuthContext());
+            });
+        }
+    }
+
+    {
+        std::lock_guard<std::mutex> lock(chainMutex);
+        dataProvider.reset();
+    }
+    requestCounter = 0;
+}
+
+}  // namespace auth_engine

@@ -1,0 +1,970 @@
+// The independent relay phase: after the chain has passed, relays that need no further check open
+// at once, the others are held back per relay for anti-passback, then interlock, then parking
+// restriction. Each held-back group waits under its own phase id and is reported on its own, so one
+// request may produce several reports.
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "auth_engine/AuthLogger.h"
+#include "engine/AuthEngine.h"
+#include "processors/AntiPassbackProcessor.h"
+#include "processors/InterlockProcessor.h"
+#include "processors/ParkingRestrictionProcessor.h"
+
+namespace auth_engine {
+
+namespace {
+
+const char* const PHASE_SYNC = "sync";
+const char* const PHASE_ANTI_PASSBACK = "antipassback";
+const char* const PHASE_INTERLOCK = "interlock";
+const char* const PHASE_PARKING = "parking";
+const char* const PHASE_UNLOCK_OPTIONS = "unlock_options";
+const char* const PHASE_INFIX = "_ind_";
+
+const char* const REASON_AUTH_FAILED = "AuthFailed";
+const char* const REASON_CHOICE_CANCELED = "User canceled relay selection";
+
+constexpr int CHECK_ANTI_PASSBACK = 0;
+constexpr int CHECK_INTERLOCK = 1;
+constexpr int CHECK_PARKING = 2;
+
+constexpr int FAIL_CODE_ANTI_PASSBACK = 5;
+constexpr int FAIL_CODE_INTERLOCK = 21;
+constexpr int FAIL_CODE_PARKING = 23;
+constexpr int FAIL_CODE_CHOICE = 44;
+
+constexpr int32_t CHOICE_TIMEOUT_SECONDS = 30;
+
+bool contains(const std::vector<std::string>& list, const std::string& value) {
+    return std::find(list.begin(), list.end(), value) != list.end();
+}
+
+void appendOnce(std::vector<std::string>& list, const std::string& value) {
+    if (!contains(list, value)) {
+        list.push_back(value);
+    }
+}
+
+std::vector<std::string> uniqueRelays(const std::vector<std::string>& relays) {
+    std::vector<std::string> unique;
+    for (const std::string& relay : relays) {
+        appendOnce(unique, relay);
+    }
+    return unique;
+}
+
+bool isRelayTarget(const AuthTarget& target) {
+    return target.type == 0 || target.type == 1;
+}
+
+/// Removes the first check of `relay` when it is `check`; true when it was.
+bool popCheck(std::map<std::string, std::vector<int>>& checks, const std::string& relay,
+              int check) {
+    const auto entry = checks.find(relay);
+    if (entry == checks.end() || entry->second.empty() || entry->second.front() != check) {
+        return false;
+    }
+    entry->second.erase(entry->second.begin());
+    return true;
+}
+
+/// A response that carries no outcome yet, only the phase it belongs to.
+AuthResponse phaseResponse(const char* phase) {
+    AuthResponse response;
+    response.asyncType = phase;
+    return response;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------------
+// Targets and phase reports
+
+void AuthEngine::buildAuthTargets(AuthContext& context) {
+    const std::vector<std::string> relays =
+        context.relays.empty() ? context.response.openedRelays : context.relays;
+    buildAuthTargetsForRelays(context, relays, true);
+}
+
+void AuthEngine::buildAuthTargetsForRelays(AuthContext& context,
+                                           const std::vector<std::string>& relays,
+                                           bool includeUserTarget) {
+    std::vector<AuthTarget> targets;
+    std::set<std::pair<int, std::string>> added;
+    const auto add = [&targets, &added](int type, const std::string& id) {
+        if (added.insert({type, id}).second) {
+            targets.push_back(AuthTarget{type, id});
+        }
+    };
+    // Targets gathered by the chain keep their kind; a relay target is only actuated for a relay
+    // that this report opens.
+    for (const AuthTarget& target : context.authTargets) {
+        if (isRelayTarget(target) ? contains(relays, target.relay) : includeUserTarget) {
+            add(target.type, target.relay);
+        }
+    }
+    for (const std::string& relay : relays) {
+        add(relay.size() > 1 && relay[0] == 'S' ? 1 : 0, relay);
+    }
+    if (includeUserTarget && context.userData && !context.userData->userTargetId.empty()) {
+        add(2, context.userData->userTargetId);
+    }
+    context.response.targets = std::move(targets);
+}
+
+void AuthEngine::notifyIndependentPhase(AuthContext& context, const AuthCallback& callback,
+                                        const std::string& phase,
+                                        const std::vector<std::string>& opened,
+                                        const std::vector<std::string>& failed, int failCode,
+                                        bool notifyProvider) {
+    if (opened.empty() && failed.empty()) {
+        return;
+    }
+    context.asyncType = phase;
+    context.response.asyncType = phase;
+    context.response.openedRelays = opened;
+    context.response.failedRelays = failed;
+    context.response.failCode = failed.empty() ? 0 : failCode;
+    context.response.result = opened.empty() ? FAILED : SUCCESS;
+    context.response.allFailed = opened.empty() ? 1 : 0;
+    if (opened.empty()) {
+        context.response.targets.clear();
+    } else {
+        // Non-relay grants went out with the immediate report; they are not repeated.
+        buildAuthTargetsForRelays(context, opened, false);
+    }
+    if (notifyProvider) {
+        reportToHost(context, callback);
+    } else if (callback) {
+        guardHostCall("independent phase callback", [&callback, &context] {
+            callback(context.requestId, context.response, context);
+        });
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Post-sync split
+
+void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& callback) {
+    const AuthConfig config = fetchConfig();
+    const bool chainFailed = context.response.result == FAILED;
+
+    // A relay refused only by the virtual-door policy is not this reader's door: it is neither
+    // reported as failed nor opened.
+    std::vector<std::string> failed;
+    for (const std::string& relay : context.failedRelays) {
+        const auto reason = context.relayFailReasons.find(relay);
+        if (reason != context.relayFailReasons.end() && reason->second != chain::VIRTUAL_DOOR) {
+            appendOnce(failed, relay);
+        }
+    }
+    std::vector<std::string> candidates;
+    for (const std::string& relay : context.relays) {
+        if (!contains(failed, relay)) {
+            appendOnce(candidates, relay);
+        }
+    }
+    if (chainFailed) {
+        for (const std::string& relay : candidates) {
+            failed.push_back(relay);
+            context.relayFailReasons.emplace(relay, REASON_AUTH_FAILED);
+        }
+        candidates.clear();
+        if (failed.empty()) {
+            failed = !context.response.failedRelays.empty() ? context.response.failedRelays
+                                                            : context.deniedRelays;
+        }
+    }
+
+    // A request without id still needs one to route the answers of a parked phase; the reports
+    // that go out at once keep the caller's (empty) id.
+    std::string parentId = context.requestId;
+    const auto ensureParentId = [this, &parentId] {
+        if (parentId.empty()) {
+            parentId = generateRequestId();
+        }
+        return parentId;
+    };
+
+    if (!context.unlockOptionsResolved && config.unlockOptionsEnabled && candidates.size() > 1) {
+        const std::string optionsId = ensureParentId() + PHASE_INFIX + PHASE_UNLOCK_OPTIONS;
+        IndependentAsyncContext wrapper;
+        wrapper.context = context;
+        wrapper.context.asyncType = PHASE_SYNC;
+        wrapper.context.relays = candidates;
+        wrapper.context.requestId = optionsId;
+        // Only the host's answer may be read on resume, never what the chain left behind.
+        wrapper.context.response = phaseResponse(PHASE_SYNC);
+        wrapper.context.response.result = UNLOCK_OPTIONS_PENDING;
+        wrapper.phase = PHASE_UNLOCK_OPTIONS;
+        wrapper.callback = callback;
+        wrapper.startTime = static_cast<uint64_t>(getUptimeSeconds());
+        wrapper.timeoutSeconds = CHOICE_TIMEOUT_SECONDS;
+        wrapper.parentRequestId = parentId;
+        std::vector<std::string> resumes;
+        {
+            std::lock_guard<std::mutex> lock(queueMutex);
+            beginConstructionLocked(optionsId);
+            independentContexts[optionsId] = std::move(wrapper);
+            resumes = finishConstructionLocked(optionsId);
+        }
+        for (const std::string& id : resumes) {
+            enqueueResume(id);
+        }
+
+        context.asyncType = PHASE_SYNC;
+        context.response = phaseResponse(PHASE_SYNC);
+        context.response.result = UNLOCK_OPTIONS_PENDING;
+        context.response.failedRelays = failed;
+        context.response.unlockOptionsId = optionsId;
+        context.response.unlockOptionsRelays = candidates;
+        reportToHost(context, callback);
+        return;
+    }
+
+    // Split the candidates by the checks they still need.
+    const bool apApplies = config.antiPassbackEnabled && context.userData &&
+                           (context.userData->userType == 1 || context.userData->userType == 2) &&
+                           context.request.openType != OPEN_TYPE_REMOTE_CONTROL;
+    const bool parkingApplies = config.parkingRestrictionEnabled &&
+                                context.request.openType == OPEN_TYPE_LICENSE_PLATE &&
+                                context.userData && context.userData->userType == 1;
+    std::vector<std::string> apRelays;
+    std::vector<std::string> interlockRelays;
+    std::vector<std::string> parkingRelays;
+    std::vector<std::string> immediate;
+    std::map<std::string, std::vector<int>> relayChecks;
+    for (const std::string& relay : candidates) {
+        std::vector<int> checks;
+        const auto direction = config.antiPassbackRelayMap.find(relay);
+        if (apApplies && direction != config.antiPassbackRelayMap.end() && direction->second != 0) {
+            apRelays.push_back(relay);
+            checks.push_back(CHECK_ANTI_PASSBACK);
+        }
+        const auto interlocked = config.interlockRelayMap.find(relay);
+        if (config.interlockEnabled && interlocked != config.interlockRelayMap.end() &&
+            interlocked->second) {
+            interlockRelays.push_back(relay);
+            checks.push_back(CHECK_INTERLOCK);
+        }
+        if (parkingApplies) {
+            parkingRelays.push_back(relay);
+            checks.push_back(CHECK_PARKING);
+        }
+        if (checks.empty()) {
+            immediate.push_back(relay);
+        } else {
+            relayChecks[relay] = std::move(checks);
+        }
+    }
+    std::vector<std::string> apAndParkingRelays;
+    for (const std::string& relay : apRelays) {
+        if (contains(parkingRelays, relay)) {
+            apAndParkingRelays.push_back(relay);
+        }
+    }
+    std::vector<std::string> parkingOnlyRelays;
+    for (const std::string& relay : parkingRelays) {
+        if (!contains(apRelays, relay)) {
+            parkingOnlyRelays.push_back(relay);
+        }
+    }
+
+    bool grantsTarget = context.userData && !context.userData->userTargetId.empty();
+    for (const AuthTarget& target : context.authTargets) {
+        grantsTarget = grantsTarget || !isRelayTarget(target);
+    }
+    grantsTarget = grantsTarget && context.response.result != FAILED;
+
+    context.asyncType = PHASE_SYNC;
+    context.response.asyncType = PHASE_SYNC;
+    context.response.openedRelays = immediate;
+    context.response.failedRelays = failed;
+    if (!immediate.empty() || grantsTarget) {
+        context.response.result = SUCCESS;
+        buildAuthTargetsForRelays(context, immediate, true);
+    } else {
+        context.response.targets.clear();
+        if (!failed.empty()) {
+            context.response.result = FAILED;
+        }
+    }
+    const bool heldBack = !relayChecks.empty();
+    if (!heldBack && context.response.result != FAILED) {
+        // A passed request always hears back once, even when nothing was left to open.
+        context.response.result = SUCCESS;
+    }
+    if (!immediate.empty() || !failed.empty() || grantsTarget ||
+        context.response.result == FAILED || !heldBack) {
+        reportToHost(context, callback);
+    }
+    if (!heldBack) {
+        return;
+    }
+
+    if (!apRelays.empty()) {
+        const std::string phaseId = ensureParentId() + PHASE_INFIX + PHASE_ANTI_PASSBACK;
+        IndependentAsyncContext wrapper;
+        wrapper.context = context;
+        wrapper.context.asyncType = PHASE_ANTI_PASSBACK;
+        wrapper.context.relays = apRelays;
+        wrapper.context.independentApRelays = apRelays;
+        wrapper.context.independentParkingRelays = parkingRelays;
+        wrapper.context.requestId = phaseId;
+        // The immediate report's lists belong to that report, not to this phase.
+        wrapper.context.response.asyncType = PHASE_ANTI_PASSBACK;
+        wrapper.context.response.openedRelays.clear();
+        wrapper.context.response.failedRelays.clear();
+        wrapper.context.response.targets.clear();
+        wrapper.phase = PHASE_ANTI_PASSBACK;
+        wrapper.callback = callback;
+        wrapper.startTime = static_cast<uint64_t>(getUptimeSeconds());
+        wrapper.timeoutSeconds = config.antiPassbackTimeout;
+        wrapper.parentRequestId = parentId;
+        wrapper.relayChecks = relayChecks;
+        wrapper.interlockRelays = interlockRelays;
+        wrapper.parkingRelays = parkingRelays;
+        wrapper.apAndParkingRelays = apAndParkingRelays;
+        wrapper.parkingOnlyRelays = parkingOnlyRelays;
+
+        {
+            std::lock_guard<std::mutex> lock(queueMutex);
+            beginConstructionLocked(phaseId);
+        }
+        const auto processor = std::dynamic_pointer_cast<processors::AntiPassbackProcessor>(
+            getProcessor(chain::ANTI_PASSBACK));
+        AuthResult apResult = ASYNC_PENDING;
+        if (processor) {
+            const std::shared_ptr<IDataProvider> host = provider();
+            bool asked = false;
+            if (host) {
+                try {
+                    apResult = processor->processRelays(wrapper.context, *host, apRelays);
+                    asked = true;
+                } catch (const std::exception& e) {
+                    AuthLogger::error("[AuthEngine::processPostSyncPhase] anti-passback failed: %s",
+                                      e.what());
+                } catch (...) {
+                    AuthLogger::error("[AuthEngine::processPostSyncPhase] anti-passback failed");
+                }
+            }
+            if (!asked) {
+                // Nothing reliable was sent: every relay of the phase fails, once, on resume.
+                for (const std::string& relay : apRelays) {
+                    AntiPassbackSubResult& result = wrapper.context.antiPassbackResults[relay];
+                    result.relay = relay;
+                    result.status = FAILED;
+                    result.answered = true;
+                }
+                wrapper.context.antiPassbackPending = 0;
+                apResult = FAILED;
+            }
+        }
+        const int pendingCount = wrapper.context.antiPassbackPending;
+        const int resultCount = static_cast<int>(wrapper.context.antiPassbackResults.size());
+        std::vector<std::string> resumes;
+        {
+            std::lock_guard<std::mutex> lock(queueMutex);
+            independentContexts[phaseId] = std::move(wrapper);
+            resumes = finishConstructionLocked(phaseId);
+        }
+        if (processor) {
+            AuthLogger::info(
+                "[AuthEngine::processPostSyncPhase] Saved independent AP context: requestId=%s, "
+                "pendingCount=%d, resultCount=%d, relayCount=%d, apResult=%d",
+                phaseId.c_str(), pendingCount, resultCount, static_cast<int>(apRelays.size()),
+                static_cast<int>(apResult));
+            // Without a processor nothing was asked: the phase ends by its timeout.
+            if (apResult != ASYNC_PENDING && !contains(resumes, phaseId)) {
+                resumes.push_back(phaseId);
+            }
+        }
+        for (const std::string& id : resumes) {
+            enqueueResume(id);
+        }
+    } else if (!interlockRelays.empty()) {
+        launchInterlockPhase(context, callback, relayChecks, ensureParentId(), interlockRelays,
+                             true);
+    } else if (!parkingRelays.empty()) {
+        launchParkingPhase(context, callback, relayChecks, ensureParentId(), parkingRelays);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Interlock and parking launches
+
+void AuthEngine::launchInterlockPhase(const AuthContext& context, const AuthCallback& callback,
+                                      const std::map<std::string, std::vector<int>>& relayChecks,
+                                      const std::string& parentRequestId,
+                                      const std::vector<std::string>& requested,
+                                      bool notifyProvider) {
+    // Each relay is asked once, so that the pending count can reach zero.
+    const std::vector<std::string> relays = uniqueRelays(requested);
+    if (relays.empty()) {
+        return;
+    }
+    const std::string phaseId = parentRequestId + PHASE_INFIX + PHASE_INTERLOCK;
+    const AuthConfig config = fetchConfig();
+
+    IndependentAsyncContext wrapper;
+    wrapper.context = context;
+    wrapper.context.asyncType = PHASE_INTERLOCK;
+    wrapper.context.response = phaseResponse(PHASE_INTERLOCK);
+    wrapper.context.relays = relays;
+    wrapper.context.interlockRequestedRelays = relays;
+    wrapper.context.requestId = phaseId;
+    wrapper.context.interlockCheckRelays = relays;
+    wrapper.context.interlockPending = static_cast<int>(relays.size());
+    wrapper.context.interlockResults.clear();
+    for (const std::string& relay : relays) {
+        wrapper.context.interlockResults[relay].relay = relay;
+    }
+    wrapper.phase = PHASE_INTERLOCK;
+    wrapper.callback = callback;
+    wrapper.startTime = static_cast<uint64_t>(getUptimeSeconds());
+    wrapper.timeoutSeconds = config.interlockTimeout;
+    wrapper.parentRequestId = parentRequestId;
+    wrapper.relayChecks = relayChecks;
+    wrapper.interlockRelays = relays;
+    wrapper.notifyHost = notifyProvider ? 1 : 0;
+
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        beginConstructionLocked(phaseId);
+    }
+    const auto processor =
+        std::dynamic_pointer_cast<processors::InterlockProcessor>(getProcessor(chain::INTERLOCK));
+    const std::shared_ptr<IDataProvider> host = provider();
+    bool asked = false;
+    if (processor && host) {
+        try {
+            processor->processRelays(wrapper.context, *host, relays);
+            asked = true;
+        } catch (const std::exception& e) {
+            AuthLogger::error("[AuthEngine::launchInterlockPhase] interlock failed: %s", e.what());
+        } catch (...) {
+            AuthLogger::error("[AuthEngine::launchInterlockPhase] interlock failed");
+        }
+    }
+    if (!asked) {
+        // Nobody can vouch for these relays: they stay shut.
+        for (auto& entry : wrapper.context.interlockResults) {
+            entry.second.status = FAILED;
+            entry.second.answered = true;
+            wrapper.context.relayFailReasons[entry.first] = chain::INTERLOCK;
+        }
+        wrapper.context.interlockPending = 0;
+    }
+
+    std::vector<std::string> resumes;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        independentContexts[phaseId] = std::move(wrapper);
+        resumes = finishConstructionLocked(phaseId);
+        // Answers that came inline were applied by now; resume only once nothing is outstanding.
+        const auto stored = independentContexts.find(phaseId);
+        if (stored != independentContexts.end() && stored->second.context.interlockPending <= 0 &&
+            !contains(resumes, phaseId)) {
+            resumes.push_back(phaseId);
+        }
+    }
+    for (const std::string& id : resumes) {
+        enqueueResume(id);
+    }
+}
+
+void AuthEngine::launchParkingPhase(const AuthContext& context, const AuthCallback& callback,
+                                    const std::map<std::string, std::vector<int>>& relayChecks,
+                                    const std::string& parentRequestId,
+                                    const std::vector<std::string>& requested) {
+    const std::vector<std::string> relays = uniqueRelays(requested);
+    if (relays.empty()) {
+        return;
+    }
+    const std::string phaseId = parentRequestId + PHASE_INFIX + PHASE_PARKING;
+    const AuthConfig config = fetchConfig();
+
+    IndependentAsyncContext wrapper;
+    wrapper.context = context;
+    wrapper.context.asyncType = PHASE_PARKING;
+    wrapper.context.response = phaseResponse(PHASE_PARKING);
+    wrapper.context.relays = relays;
+    wrapper.context.independentParkingRelays = relays;
+    wrapper.context.requestId = phaseId;
+    wrapper.phase = PHASE_PARKING;
+    wrapper.callback = callback;
+    wrapper.startTime = static_cast<uint64_t>(getUptimeSeconds());
+    wrapper.timeoutSeconds = config.parkingTimeout;
+    wrapper.parentRequestId = parentRequestId;
+    wrapper.relayChecks = relayChecks;
+    wrapper.parkingRelays = relays;
+
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        beginConstructionLocked(phaseId);
+    }
+    const auto processor = std::dynamic_pointer_cast<processors::ParkingRestrictionProcessor>(
+        getProcessor(chain::PARKING_RESTRICTION));
+    const std::shared_ptr<IDataProvider> host = provider();
+    AuthResult result = FAILED;
+    if (processor && host) {
+        try {
+            result = processor->processRelays(wrapper.context, *host, relays);
+        } catch (const std::exception& e) {
+            AuthLogger::error("[AuthEngine::launchParkingPhase] parking failed: %s", e.what());
+            result = FAILED;
+        } catch (...) {
+            AuthLogger::error("[AuthEngine::launchParkingPhase] parking failed");
+            result = FAILED;
+        }
+    }
+    if (result != ASYNC_PENDING) {
+        // Decided without an answer: an offline host (or a check that does not apply) lets the
+        // user through; a missing processor or a failure to ask does not.
+        wrapper.context.response.result = result == CONTINUE ? SUCCESS : FAILED;
+    }
+
+    std::vector<std::string> resumes;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        independentContexts[phaseId] = std::move(wrapper);
+        resumes = finishConstructionLocked(phaseId);
+    }
+    if (result != ASYNC_PENDING && !contains(resumes, phaseId)) {
+        resumes.push_back(phaseId);
+    }
+    for (const std::string& id : resumes) {
+        enqueueResume(id);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Resume of a parked phase
+
+void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
+    IndependentAsyncContext wrapper;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        const auto entry = independentContexts.find(requestId);
+        if (entry == independentContexts.end()) {
+            return;
+        }
+        wrapper = entry->second;
+        independentContexts.erase(entry);
+        // Questions still registered (offline relays, late answers) can no longer be applied.
+        unregisterSubRequests(requestId);
+    }
+    AuthContext& context = wrapper.context;
+    if (context.response.result == DROPPED) {
+        return;
+    }
+    const std::string parentId =
+        wrapper.parentRequestId.empty() ? context.requestId : wrapper.parentRequestId;
+
+    if (wrapper.phase == PHASE_UNLOCK_OPTIONS) {
+        context.response.asyncType = PHASE_SYNC;
+        // Only relays that were offered count, each once, in the order the user chose them.
+        const std::vector<std::string>& answer = !context.response.unlockOptionsRelays.empty()
+                                                     ? context.response.unlockOptionsRelays
+                                                     : context.response.openedRelays;
+        std::vector<std::string> chosen;
+        for (const std::string& relay : answer) {
+            if (contains(context.relays, relay)) {
+                appendOnce(chosen, relay);
+            }
+        }
+        if (context.response.result == SUCCESS && !chosen.empty()) {
+            context.relays = chosen;
+            context.failedRelays.clear();
+            context.relayFailReasons.clear();
+            context.unlockOptionsResolved = true;
+            if (!wrapper.parentRequestId.empty()) {
+                context.requestId = wrapper.parentRequestId;
+            }
+            context.response.unlockOptionsRelays.clear();
+            context.response.unlockOptionsId.clear();
+            AuthLogger::info(
+                "[AuthEngine::resumeIndependentAsync] UnlockOptions selected %d relays",
+                static_cast<int>(chosen.size()));
+            processPostSyncPhase(context, wrapper.callback);
+            return;
+        }
+        context.response.result = FAILED;
+        context.response.targets.clear();
+        context.response.openedRelays.clear();
+        if (context.response.failCode == 0) {
+            context.response.failCode = FAIL_CODE_CHOICE;
+            context.response.reason = REASON_CHOICE_CANCELED;
+        }
+        AuthLogger::info("[AuthEngine::resumeIndependentAsync] UnlockOptions canceled, failCode=%d",
+                         context.response.failCode);
+        reportToHost(context, wrapper.callback);
+        return;
+    }
+
+    if (wrapper.phase == PHASE_PARKING) {
+        const bool passed = context.response.result == SUCCESS;
+        context.asyncType = PHASE_PARKING;
+        context.response.result = passed ? SUCCESS : FAILED;
+        context.response.asyncType = PHASE_PARKING;
+        context.response.allFailed = passed ? 0 : 1;
+        if (passed) {
+            context.response.openedRelays = context.relays;
+            context.response.failedRelays.clear();
+            buildAuthTargetsForRelays(context, context.relays, false);
+        } else {
+            context.response.openedRelays.clear();
+            context.response.failedRelays = context.relays;
+            context.response.failCode = FAIL_CODE_PARKING;
+            for (const std::string& relay : context.relays) {
+                context.relayFailReasons[relay] = chain::PARKING_RESTRICTION;
+            }
+            context.response.targets.clear();
+        }
+        reportToHost(context, wrapper.callback);
+        return;
+    }
+
+    if (wrapper.phase == PHASE_INTERLOCK) {
+        // Only a plain SUCCESS opens an interlocked relay.
+        std::vector<std::string> passed;
+        std::vector<std::string> failed;
+        for (const auto& entry : context.interlockResults) {
+            if (entry.second.answered && entry.second.status == SUCCESS) {
+                passed.push_back(entry.first);
+            } else {
+                failed.push_back(entry.first);
+            }
+        }
+        std::map<std::string, std::vector<int>> checks = wrapper.relayChecks;
+        for (const std::string& relay : passed) {
+            popCheck(checks, relay, CHECK_INTERLOCK);
+        }
+        for (const std::string& relay : failed) {
+            checks.erase(relay);
+            context.relayFailReasons[relay] = chain::INTERLOCK;
+        }
+        std::vector<std::string> opened;
+        std::vector<std::string> parking;
+        for (auto entry = checks.begin(); entry != checks.end();) {
+            if (entry->second.empty()) {
+                opened.push_back(entry->first);
+                entry = checks.erase(entry);
+                continue;
+            }
+            if (entry->second.front() == CHECK_PARKING) {
+                parking.push_back(entry->first);
+            } else {
+                // Still waiting for a check that this phase cannot decide: keep it shut.
+                failed.push_back(entry->first);
+                context.relayFailReasons[entry->first] = chain::INTERLOCK;
+            }
+            ++entry;
+        }
+        notifyIndependentPhase(context, wrapper.callback, PHASE_INTERLOCK, opened, failed,
+                               FAIL_CODE_INTERLOCK, wrapper.notifyHost != 0);
+        launchParkingPhase(context, wrapper.callback, checks, parentId, parking);
+        return;
+    }
+
+    if (wrapper.phase != PHASE_ANTI_PASSBACK) {
+        return;
+    }
+    std::vector<std::string> passed;
+    std::vector<std::string> failed;
+    for (const auto& entry : context.antiPassbackResults) {
+        if (entry.second.status == SUCCESS || entry.second.status == CONTINUE) {
+            passed.push_back(entry.first);
+        } else {
+            failed.push_back(entry.first);
+        }
+    }
+    // A relay of the phase that was never asked cannot have passed.
+    for (const std::string& relay : context.relays) {
+        if (!contains(passed, relay) && !contains(failed, relay)) {
+            failed.push_back(relay);
+        }
+    }
+
+    if (!wrapper.relayChecks.empty()) {
+        std::map<std::string, std::vector<int>> checks = wrapper.relayChecks;
+        for (const std::string& relay : passed) {
+            popCheck(checks, relay, CHECK_ANTI_PASSBACK);
+        }
+        for (const std::string& relay : failed) {
+            checks.erase(relay);
+            context.relayFailReasons[relay] = chain::ANTI_PASSBACK;
+        }
+        std::vector<std::string> opened;
+        for (auto entry = checks.begin(); entry != checks.end();) {
+            if (entry->second.empty()) {
+                opened.push_back(entry->first);
+                entry = checks.erase(entry);
+            } else if (entry->second.front() == CHECK_ANTI_PASSBACK) {
+                failed.push_back(entry->first);
+                context.relayFailReasons[entry->first] = chain::ANTI_PASSBACK;
+                entry = checks.erase(entry);
+            } else {
+                ++entry;
+            }
+        }
+        notifyIndependentPhase(context, wrapper.callback, PHASE_ANTI_PASSBACK, opened, failed,
+                               FAIL_CODE_ANTI_PASSBACK, true);
+        std::vector<std::string> interlock;
+        std::vector<std::string> parking;
+        for (const auto& entry : checks) {
+            if (entry.second.front() == CHECK_INTERLOCK) {
+                interlock.push_back(entry.first);
+            } else {
+                parking.push_back(entry.first);
+            }
+        }
+        // Relays that need interlock and parking reach parking from the interlock resume.
+        if (!interlock.empty()) {
+            launchInterlockPhase(context, wrapper.callback, checks, parentId, interlock, true);
+        } else {
+            launchParkingPhase(context, wrapper.callback, checks, parentId, parking);
+        }
+        return;
+    }
+
+    // Summary form: a phase parked without a check map reports everything it knows at once.
+    std::vector<std::string> passedOnly;
+    std::vector<std::string> passedAndParking;
+    for (const std::string& relay : passed) {
+        if (contains(wrapper.apAndParkingRelays, relay)) {
+            passedAndParking.push_back(relay);
+        } else {
+            passedOnly.push_back(relay);
+        }
+    }
+    for (const std::string& relay : failed) {
+        context.relayFailReasons[relay] = chain::ANTI_PASSBACK;
+    }
+    std::vector<std::string> parking = wrapper.parkingOnlyRelays;
+    parking.insert(parking.end(), passedAndParking.begin(), passedAndParking.end());
+    const bool immediateOpen = !passedOnly.empty();
+    const bool apSuccess = immediateOpen || !passedAndParking.empty();
+    context.asyncType = PHASE_ANTI_PASSBACK;
+    context.response.result = apSuccess ? SUCCESS : FAILED;
+    context.response.parkingPending = parking.empty() ? 0 : 1;
+    context.response.asyncType = PHASE_ANTI_PASSBACK;
+    context.response.openedRelays = passedOnly;
+    context.response.failedRelays = failed;
+    context.response.failCode = failed.empty() ? 0 : FAIL_CODE_ANTI_PASSBACK;
+    if (immediateOpen) {
+        buildAuthTargetsForRelays(context, passedOnly, true);
+    } else {
+        context.response.targets.clear();
+    }
+    AuthLogger::info(
+        "[AuthEngine::resumeIndependentAsync] AP summary: requestId=%s, apSuccess=%d, "
+        "immediateOpen=%d, apOnlyPass=%d, apAndParkingPass=%d, parkingNeeded=%d, failRelay=%d, "
+        "successTargets=%d",
+        context.requestId.c_str(), apSuccess ? 1 : 0, immediateOpen ? 1 : 0,
+        static_cast<int>(passedOnly.size()), static_cast<int>(passedAndParking.size()),
+        static_cast<int>(parking.size()), static_cast<int>(failed.size()),
+        static_cast<int>(context.response.targets.size()));
+    reportToHost(context, wrapper.callback);
+    if (!parking.empty()) {
+        AuthContext parkingContext = context;
+        parkingContext.antiPassbackResults.clear();
+        parkingContext.antiPassbackPending = 0;
+        // The parking phase extends the anti-passback phase id.
+        launchParkingPhase(parkingContext, wrapper.callback, {}, context.requestId, parking);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Timeouts
+
+void AuthEngine::checkTimeoutForIndependentRequests() {
+    const int64_t now = getUptimeSeconds();
+    const AuthConfig config = fetchConfig();
+
+    std::vector<std::pair<std::string, AuthContext>> retries;
+    std::vector<std::string> resumes;
+    std::vector<IndependentAsyncContext> timedOut;
+    {
+        std::lock_guard<std::mutex> lock(queueMutex);
+        for (auto entry = independentContexts.begin(); entry != independentContexts.end();) {
+            IndependentAsyncContext& phase = entry->second;
+            const int64_t elapsed = now - static_cast<int64_t>(phase.startTime);
+            if (elapsed < phase.timeoutSeconds) {
+                ++entry;
+                continue;
+            }
+            if (phase.phase == PHASE_INTERLOCK) {
+                if (phase.pendingPhaseCount < config.interlockRetryLimit) {
+                    ++phase.pendingPhaseCount;
+                    phase.startTime = static_cast<uint64_t>(now);
+                    retries.emplace_back(entry->first, phase.context);
+                } else {
+                    for (auto& result : phase.context.interlockResults) {
+                        if (!result.second.answered) {
+                            result.second.status = FAILED;
+                            result.second.answered = true;
+                            phase.context.relayFailReasons[result.first] = chain::INTERLOCK;
+                        }
+                    }
+                    phase.context.interlockPending = 0;
+                    unregisterSubRequests(entry->first);
+                    resumes.push_back(entry->first);
+                }
+                ++entry;
+                continue;
+            }
+            for (auto& result : phase.context.antiPassbackResults) {
+                if (!result.second.answered) {
+                    result.second.status = FAILED;
+                    result.second.answered = true;
+                }
+            }
+            AuthResponse& response = phase.context.response;
+            response.result = FAILED;
+            if (phase.phase == PHASE_UNLOCK_OPTIONS) {
+                response.failCode = FAIL_CODE_CHOICE;
+                response.reason = "Unlock options timeout";
+            } else {
+                response.failCode = 0;
+                response.reason = "Independent async request timeout";
+            }
+            response.asyncType = phase.phase;
+            // A failure never repeats what an earlier report opened; it names what stays shut.
+            response.openedRelays.clear();
+            response.targets.clear();
+            response.failedRelays = phase.context.relays;
+            response.allFailed = 1;
+            timedOut.push_back(phase);
+            unregisterSubRequests(entry->first);
+            entry = independentContexts.erase(entry);
+        }
+    }
+
+    std::shared_ptr<processors::InterlockProcessor> processor;
+    std::shared_ptr<IDataProvider> host;
+    if (!retries.empty()) {
+        processor = std::dynamic_pointer_cast<processors::InterlockProcessor>(
+            getProcessor(chain::INTERLOCK));
+        host = provider();
+    }
+    for (auto& retry : retries) {
+        AuthContext& copy = retry.second;
+        std::vector<std::string> unanswered;
+        for (const auto& result : copy.interlockResults) {
+            if (!result.second.answered) {
+                unanswered.push_back(result.first);
+            }
+        }
+        if (!processor || !host || unanswered.empty()) {
+            continue;
+        }
+        try {
+            processor->retryPendingRelays(copy, *host, unanswered);
+        } catch (const std::exception& e) {
+            AuthLogger::error("[AuthEngine::checkTimeoutForIndependentRequests] retry failed: %s",
+                              e.what());
+            continue;
+        } catch (...) {
+            AuthLogger::error("[AuthEngine::checkTimeoutForIndependentRequests] retry failed");
+            continue;
+        }
+        bool ready = false;
+        {
+            std::lock_guard<std::mutex> lock(queueMutex);
+            const auto stored = independentContexts.find(retry.first);
+            if (stored == independentContexts.end()) {
+                continue;
+            }
+            AuthContext& target = stored->second.context;
+            for (const std::string& relay : unanswered) {
+                const auto local = copy.interlockResults.find(relay);
+                const auto kept = target.interlockResults.find(relay);
+                if (local == copy.interlockResults.end() || kept == target.interlockResults.end() ||
+                    kept->second.answered || !local->second.answered) {
+                    continue;
+                }
+                kept->second = local->second;
+                --target.interlockPending;
+                const auto reason = copy.relayFailReasons.find(relay);
+                if (reason != copy.relayFailReasons.end()) {
+                    target.relayFailReasons[relay] = reason->second;
+                }
+            }
+            ready = target.interlockPending <= 0;
+        }
+        if (ready) {
+            enqueueResume(retry.first);
+        }
+    }
+    for (const std::string& id : resumes) {
+        enqueueResume(id);
+    }
+    for (const IndependentAsyncContext& phase : timedOut) {
+        reportToHost(phase.context, phase.callback);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Interlock verification without a credential
+
+std::string AuthEngine::verifyInterlockTargets(const AuthRequest& request,
+                                               const std::vector<AuthTarget>& targets,
+                                               const AuthCallback& callback) {
+    if (!initialized.load() || !provider() || !running.load() || targets.empty()) {
+        return {};
+    }
+    const AuthConfig config = fetchConfig();
+    if (!config.interlockEnabled) {
+        return {};
+    }
+    for (const AuthTarget& target : targets) {
+        const auto interlocked = config.interlockRelayMap.find(target.relay);
+        if (!isRelayTarget(target) || target.relay.empty() ||
+            interlocked == config.interlockRelayMap.end() || !interlocked->second) {
+            return {};
+        }
+    }
+    std::vector<AuthTarget> unique;
+    std::vector<std::string> relays;
+    for (const AuthTarget& target : targets) {
+        if (!contains(relays, target.relay)) {
+            relays.push_back(target.relay);
+            unique.push_back(target);
+        }
+    }
+
+    std::string requestId = generateRequestId();
+    AuthContext context;
+    context.request = request;
+    context.request.targets = unique;
+    context.authTargets = unique;
+    context.asyncType = PHASE_INTERLOCK;
+    context.relays = relays;
+    context.requestId = requestId;
+
+    std::map<std::string, std::vector<int>> relayChecks;
+    for (const std::string& relay : relays) {
+        relayChecks[relay] = {CHECK_INTERLOCK};
+    }
+    // The caller knows the verification by the id returned here, whatever id the phase reports.
+    AuthCallback wrapper;
+    if (callback) {
+        wrapper = [callback, requestId](const std::string& /*phaseId*/,
+                                        const AuthResponse& response, const AuthContext& reported) {
+            AuthContext copy = reported;
+            copy.requestId = requestId;
+            callback(requestId, response, copy);
+        };
+    }
+    launchInterlockPhase(context, wrapper, relayChecks, requestId, relays, false);
+    return requestId;
+}
+
+}  // namespace auth_engine

@@ -1,0 +1,232 @@
+// The host's entry point. Every call works on a copy of the engine pointer taken under engineMutex,
+// so that reset, which swaps the pointer out before resetting the engine, never pulls the engine
+// from under a call that is still running. No exception leaves a facade call.
+#include "auth_engine/AuthFacade.h"
+
+#include <exception>
+#include <utility>
+
+#include "auth_engine/AuthClock.h"
+#include "auth_engine/AuthLogger.h"
+#include "engine/AuthEngine.h"
+
+namespace auth_engine {
+
+namespace {
+
+AuthResponse failedResponse(const char* reason) {
+    AuthResponse response;
+    response.result = FAILED;
+    response.failCode = 0;
+    response.reason = reason;
+    return response;
+}
+
+AuthResponse notInitialized() {
+    return failedResponse("AuthFacade not initialized");
+}
+
+AuthRequest buildRequest(const std::string& credential, OpenDoorType openType,
+                         ReaderType readerType) {
+    AuthRequest request;
+    request.credential = credential;
+    request.openType = openType;
+    request.readerType = readerType;
+    request.timestamp = AuthClock::now();
+    return request;
+}
+
+// Runs `fn`; an exception is logged and `fallback` is returned instead.
+template <typename Result, typename Fn>
+Result shielded(const char* what, Result fallback, Fn&& fn) {
+    try {
+        return fn();
+    } catch (const std::exception& e) {
+        AuthLogger::error("[AuthFacade] %s threw: %s", what, e.what());
+    } catch (...) {
+        AuthLogger::error("[AuthFacade] %s threw: %s", what, "unknown exception");
+    }
+    return fallback;
+}
+
+template <typename Fn>
+void shieldedVoid(const char* what, Fn&& fn) {
+    shielded<bool>(what, false, [&] {
+        fn();
+        return true;
+    });
+}
+
+}  // namespace
+
+AuthFacade& AuthFacade::getInstance() {
+    static AuthFacade instance;
+    return instance;
+}
+
+AuthFacade::AuthFacade() = default;
+
+AuthFacade::~AuthFacade() {
+    reset();
+}
+
+std::shared_ptr<AuthEngine> AuthFacade::currentEngine() const {
+    std::lock_guard<std::mutex> lock(engineMutex);
+    return engine;
+}
+
+int AuthFacade::init(std::shared_ptr<IDataProvider> provider) {
+    return shielded<int>("init", -4, [&] {
+        std::lock_guard<std::mutex> lock(engineMutex);
+        if (engine) {
+            return 0;  // already running: a second init keeps the engine and its provider
+        }
+        auto created = std::make_shared<AuthEngine>();
+        const int code = created->init(std::move(provider));
+        if (code != 0) {
+            return code;
+        }
+        engine = std::move(created);
+        return 0;
+    });
+}
+
+void AuthFacade::reloadConfig() {
+    if (const auto current = currentEngine()) {
+        shieldedVoid("reloadConfig", [&] { current->reloadConfig(); });
+    }
+}
+
+AuthResponse AuthFacade::authenticate(const std::string& credential, OpenDoorType openType,
+                                      ReaderType readerType) {
+    if (!currentEngine()) {
+        return notInitialized();
+    }
+    return authenticate(buildRequest(credential, openType, readerType));
+}
+
+AuthResponse AuthFacade::authenticate(const AuthRequest& request) {
+    const auto current = currentEngine();
+    if (!current) {
+        return notInitialized();
+    }
+    return shielded<AuthResponse>("authenticate", failedResponse("Internal error"), [&] {
+        return current->authenticate(request, AuthCallback(), std::string());
+    });
+}
+
+std::string AuthFacade::authenticateAsync(const AuthRequest& request, AuthCallback callback) {
+    const auto current = currentEngine();
+    if (!current) {
+        return {};
+    }
+    return shielded<std::string>("authenticateAsync", std::string(),
+                                 [&] { return current->authenticateAsync(request, callback); });
+}
+
+std::string AuthFacade::authenticateAsync(const std::string& credential, OpenDoorType openType,
+                                          ReaderType readerType, AuthCallback callback) {
+    if (!currentEngine()) {
+        return {};
+    }
+    return authenticateAsync(buildRequest(credential, openType, readerType), std::move(callback));
+}
+
+void AuthFacade::handleAsyncResult(const std::string& requestId, AsyncRequestType type,
+                                   AuthResult result, const AuthResponse& response,
+                                   const AuthContext& context) {
+    (void)type;  // the engine knows each question's kind from its id
+    handleAsyncResult(requestId, result, response, context);
+}
+
+void AuthFacade::handleAsyncResult(const std::string& requestId, AuthResult result,
+                                   const AuthResponse& response, const AuthContext& context) {
+    if (const auto current = currentEngine()) {
+        shieldedVoid("handleAsyncResult",
+                     [&] { current->handleAsyncResponse(requestId, result, response, context); });
+    }
+}
+
+void AuthFacade::handleUnlockOptionsResponse(const std::string& optionsId,
+                                             const std::vector<std::string>& selectedRelays) {
+    const auto current = currentEngine();
+    if (!current) {
+        return;
+    }
+    shieldedVoid("handleUnlockOptionsResponse", [&] {
+        AuthResponse response;
+        response.unlockOptionsId = optionsId;
+        if (!selectedRelays.empty()) {
+            response.result = SUCCESS;
+            response.unlockOptionsRelays = selectedRelays;
+        } else {
+            response.result = FAILED;
+            response.failCode = 44;
+            response.reason = "User canceled relay selection";
+        }
+        current->handleAsyncResponse(optionsId, response.result, response, AuthContext());
+    });
+}
+
+AuthResponse AuthFacade::handleDoubleAuthTimeout(const std::string& pendingId) {
+    const auto current = currentEngine();
+    if (!current) {
+        return notInitialized();
+    }
+    return shielded<AuthResponse>("handleDoubleAuthTimeout", failedResponse("Internal error"),
+                                  [&] { return current->handleDoubleAuthTimeout(pendingId); });
+}
+
+AuthResponse AuthFacade::cancelDoubleAuth(const std::string& pendingId,
+                                          const std::string& reasonText) {
+    const auto current = currentEngine();
+    if (!current) {
+        return notInitialized();
+    }
+    return shielded<AuthResponse>("cancelDoubleAuth", failedResponse("Internal error"),
+                                  [&] { return current->cancelDoubleAuth(pendingId, reasonText); });
+}
+
+std::string AuthFacade::verifyInterlockTargets(const AuthRequest& request,
+                                               const std::vector<AuthTarget>& targets,
+                                               AuthCallback callback) {
+    const auto current = currentEngine();
+    if (!current) {
+        return {};
+    }
+    return shielded<std::string>("verifyInterlockTargets", std::string(), [&] {
+        return current->verifyInterlockTargets(request, targets, callback);
+    });
+}
+
+void AuthFacade::setProcessorChain(const std::vector<std::string>& names) {
+    if (const auto current = currentEngine()) {
+        shieldedVoid("setProcessorChain", [&] { current->setProcessorChain(names); });
+    }
+}
+
+void AuthFacade::registerProcessor(std::shared_ptr<IAuthProcessor> processor) {
+    if (const auto current = currentEngine()) {
+        shieldedVoid("registerProcessor",
+                     [&] { current->registerProcessor(std::move(processor)); });
+    }
+}
+
+void AuthFacade::reset() {
+    std::shared_ptr<AuthEngine> old;
+    {
+        std::lock_guard<std::mutex> lock(engineMutex);
+        old = std::move(engine);
+        engine.reset();
+    }
+    if (old) {
+        shieldedVoid("reset", [&] { old->reset(); });
+    }
+}
+
+bool AuthFacade::isReady() const {
+    const auto current = currentEngine();
+    return current && current->isReady();
+}
+
+}  // namespace auth_engine

@@ -1,0 +1,102 @@
+#include "processors/ParkingRestrictionProcessor.h"
+
+#include <memory>
+
+#include "auth_engine/AuthLogger.h"
+#include "engine/AuthEngine.h"
+
+namespace auth_engine {
+namespace processors {
+
+namespace {
+
+constexpr int PARKING_FAIL_CODE = 23;
+
+// Only a plate open by a user of kind 1 is under parking restriction.
+bool restrictionApplies(const AuthConfig& config, const AuthContext& context) {
+    return config.parkingRestrictionEnabled && context.userData &&
+           context.request.openType == OPEN_TYPE_LICENSE_PLATE && context.userData->userType == 1;
+}
+
+// Asks once for the whole request; the answer is routed to the context's own id. Returns the
+// host's handle (empty: offline).
+std::string askHost(AuthContext& context, IDataProvider& provider, AuthEngine* engine) {
+    // Without a request id nothing could route an answer: the empty callback tells the host
+    // not to send one.
+    AuthCallback callback;
+    if (!context.requestId.empty()) {
+        if (engine != nullptr) {
+            callback = engine->makeAnswerCallback(context.requestId);
+        } else {
+            callback = [](const std::string&, const AuthResponse&, const AuthContext&) {};
+        }
+    }
+    // The user record must outlive the call even if the host swaps context.userData meanwhile.
+    const std::shared_ptr<UserData> user = context.userData;
+    const AuthRequest request = context.request;
+    return provider.requestParking(request, *user, request.credential, context,
+                                   std::move(callback));
+}
+
+AuthResult logged(int line, AuthResult result) {
+    AuthLogger::info("[ParkingRestrictionProcessor:%d] result=%s", line,
+                     AuthLogger::authResultToString(result));
+    return result;
+}
+
+}  // namespace
+
+AuthResult ParkingRestrictionProcessor::process(AuthContext& context, IDataProvider& provider) {
+    const int openType = context.request.openType;
+    if (openType == OPEN_TYPE_PUBLIC_PIN || openType == OPEN_TYPE_LATCH_PIN) {
+        AuthLogger::info("[ParkingRestrictionProcessor:%d] openType=%d, skip", __LINE__, openType);
+        return CONTINUE;
+    }
+
+    // Called again with the host's answer: a fresh response carries CONTINUE and code 0, so
+    // neither test can match before the question was asked.
+    if (context.response.result == SUCCESS) {
+        AuthLogger::info("[ParkingRestrictionProcessor:%d] resume result=%s", __LINE__,
+                         AuthLogger::authResultToString(CONTINUE));
+        return CONTINUE;
+    }
+    if (context.response.failCode == PARKING_FAIL_CODE) {
+        AuthLogger::info("[ParkingRestrictionProcessor:%d] resume result=%s", __LINE__,
+                         AuthLogger::authResultToString(FAILED));
+        return FAILED;
+    }
+
+    const AuthConfig config = provider.getAuthConfig();
+    if (!restrictionApplies(config, context)) {
+        return logged(__LINE__, CONTINUE);
+    }
+
+    const bool routed = !context.requestId.empty();
+    if (askHost(context, provider, engine).empty()) {
+        // An unreachable host must not lock a resident out of their own car park.
+        context.response.reason = "Parking restriction check skipped (offline mode)";
+        return logged(__LINE__, CONTINUE);
+    }
+    context.response.reason = routed ? "Parking restriction check pending"
+                                     : "Parking restriction check pending (no callback)";
+    return logged(__LINE__, ASYNC_PENDING);
+}
+
+AuthResult ParkingRestrictionProcessor::processRelays(AuthContext& context, IDataProvider& provider,
+                                                      const std::vector<std::string>& relays) {
+    // The host reads the relays of the check from context.relays, which the caller has set.
+    (void)relays;
+    const AuthConfig config = provider.getAuthConfig();
+    if (!restrictionApplies(config, context)) {
+        return CONTINUE;
+    }
+    const bool routed = !context.requestId.empty();
+    const std::string handle = askHost(context, provider, engine);
+    if (!routed || handle.empty()) {
+        return CONTINUE;
+    }
+    return ASYNC_PENDING;
+}
+
+}  // namespace processors
+}  // namespace auth_engine

@@ -1,0 +1,129 @@
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "engine/AuthEngine.h"
+#include "support/CallbackRecorder.h"
+#include "support/FakeDataProvider.h"
+#include "support/TestClock.h"
+
+namespace auth_engine {
+namespace {
+
+using testing::CallbackRecorder;
+
+// A remote check: the first pass asks the "host", which answers according to the credential:
+// inline (from inside the question), later (kept for another thread), twice later, or never.
+class RemoteCheck : public IAuthProcessor {
+public:
+    explicit RemoteCheck(AuthEngine& owner) : engine(owner) {}
+    AuthResult process(AuthContext& context, IDataProvider&) override {
+        if (!context.pendingProcessor.empty()) {
+            return context.response.result;
+        }
+        AuthCallback answer = engine.makeAnswerCallback(context.requestId);
+        const std::string& mode = context.request.credential;
+        if (mode == "inline") {
+            answer("", verdict(context.requestId), AuthContext());
+        } else if (mode == "later" || mode == "twice") {
+            std::lock_guard<std::mutex> lock(mutex);
+            deferred.push_back(answer);
+            if (mode == "twice") {
+                deferred.push_back(answer);
+            }
+        }
+        return ASYNC_PENDING;
+    }
+    std::string getName() const override { return "RemoteCheck"; }
+
+    // Answers up to `count` deferred questions from the calling thread.
+    void answerSome(std::size_t count) {
+        std::vector<AuthCallback> taken;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            while (!deferred.empty() && taken.size() < count) {
+                taken.push_back(deferred.back());
+                deferred.pop_back();
+            }
+        }
+        for (std::size_t i = 0; i < taken.size(); ++i) {
+            taken[i]("", verdict(std::to_string(i)), AuthContext());
+        }
+    }
+
+private:
+    static AuthResponse verdict(const std::string& seed) {
+        AuthResponse response;
+        response.result = seed.size() % 2 == 0 ? SUCCESS : FAILED;
+        return response;
+    }
+
+    AuthEngine& engine;
+    std::mutex mutex;
+    std::vector<AuthCallback> deferred;
+};
+
+TEST(AsyncStress, EveryAcceptedRequestIsCalledBackExactlyOnce) {
+    testing::TestClock clock;
+    AuthEngine engine;
+    ASSERT_EQ(engine.init(std::make_shared<testing::FakeDataProvider>()), 0);
+    auto check = std::make_shared<RemoteCheck>(engine);
+    engine.registerProcessor(check);
+    engine.setProcessorChain({"RemoteCheck"});
+    CallbackRecorder recorder;
+
+    const std::vector<std::string> modes = {"inline", "later", "twice", "never"};
+    std::mutex idsMutex;
+    std::vector<std::string> accepted;
+    std::vector<std::thread> hosts;
+    for (unsigned seed = 1; seed <= 4; ++seed) {
+        hosts.emplace_back([&, seed] {
+            std::mt19937 random(seed);
+            for (int i = 0; i < 60; ++i) {
+                AuthRequest request;
+                request.credential = modes[random() % modes.size()];
+                const std::string id = engine.authenticateAsync(request, recorder.callback());
+                if (!id.empty()) {
+                    std::lock_guard<std::mutex> lock(idsMutex);
+                    accepted.push_back(id);
+                }
+                check->answerSome(random() % 3);
+            }
+        });
+    }
+    for (auto& host : hosts) {
+        host.join();
+    }
+    ASSERT_TRUE(engine.waitForIdle(20000));
+    std::thread second([&] { check->answerSome(1000); });
+    check->answerSome(1000);
+    second.join();
+    ASSERT_TRUE(engine.waitForIdle(20000));
+    clock.advance(31);  // whatever was never answered now times out
+    engine.checkTimeoutRequests();
+    ASSERT_TRUE(engine.waitForIdle(20000));
+
+    ASSERT_FALSE(accepted.empty());
+    ASSERT_TRUE(recorder.waitFor(accepted.size(), 20000));
+    std::map<std::string, int> calls;
+    for (const auto& call : recorder.all()) {
+        ++calls[call.requestId];
+    }
+    EXPECT_EQ(recorder.count(), accepted.size());
+    for (const auto& id : accepted) {
+        EXPECT_EQ(calls[id], 1) << id;
+    }
+    EXPECT_EQ(engine.parkedChainCount(), 0u);
+    EXPECT_EQ(engine.subRequestCount(), 0u);
+    engine.reset();
+    EXPECT_EQ(recorder.count(), accepted.size());
+}
+
+}  // namespace
+}  // namespace auth_engine
