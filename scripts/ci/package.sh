@@ -1,0 +1,121 @@
+#!/usr/bin/env bash
+# Packaging check: builds the library, installs it into temporary prefixes and builds and runs
+# examples/minimal_host against the installed package, once through find_package and once through
+# pkg-config. A second install with absolute library and include dirs checks that the package files
+# point there. Exits non-zero on any failure.
+#   AUTH_ENGINE_PACKAGE_BUILD_DIR  build directory (default: build/package)
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+"$root/scripts/setup" pkg-config
+build=${AUTH_ENGINE_PACKAGE_BUILD_DIR:-$root/build/package}
+example=$root/examples/minimal_host
+jobs=$(nproc)
+export TZ=${TZ:-UTC}
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/auth_engine-package.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+fail() {
+    echo "package: $*" >&2
+    exit 1
+}
+
+# configure_library [cmake options...]: (re)configures the library build; install dirs are always
+# given, so that a previous run's absolute dirs never linger in the cache.
+configure_library() {
+    cmake -S "$root" -B "$build/lib" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DAUTH_ENGINE_BUILD_TESTS=OFF -DAUTH_ENGINE_BUILD_TOOLS=OFF "$@" >/dev/null
+}
+
+# check_installed LIBDIR INCLUDEDIR: the files of the package and the versioned library chain.
+check_installed() {
+    local libdir=$1 includedir=$2
+    [ -f "$includedir/auth_engine/auth_engine.h" ] || fail "headers missing under $includedir"
+    [ "$(readlink "$libdir/libauth_engine.so")" = libauth_engine.so.0 ] ||
+        fail "libauth_engine.so does not link to libauth_engine.so.0"
+    [ "$(readlink "$libdir/libauth_engine.so.0")" = libauth_engine.so.0.1.0 ] ||
+        fail "libauth_engine.so.0 does not link to libauth_engine.so.0.1.0"
+    [ -f "$libdir/libauth_engine.so.0.1.0" ] || fail "libauth_engine.so.0.1.0 missing"
+    local soname
+    soname=$(objdump -p "$libdir/libauth_engine.so.0.1.0" | awk '$1 == "SONAME" { print $2 }')
+    [ "$soname" = libauth_engine.so.0 ] || fail "SONAME is '$soname'"
+    local file
+    for file in auth_engineConfig.cmake auth_engineConfigVersion.cmake auth_engineTargets.cmake; do
+        [ -f "$libdir/cmake/auth_engine/$file" ] || fail "$file missing"
+    done
+    [ -f "$libdir/pkgconfig/auth_engine.pc" ] || fail "auth_engine.pc missing"
+}
+
+# build_with_pkg_config PCDIR OUT: compiles the example with the flags pkg-config gives.
+build_with_pkg_config() {
+    local flags
+    flags=$(PKG_CONFIG_PATH=$1 pkg-config --cflags --libs auth_engine)
+    echo "pkg-config --cflags --libs auth_engine: $flags"
+    # shellcheck disable=SC2086  # the flags are meant to split
+    c++ -std=c++17 -Wall -Wextra -Wpedantic -Werror "$example/main.cpp" $flags -o "$2"
+}
+
+echo "== library"
+configure_library -DCMAKE_INSTALL_LIBDIR=lib -DCMAKE_INSTALL_INCLUDEDIR=include
+cmake --build "$build/lib" -j "$jobs"
+
+echo "== install with relative dirs, prefix given at install time"
+prefix=$work/prefix
+cmake --install "$build/lib" --prefix "$prefix" >/dev/null
+check_installed "$prefix/lib" "$prefix/include"
+grep -qx "prefix=$prefix" "$prefix/lib/pkgconfig/auth_engine.pc" ||
+    fail "auth_engine.pc does not name the install prefix"
+[ "$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --modversion auth_engine)" = 0.1.0 ] ||
+    fail "pkg-config does not report version 0.1.0"
+
+echo "== example through find_package"
+rm -rf "$build/example-cmake"
+cmake -S "$example" -B "$build/example-cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_PREFIX_PATH="$prefix" -DMINIMAL_HOST_WERROR=ON >/dev/null
+cmake --build "$build/example-cmake" -j "$jobs"
+LD_LIBRARY_PATH=$prefix/lib "$build/example-cmake/minimal_host"
+
+echo "== example through pkg-config"
+mkdir -p "$build/example-pkg-config"
+build_with_pkg_config "$prefix/lib/pkgconfig" "$build/example-pkg-config/minimal_host"
+LD_LIBRARY_PATH=$prefix/lib "$build/example-pkg-config/minimal_host"
+
+echo "== the CMake package accepts its own major version only"
+mkdir -p "$work/probe"
+cat >"$work/probe/CMakeLists.txt" <<'PROBE'
+cmake_minimum_required(VERSION 3.16)
+project(probe LANGUAGES CXX)
+find_package(auth_engine 1.0 CONFIG QUIET)
+if(auth_engine_FOUND OR NOT auth_engine_CONSIDERED_VERSIONS STREQUAL "0.1.0")
+    message(FATAL_ERROR "asked for 1.0: found=${auth_engine_FOUND}, seen=${auth_engine_CONSIDERED_VERSIONS}")
+endif()
+find_package(auth_engine 0.0.1 CONFIG QUIET)
+if(NOT auth_engine_FOUND OR NOT TARGET auth_engine::auth_engine)
+    message(FATAL_ERROR "asked for 0.0.1: not found")
+endif()
+PROBE
+cmake -S "$work/probe" -B "$work/probe/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null ||
+    fail "the version check of the CMake package is not SameMajorVersion"
+
+echo "== install with absolute library and include dirs"
+absolute=$work/absolute
+configure_library -DCMAKE_INSTALL_PREFIX="$absolute/usr" \
+    -DCMAKE_INSTALL_LIBDIR="$absolute/libs/auth" -DCMAKE_INSTALL_INCLUDEDIR="$absolute/headers"
+cmake --install "$build/lib" >/dev/null
+check_installed "$absolute/libs/auth" "$absolute/headers"
+pc=$absolute/libs/auth/pkgconfig
+[ "$(PKG_CONFIG_PATH=$pc pkg-config --variable=libdir auth_engine)" = "$absolute/libs/auth" ] ||
+    fail "auth_engine.pc libdir is not the absolute dir"
+[ "$(PKG_CONFIG_PATH=$pc pkg-config --variable=includedir auth_engine)" = "$absolute/headers" ] ||
+    fail "auth_engine.pc includedir is not the absolute dir"
+cmake -S "$example" -B "$work/example-absolute" \
+    -Dauth_engine_DIR="$absolute/libs/auth/cmake/auth_engine" >/dev/null
+cmake --build "$work/example-absolute" -j "$jobs" >/dev/null
+LD_LIBRARY_PATH=$absolute/libs/auth "$work/example-absolute/minimal_host" >/dev/null
+build_with_pkg_config "$pc" "$work/minimal_host-absolute"
+LD_LIBRARY_PATH=$absolute/libs/auth "$work/minimal_host-absolute" >/dev/null
+
+# Leave the build configured for the ordinary layout.
+configure_library -DCMAKE_INSTALL_PREFIX=/usr/local -DCMAKE_INSTALL_LIBDIR=lib \
+    -DCMAKE_INSTALL_INCLUDEDIR=include
+echo "== package: all checks passed"
