@@ -20,7 +20,11 @@ public:
     /// "SUCCESS", "FAILED", "ASYNC_PENDING", "CONTINUE", "IGNORED", and "UNKNOWN" for every other value.
     static const char* authResultToString(AuthResult result);
     /// Thread-safe. The sink is called on the logging thread and must not log through AuthLogger.
+    /// Any call, with an empty function included, ends a null sink set by setNullSink.
     static void setSink(std::function<void(int priority, const std::string& line)> sink);
+    /// Drops every line without formatting it, for hosts that keep no library log (and for
+    /// measuring the engine without its logging). Thread-safe; setSink ends it.
+    static void setNullSink();
 };
 
 /// Reads relay ids: single digits, or "S" followed by one letter; everything else is skipped

@@ -9,6 +9,9 @@ namespace auth_engine {
 std::vector<std::string> parseRelayString(const std::string& text) {
     std::vector<std::string> relays;
     const size_t size = text.size();
+    // Every id takes at least one character: one allocation instead of a growth per id for the
+    // usual short texts, without trusting the size of a long one.
+    relays.reserve(size < 8 ? size : 8);
     for (size_t i = 0; i < size; ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
         if (byte == 'S' && i + 1 < size && std::isalpha(static_cast<unsigned char>(text[i + 1])) != 0) {

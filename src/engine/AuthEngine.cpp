@@ -4,13 +4,14 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <chrono>
-#include <exception>
-#include <set>
 #include <utility>
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "engine/HostCall.h"
+#include "engine/WorkerThread.h"
 #include "processors/AntiPassbackProcessor.h"
 #include "processors/BleIntervalProcessor.h"
 #include "processors/DoubleAuthProcessor.h"
@@ -43,6 +44,72 @@ const std::vector<std::string>& defaultChain() {
         chain::LOCK_DOWN};
     return names;
 }
+
+// The processors met walking from `start`, stopping at one already visited. Caller holds the chain
+// lock. Chains are short (the default has 13 links), so a linear search of what was already met is
+// cheaper than a set, which would allocate a node per link.
+std::vector<std::shared_ptr<IAuthProcessor>> walkFrom(std::shared_ptr<IAuthProcessor> start,
+                                                      std::size_t expected) {
+    std::vector<std::shared_ptr<IAuthProcessor>> list;
+    list.reserve(expected);
+    // Each link is moved into the list rather than copied: one reference count change per link.
+    for (auto current = std::move(start); current;) {
+        if (std::find(list.begin(), list.end(), current) != list.end()) {
+            break;
+        }
+        list.push_back(std::move(current));
+        current = list.back()->getNext();
+    }
+    return list;
+}
+
+// The chain runner: runs `list` from position `first` until a result other than CONTINUE (all
+// CONTINUE is SUCCESS), and records the processor that returned ASYNC_PENDING. A throw from a
+// processor ends the request FAILED, fail code 0, "Internal error".
+AuthResult runList(IDataProvider& host, const std::vector<std::shared_ptr<IAuthProcessor>>& list,
+                   std::size_t first, AuthContext& context) {
+    AuthResult result = CONTINUE;
+    for (std::size_t i = first; i < list.size() && result == CONTINUE; ++i) {
+        const auto& processor = list[i];
+        const bool completed = callHost("processor", [&] {
+            result = processor->process(context, host);
+            if (result == ASYNC_PENDING) {
+                context.pendingProcessor = processor->getName();
+            }
+        });
+        if (!completed) {
+            // A processor throws only when the host's code it called did; the request ends here and
+            // is reported once by the caller's normal path.
+            context.response.failCode = 0;
+            context.response.reason = "Internal error";
+            return FAILED;
+        }
+    }
+    return result == CONTINUE ? SUCCESS : result;
+}
+
+// The provider a decision on this thread already holds, for the steps of that decision (post-sync
+// split, reports, parking), so that they do not take the chain lock again for it. Set by
+// authenticate for its duration; nested decisions restore the outer one.
+struct HeldProvider {
+    const AuthEngine* engine = nullptr;
+    const std::shared_ptr<IDataProvider>* host = nullptr;
+};
+thread_local HeldProvider heldProvider;
+
+class HoldProvider {
+public:
+    HoldProvider(const AuthEngine* engine, const std::shared_ptr<IDataProvider>* host)
+        : previous(heldProvider) {
+        heldProvider = HeldProvider{engine, host};
+    }
+    ~HoldProvider() { heldProvider = previous; }
+    HoldProvider(const HoldProvider&) = delete;
+    HoldProvider& operator=(const HoldProvider&) = delete;
+
+private:
+    const HeldProvider previous;
+};
 
 // Hands the engine pointer to the processors that ask the host or park a context.
 void attachEngine(const std::shared_ptr<IAuthProcessor>& processor, AuthEngine* engine) {
@@ -151,6 +218,7 @@ void AuthEngine::createProcessors() {
         }
         slot = processor;
     }
+    refreshChainWalkLocked();
 }
 
 void AuthEngine::buildProcessorChain() {
@@ -162,6 +230,11 @@ void AuthEngine::setProcessorChain(const std::vector<std::string>& names) {
     if (!dataProvider) {
         return;
     }
+    // Whichever way this ends, the walk is recomputed before the lock is released.
+    struct RefreshWalk {
+        AuthEngine& engine;
+        ~RefreshWalk() { engine.refreshChainWalkLocked(); }
+    } refresh{*this};
     chainHead.reset();
     if (names.empty()) {
         return;
@@ -212,10 +285,15 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
     response.result = FAILED;
     response.failCode = 0;
     const std::shared_ptr<IDataProvider> host = provider();
-    if (!initialized || !host) {
+    // The worker decides a submission it has taken even when a reset has begun meanwhile (the reset
+    // waits for it): the submission was accepted, so its caller must hear back. Processors and
+    // provider stay until the worker is joined.
+    const bool fromWorker = workerEngineOfThread == this;
+    if ((!initialized && !fromWorker) || !host) {
         response.reason = "Engine not initialized";
         return response;
     }
+    const HoldProvider holding(this, &host);
 
     AuthContext context;
     context.request = request;
@@ -235,7 +313,10 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
 
     // Reader default relays (informational): direction 2 is deliberately preferred over 1.
     if (context.readerRelays.empty()) {
-        const AuthConfig config = fetchConfig();
+        // Asked of the provider this call already holds (as fetchConfig does, a throw gives the
+        // default configuration).
+        AuthConfig config;
+        callHost("getAuthConfig", [&] { config = host->getAuthConfig(); });
         if (config.virtualDoorEnabled) {
             const auto reader = config.readerRelayMap.find(context.request.readerType);
             if (reader != config.readerRelayMap.end() && !reader->second.empty()) {
@@ -270,8 +351,16 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
                 std::vector<std::string> ready;
                 {
                     std::lock_guard<std::mutex> lock(queueMutex);
-                    asyncContexts[requestId] = std::move(parked);
-                    ready = finishConstructionLocked(requestId);
+                    if (running) {
+                        asyncContexts[requestId] = std::move(parked);
+                        ready = finishConstructionLocked(requestId);
+                    } else {
+                        // A reset ran while the chain did: it drops parked chains silently, and
+                        // this one, parked after its sweep, must not outlive it either.
+                        asyncContexts.erase(requestId);
+                        unregisterSubRequests(requestId);
+                        abandonConstructionLocked(requestId);
+                    }
                 }
                 for (const auto& id : ready) {
                     enqueueResume(id);
@@ -305,22 +394,31 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
     context.response.result = result;
     AuthLogger::info("AuthEngine::authenticate: requestId=%s, result=%d", requestId.c_str(),
                      static_cast<int>(result));
-    guardHostCall("processPostSyncPhase", [&] { processPostSyncPhase(context, callback); });
-    return context.response;
+    callHost("processPostSyncPhase", [&] { processPostSyncPhase(context, callback); });
+    // The context ends here: its response is handed out rather than copied.
+    return std::move(context.response);
 }
 
 AuthResult AuthEngine::executeProcessorChain(AuthContext& context) {
-    std::shared_ptr<IAuthProcessor> head;
+    // The chain and the provider it runs against, taken together under one lock.
+    std::shared_ptr<const std::vector<std::shared_ptr<IAuthProcessor>>> walk;
+    std::shared_ptr<IDataProvider> host;
     {
         std::lock_guard<std::mutex> lock(chainMutex);
-        head = chainHead;
+        walk = chainWalk;
+        host = dataProvider;
     }
-    if (!head) {
+    if (!walk || walk->empty()) {
         context.response.failCode = 0;
         context.response.reason = "No processor chain configured";
         return FAILED;
     }
-    return runChainFrom(head, context);
+    if (!host) {
+        context.response.failCode = 0;
+        context.response.reason = "Engine not initialized";
+        return FAILED;
+    }
+    return runList(*host, *walk, 0, context);
 }
 
 std::string AuthEngine::generateRequestId() {
@@ -336,16 +434,17 @@ int64_t AuthEngine::getUptimeSeconds() {
 
 std::vector<std::shared_ptr<IAuthProcessor>> AuthEngine::collectChain(
     std::shared_ptr<IAuthProcessor> start) {
-    std::vector<std::shared_ptr<IAuthProcessor>> list;
-    std::set<const IAuthProcessor*> visited;
     std::lock_guard<std::mutex> lock(chainMutex);
-    for (auto current = std::move(start); current; current = current->getNext()) {
-        if (!visited.insert(current.get()).second) {
-            break;
-        }
-        list.push_back(current);
+    return walkFrom(std::move(start), processors.size() + 1);
+}
+
+void AuthEngine::refreshChainWalkLocked() {
+    if (!chainHead) {
+        chainWalk.reset();
+        return;
     }
-    return list;
+    chainWalk = std::make_shared<const std::vector<std::shared_ptr<IAuthProcessor>>>(
+        walkFrom(chainHead, processors.size() + 1));
 }
 
 AuthResult AuthEngine::runProcessors(const std::vector<std::shared_ptr<IAuthProcessor>>& list,
@@ -356,24 +455,7 @@ AuthResult AuthEngine::runProcessors(const std::vector<std::shared_ptr<IAuthProc
         context.response.reason = "Engine not initialized";
         return FAILED;
     }
-    AuthResult result = CONTINUE;
-    for (std::size_t i = first; i < list.size() && result == CONTINUE; ++i) {
-        const auto& processor = list[i];
-        const bool completed = guardHostCall("processor", [&] {
-            result = processor->process(context, *host);
-            if (result == ASYNC_PENDING) {
-                context.pendingProcessor = processor->getName();
-            }
-        });
-        if (!completed) {
-            // A processor throws only when the host's code it called did; the request ends here and
-            // is reported once by the caller's normal path.
-            context.response.failCode = 0;
-            context.response.reason = "Internal error";
-            return FAILED;
-        }
-    }
-    return result == CONTINUE ? SUCCESS : result;
+    return runList(*host, list, first, context);
 }
 
 AuthResult AuthEngine::runChainFrom(std::shared_ptr<IAuthProcessor> start, AuthContext& context) {
@@ -383,28 +465,22 @@ AuthResult AuthEngine::runChainFrom(std::shared_ptr<IAuthProcessor> start, AuthC
 // ---- host calls ----
 
 bool AuthEngine::guardHostCall(const char* what, const std::function<void()>& fn) {
-    try {
-        fn();
-        return true;
-    } catch (const std::exception& e) {
-        AuthLogger::error("[AuthEngine] %s threw: %s", what, e.what());
-    } catch (...) {
-        AuthLogger::error("[AuthEngine] %s threw: %s", what, "unknown exception");
-    }
-    return false;
+    return callHost(what, fn);
 }
 
 void AuthEngine::reportToHost(const AuthContext& context, const AuthCallback& callback) {
     if (const std::shared_ptr<IDataProvider> host = provider()) {
-        guardHostCall("onAuthResult",
-                      [&] { host->onAuthResult(context, context.response.result); });
+        callHost("onAuthResult", [&] { host->onAuthResult(context, context.response.result); });
     }
     if (callback) {
-        guardHostCall("callback", [&] { callback(context.requestId, context.response, context); });
+        callHost("callback", [&] { callback(context.requestId, context.response, context); });
     }
 }
 
 std::shared_ptr<IDataProvider> AuthEngine::provider() {
+    if (heldProvider.engine == this) {
+        return *heldProvider.host;
+    }
     std::lock_guard<std::mutex> lock(chainMutex);
     return dataProvider;
 }
@@ -413,7 +489,7 @@ AuthConfig AuthEngine::fetchConfig() {
     const std::shared_ptr<IDataProvider> host = provider();
     AuthConfig config;
     if (host) {
-        guardHostCall("getAuthConfig", [&] { config = host->getAuthConfig(); });
+        callHost("getAuthConfig", [&] { config = host->getAuthConfig(); });
     }
     return config;
 }

@@ -189,6 +189,8 @@ private:
 
     /// The processors met walking from `start`, stopping at one already visited (takes chainMutex).
     std::vector<std::shared_ptr<IAuthProcessor>> collectChain(std::shared_ptr<IAuthProcessor> start);
+    /// Recomputes chainWalk from chainHead after a link changed. Caller holds chainMutex.
+    void refreshChainWalkLocked();
     /// Runs `list` from position `first` as the chain runner does, without any engine lock.
     AuthResult runProcessors(const std::vector<std::shared_ptr<IAuthProcessor>>& list,
                              std::size_t first, AuthContext& context);
@@ -226,8 +228,12 @@ private:
     std::condition_variable idleChanged;
     std::shared_ptr<Gate> gate;  ///< guarded by chainMutex; null before init and after reset
     std::map<std::string, std::vector<EarlyAnswer>> underConstruction;  ///< guarded by queueMutex
-    /// Guards chainHead, processors, dataProvider and every processor's `next` link: a chain walk
-    /// collects the processors to run under it, then runs them without it.
+    /// The walk from chainHead (what a decision runs), recomputed under chainMutex whenever a link
+    /// or the head changes, so that a decision takes its chain with one reference count instead of
+    /// walking and counting every link. Null when there is no chain.
+    std::shared_ptr<const std::vector<std::shared_ptr<IAuthProcessor>>> chainWalk;
+    /// Guards chainHead, chainWalk, processors, dataProvider and every processor's `next` link: a
+    /// chain walk collects the processors to run under it, then runs them without it.
     mutable std::mutex chainMutex;
 };
 

@@ -10,8 +10,11 @@
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
 #include "engine/AuthEngine.h"
+#include "engine/WorkerThread.h"
 
 namespace auth_engine {
+
+thread_local const AuthEngine* workerEngineOfThread = nullptr;
 
 namespace {
 
@@ -147,6 +150,7 @@ void AuthEngine::enqueueResume(const std::string& requestId) {
 
 void* AuthEngine::asyncThreadFunc(void* arg) {
     auto* const self = static_cast<AuthEngine*>(arg);
+    workerEngineOfThread = self;
     guardHostCall("reloadConfig", [&] { self->reloadConfig(); });
     while (self->running) {
         timespec deadline{};
@@ -454,12 +458,13 @@ void AuthEngine::resumeAuthentication(const std::string& requestId) {
     }
 
     // Resume at the processor that parked the request; it finds its answer in the context.
-    std::shared_ptr<IAuthProcessor> head;
+    std::shared_ptr<const std::vector<std::shared_ptr<IAuthProcessor>>> current;
     {
         std::lock_guard<std::mutex> lock(chainMutex);
-        head = chainHead;
+        current = chainWalk;
     }
-    const auto walk = collectChain(head);
+    const std::vector<std::shared_ptr<IAuthProcessor>> noChain;
+    const std::vector<std::shared_ptr<IAuthProcessor>>& walk = current ? *current : noChain;
     std::size_t index = walk.size();
     for (std::size_t i = 0; i < walk.size() && index == walk.size(); ++i) {
         std::string name;
@@ -623,6 +628,7 @@ void AuthEngine::reset() {
             }
         }
         chainHead.reset();
+        chainWalk.reset();
         processors.clear();
     }
 

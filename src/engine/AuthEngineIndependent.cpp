@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <exception>
 #include <memory>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -95,10 +94,15 @@ void AuthEngine::buildAuthTargets(AuthContext& context) {
 void AuthEngine::buildAuthTargetsForRelays(AuthContext& context,
                                            const std::vector<std::string>& relays,
                                            bool includeUserTarget) {
+    // A report names a handful of targets: a linear search for repeats beats a set, which would
+    // allocate a node per target.
     std::vector<AuthTarget> targets;
-    std::set<std::pair<int, std::string>> added;
-    const auto add = [&targets, &added](int type, const std::string& id) {
-        if (added.insert({type, id}).second) {
+    targets.reserve(context.authTargets.size() + relays.size() + 1);
+    const auto add = [&targets](int type, const std::string& id) {
+        const auto same = [&](const AuthTarget& target) {
+            return target.type == type && target.relay == id;
+        };
+        if (std::none_of(targets.begin(), targets.end(), same)) {
             targets.push_back(AuthTarget{type, id});
         }
     };
@@ -165,6 +169,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         }
     }
     std::vector<std::string> candidates;
+    candidates.reserve(context.relays.size());
     for (const std::string& relay : context.relays) {
         if (!contains(failed, relay)) {
             appendOnce(candidates, relay);
@@ -239,6 +244,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
     std::vector<std::string> interlockRelays;
     std::vector<std::string> parkingRelays;
     std::vector<std::string> immediate;
+    immediate.reserve(candidates.size());
     std::map<std::string, std::vector<int>> relayChecks;
     for (const std::string& relay : candidates) {
         std::vector<int> checks;
@@ -284,11 +290,13 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
 
     context.asyncType = PHASE_SYNC;
     context.response.asyncType = PHASE_SYNC;
-    context.response.openedRelays = immediate;
+    // The relays opened now move into the report; `opened` reads them there.
+    context.response.openedRelays = std::move(immediate);
+    const std::vector<std::string>& opened = context.response.openedRelays;
     context.response.failedRelays = failed;
-    if (!immediate.empty() || grantsTarget) {
+    if (!opened.empty() || grantsTarget) {
         context.response.result = SUCCESS;
-        buildAuthTargetsForRelays(context, immediate, true);
+        buildAuthTargetsForRelays(context, opened, true);
     } else {
         context.response.targets.clear();
         if (!failed.empty()) {
@@ -300,8 +308,8 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         // A passed request always hears back once, even when nothing was left to open.
         context.response.result = SUCCESS;
     }
-    if (!immediate.empty() || !failed.empty() || grantsTarget ||
-        context.response.result == FAILED || !heldBack) {
+    if (!opened.empty() || !failed.empty() || grantsTarget || context.response.result == FAILED ||
+        !heldBack) {
         reportToHost(context, callback);
     }
     if (!heldBack) {

@@ -49,6 +49,20 @@ Result shielded(const char* what, Result fallback, Fn&& fn) {
     return fallback;
 }
 
+// The same with a fallback built only when it is needed: the authentication path would otherwise
+// build and destroy a whole response on every call.
+template <typename Fn, typename Fallback>
+auto shieldedLazy(const char* what, Fallback&& fallback, Fn&& fn) -> decltype(fn()) {
+    try {
+        return fn();
+    } catch (const std::exception& e) {
+        AuthLogger::error("[AuthFacade] %s threw: %s", what, e.what());
+    } catch (...) {
+        AuthLogger::error("[AuthFacade] %s threw: %s", what, "unknown exception");
+    }
+    return fallback();
+}
+
 template <typename Fn>
 void shieldedVoid(const char* what, Fn&& fn) {
     shielded<bool>(what, false, [&] {
@@ -110,9 +124,9 @@ AuthResponse AuthFacade::authenticate(const AuthRequest& request) {
     if (!current) {
         return notInitialized();
     }
-    return shielded<AuthResponse>("authenticate", failedResponse("Internal error"), [&] {
-        return current->authenticate(request, AuthCallback(), std::string());
-    });
+    return shieldedLazy(
+        "authenticate", [] { return failedResponse("Internal error"); },
+        [&] { return current->authenticate(request, AuthCallback(), std::string()); });
 }
 
 std::string AuthFacade::authenticateAsync(const AuthRequest& request, AuthCallback callback) {

@@ -12,32 +12,55 @@ namespace processors {
 
 namespace {
 
-// Local calendar view of the wall clock; false when the time cannot be represented.
-bool localNow(std::tm& out) {
-    const time_t now = static_cast<time_t>(AuthClock::now());
-    return localtime_r(&now, &out) != nullptr;
+// Writes `value` as `width` decimal digits, zero-padded; false when it does not fit.
+bool putDigits(char* out, int value, int width) {
+    if (value < 0) {
+        return false;
+    }
+    for (int i = width - 1; i >= 0; --i) {
+        out[i] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    }
+    return value == 0;
 }
 
-std::string todayText() {
-    std::tm tm{};
-    if (!localNow(tm)) {
-        return std::string();
-    }
-    char buffer[11];
-    const int written = std::snprintf(buffer, sizeof(buffer), "%04d-%02d-%02d", tm.tm_year + 1900,
-                                      tm.tm_mon + 1, tm.tm_mday);
-    return written < 0 ? std::string() : std::string(buffer);
-}
+// Today's date ("YYYY-MM-DD") and time of day ("HH:MM:SS") in local time, from one reading of the
+// wall clock; both empty when the time cannot be represented. Digits are written directly: this
+// runs on every decision and snprintf costs more than the rest of the holiday check.
+struct LocalToday {
+    std::string date;
+    std::string time;
+};
 
-std::string timeOfDayText() {
+LocalToday localToday() {
+    LocalToday today;
+    const auto now = static_cast<time_t>(AuthClock::now());
     std::tm tm{};
-    if (!localNow(tm)) {
-        return std::string();
+    if (localtime_r(&now, &tm) == nullptr) {
+        return today;
     }
-    char buffer[9];
-    const int written =
-        std::snprintf(buffer, sizeof(buffer), "%02d:%02d:%02d", tm.tm_hour, tm.tm_min, tm.tm_sec);
-    return written < 0 ? std::string() : std::string(buffer);
+    char date[10] = {'0', '0', '0', '0', '-', '0', '0', '-', '0', '0'};
+    if (putDigits(date, tm.tm_year + 1900, 4) && putDigits(date + 5, tm.tm_mon + 1, 2) &&
+        putDigits(date + 8, tm.tm_mday, 2)) {
+        today.date.assign(date, sizeof(date));
+    } else {
+        // Years outside 0..9999 keep what the formatted text always gave them.
+        char buffer[11];
+        const int written = std::snprintf(buffer, sizeof(buffer), "%04d-%02d-%02d",
+                                          tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
+        today.date = written < 0 ? std::string() : std::string(buffer);
+    }
+    char time[8] = {'0', '0', ':', '0', '0', ':', '0', '0'};
+    if (putDigits(time, tm.tm_hour, 2) && putDigits(time + 3, tm.tm_min, 2) &&
+        putDigits(time + 6, tm.tm_sec, 2)) {
+        today.time.assign(time, sizeof(time));
+    } else {
+        char buffer[9];
+        const int written = std::snprintf(buffer, sizeof(buffer), "%02d:%02d:%02d", tm.tm_hour,
+                                          tm.tm_min, tm.tm_sec);
+        today.time = written < 0 ? std::string() : std::string(buffer);
+    }
+    return today;
 }
 
 // "MM-DD" of a "YYYY-MM-DD" text; empty for anything shorter.
@@ -91,8 +114,9 @@ AuthResult HolidayCheckProcessor::process(AuthContext& context, IDataProvider& p
         return CONTINUE;
     }
 
-    const std::string today = todayText();
-    const std::string now = timeOfDayText();
+    const LocalToday local = localToday();
+    const std::string& today = local.date;
+    const std::string& now = local.time;
 
     const std::vector<HolidayData> holidays =
         provider.getHolidays(user->holidayKey, user->ownerKind);

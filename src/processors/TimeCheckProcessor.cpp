@@ -23,17 +23,47 @@ bool contains(const std::vector<std::string>& list, const std::string& value) {
     return std::find(list.begin(), list.end(), value) != list.end();
 }
 
-// Formats the local calendar view of `now`; empty when the time cannot be represented (the
-// callers then refuse rather than compare against an empty text).
-std::string formatLocal(int64_t now, const char* format) {
-    const time_t seconds = static_cast<time_t>(now);
+// The local calendar view of one instant. A decision reads it once and tests every schedule against
+// it, instead of converting the same instant again for every schedule of every relay.
+struct LocalView {
+    bool valid = false;  // false when the time cannot be represented
     std::tm tm{};
-    if (localtime_r(&seconds, &tm) == nullptr) {
-        return std::string();
+    std::string timeOfDay;  // "HH:MM:SS"; empty when not representable
+};
+
+// strftime of the view; empty when the time cannot be represented (the callers then refuse rather
+// than compare against an empty text).
+std::string formatView(const LocalView& view, const char* format) {
+    if (!view.valid) {
+        return {};
     }
     char buffer[9];
-    const std::size_t written = std::strftime(buffer, sizeof(buffer), format, &tm);
+    const std::size_t written = std::strftime(buffer, sizeof(buffer), format, &view.tm);
     return written == 0 ? std::string() : std::string(buffer, written);
+}
+
+bool twoDigits(int value) {
+    return value >= 0 && value <= 99;
+}
+
+LocalView localView(int64_t now) {
+    LocalView view;
+    const auto seconds = static_cast<time_t>(now);
+    view.valid = localtime_r(&seconds, &view.tm) != nullptr;
+    const std::tm& tm = view.tm;
+    if (view.valid && twoDigits(tm.tm_hour) && twoDigits(tm.tm_min) && twoDigits(tm.tm_sec)) {
+        // What strftime's "%H:%M:%S" writes, without its cost.
+        char text[8] = {'0', '0', ':', '0', '0', ':', '0', '0'};
+        const int fields[3] = {tm.tm_hour, tm.tm_min, tm.tm_sec};
+        for (std::size_t i = 0; i < 3; ++i) {
+            text[i * 3] = static_cast<char>('0' + fields[i] / 10);
+            text[i * 3 + 1] = static_cast<char>('0' + fields[i] % 10);
+        }
+        view.timeOfDay.assign(text, sizeof(text));
+    } else {
+        view.timeOfDay = formatView(view, "%H:%M:%S");
+    }
+    return view;
 }
 
 // Reads the ';'-separated schedule id list of a relay key. Each piece is read like atoi (leading
@@ -63,6 +93,8 @@ std::vector<int> parseScheduleIds(const std::string& text) {
     }
     return ids;
 }
+
+bool scheduleValid(const ScheduleData& schedule, int64_t now, const LocalView& view);
 
 void setHolidayExemption(AuthContext& context, const std::string& relay, bool exempt) {
     context.relayHolidayExemption[relay] = exempt;
@@ -252,19 +284,23 @@ AuthResult TimeCheckProcessor::checkRelaySchedules(AuthContext& context, IDataPr
 
     const std::vector<std::shared_ptr<ScheduleData>> schedules =
         provider.getRelaySchedules(ownerKey, ownerKind);
-    std::map<std::string, std::shared_ptr<ScheduleData>> scheduleById;
+    // `schedules` keeps the records alive for the whole call: the index holds plain pointers.
+    std::map<std::string, const ScheduleData*> scheduleById;
     for (const std::shared_ptr<ScheduleData>& schedule : schedules) {
         if (!schedule) {
             continue;
         }
         AuthLogger::info("[TimeCheckProcessor:%d] schedule=%s, name=%s", __LINE__,
                          schedule->scheduleId.c_str(), schedule->name.c_str());
-        scheduleById[schedule->scheduleId] = schedule;  // a later duplicate replaces the earlier
+        // A later duplicate replaces the earlier.
+        scheduleById[schedule->scheduleId] = schedule.get();
     }
     AuthLogger::info("[TimeCheckProcessor:%d] loaded %d schedules, scheduleById size=%d", __LINE__,
                      static_cast<int>(schedules.size()), static_cast<int>(scheduleById.size()));
 
+    const LocalView view = localView(now);
     std::vector<std::string> kept;
+    kept.reserve(context.relays.size());
     for (const std::string& relay : context.relays) {
         const auto governing = context.relayScheduleMap.find(relay);
         if (governing == context.relayScheduleMap.end() || governing->second.empty()) {
@@ -280,7 +316,7 @@ AuthResult TimeCheckProcessor::checkRelaySchedules(AuthContext& context, IDataPr
             AuthLogger::info("[TimeCheckProcessor:%d] relay=%s schedule=%s", __LINE__,
                              relay.c_str(), id.c_str());
             const auto found = scheduleById.find(id);
-            if (found == scheduleById.end() || !isScheduleValid(*found->second, now)) {
+            if (found == scheduleById.end() || !scheduleValid(*found->second, now, view)) {
                 continue;
             }
             admitted = true;
@@ -333,8 +369,9 @@ AuthResult TimeCheckProcessor::checkTempKeyHolidayExemption(AuthContext& context
     const std::vector<std::shared_ptr<ScheduleData>> schedules =
         provider.getRelaySchedules(user->scheduleRelay, user->ownerKind);
     bool hasExemption = false;
+    const LocalView view = localView(now);
     for (const std::shared_ptr<ScheduleData>& schedule : schedules) {
-        if (schedule && schedule->holidayExemption && isScheduleValid(*schedule, now)) {
+        if (schedule && schedule->holidayExemption && scheduleValid(*schedule, now, view)) {
             hasExemption = true;
             AuthLogger::info("[TimeCheckProcessor:%d] temp_key active exempting schedule=%s",
                              __LINE__, schedule->scheduleId.c_str());
@@ -350,51 +387,10 @@ AuthResult TimeCheckProcessor::checkTempKeyHolidayExemption(AuthContext& context
     return CONTINUE;
 }
 
-bool TimeCheckProcessor::isScheduleValid(const ScheduleData& schedule, int64_t now) {
-    AuthLogger::info(
-        "[TimeCheckProcessor:%d] isScheduleValid: id=%d, type=%d, startTime=%s, endTime=%s, "
-        "weekly=%s, startDate=%s, endDate=%s, relay=%s",
-        __LINE__, schedule.id, schedule.type, schedule.startTime.c_str(), schedule.endTime.c_str(),
-        schedule.weekly.c_str(), schedule.startDate.c_str(), schedule.endDate.c_str(),
-        schedule.relay.c_str());
+namespace {
 
-    if (!isInDailyTime(schedule.startTime, schedule.endTime, now)) {
-        AuthLogger::info("[TimeCheckProcessor:%d] isInDailyTime=false", __LINE__);
-        return false;
-    }
-    AuthLogger::info("[TimeCheckProcessor:%d] isInDailyTime=true", __LINE__);
-
-    switch (schedule.type) {
-        case 1:
-            AuthLogger::info("[TimeCheckProcessor:%d] type=DAILY, passed", __LINE__);
-            return true;
-        case 2: {
-            const bool weekly = isWeeklyMatch(schedule.weekly, now);
-            AuthLogger::info("[TimeCheckProcessor:%d] type=WEEKLY, isWeeklyMatch=%d", __LINE__,
-                             static_cast<int>(weekly));
-            return weekly;
-        }
-        case 3: {
-            const bool weekly = isWeeklyMatch(schedule.weekly, now);
-            AuthLogger::info("[TimeCheckProcessor:%d] type=DATE, isWeeklyMatch=%d", __LINE__,
-                             static_cast<int>(weekly));
-            if (!weekly) {
-                return false;
-            }
-            const bool inRange = isInDateRange(schedule.startDate, schedule.endDate, now);
-            AuthLogger::info("[TimeCheckProcessor:%d] type=DATE, isInDateRange=%d", __LINE__,
-                             static_cast<int>(inRange));
-            return inRange;
-        }
-        default:
-            AuthLogger::info("[TimeCheckProcessor:%d] unknown type=%d", __LINE__, schedule.type);
-            return false;
-    }
-}
-
-bool TimeCheckProcessor::isInDailyTime(const std::string& startTime, const std::string& endTime,
-                                       int64_t now) {
-    const std::string current = formatLocal(now, "%H:%M:%S");
+bool inDailyTime(const std::string& startTime, const std::string& endTime, const LocalView& view) {
+    const std::string& current = view.timeOfDay;
     AuthLogger::info("[TimeCheckProcessor:%d] isInDailyTime: current=%s, start=%s, end=%s",
                      __LINE__, current.c_str(), startTime.c_str(), endTime.c_str());
     if (current.empty()) {
@@ -404,22 +400,19 @@ bool TimeCheckProcessor::isInDailyTime(const std::string& startTime, const std::
     return startTime <= current && current <= endTime;
 }
 
-bool TimeCheckProcessor::isWeeklyMatch(const std::string& weekly, int64_t now) {
-    const time_t seconds = static_cast<time_t>(now);
-    std::tm tm{};
-    if (localtime_r(&seconds, &tm) == nullptr) {
+bool weeklyMatch(const std::string& weekly, int64_t now, const LocalView& view) {
+    if (!view.valid) {
         AuthLogger::error("[TimeCheckProcessor:%d] isWeeklyMatch: time %lld not representable",
                           __LINE__, static_cast<long long>(now));
         return false;
     }
     AuthLogger::info("[TimeCheckProcessor:%d] isWeeklyMatch: wday=%d, weekly=%s", __LINE__,
-                     tm.tm_wday, weekly.c_str());
-    return weekly.find(static_cast<char>('0' + tm.tm_wday)) != std::string::npos;
+                     view.tm.tm_wday, weekly.c_str());
+    return weekly.find(static_cast<char>('0' + view.tm.tm_wday)) != std::string::npos;
 }
 
-bool TimeCheckProcessor::isInDateRange(const std::string& startDate, const std::string& endDate,
-                                       int64_t now) {
-    const std::string current = formatLocal(now, "%Y%m%d");
+bool inDateRange(const std::string& startDate, const std::string& endDate, const LocalView& view) {
+    const std::string current = formatView(view, "%Y%m%d");
     std::string start;
     std::string end;
     for (const char c : startDate) {
@@ -435,7 +428,7 @@ bool TimeCheckProcessor::isInDateRange(const std::string& startDate, const std::
     // Deliberately asymmetric: an overlong start keeps its first eight characters, an overlong
     // end its last eight.
     if (start.size() > 8) {
-        start = start.substr(0, 8);
+        start.resize(8);
     }
     if (end.size() > 8) {
         end = end.substr(end.size() - 8);
@@ -446,6 +439,68 @@ bool TimeCheckProcessor::isInDateRange(const std::string& startDate, const std::
         return false;
     }
     return start <= current && current <= end;
+}
+
+bool scheduleValid(const ScheduleData& schedule, int64_t now, const LocalView& view) {
+    AuthLogger::info(
+        "[TimeCheckProcessor:%d] isScheduleValid: id=%d, type=%d, startTime=%s, endTime=%s, "
+        "weekly=%s, startDate=%s, endDate=%s, relay=%s",
+        __LINE__, schedule.id, schedule.type, schedule.startTime.c_str(), schedule.endTime.c_str(),
+        schedule.weekly.c_str(), schedule.startDate.c_str(), schedule.endDate.c_str(),
+        schedule.relay.c_str());
+
+    if (!inDailyTime(schedule.startTime, schedule.endTime, view)) {
+        AuthLogger::info("[TimeCheckProcessor:%d] isInDailyTime=false", __LINE__);
+        return false;
+    }
+    AuthLogger::info("[TimeCheckProcessor:%d] isInDailyTime=true", __LINE__);
+
+    switch (schedule.type) {
+        case 1:
+            AuthLogger::info("[TimeCheckProcessor:%d] type=DAILY, passed", __LINE__);
+            return true;
+        case 2: {
+            const bool weekly = weeklyMatch(schedule.weekly, now, view);
+            AuthLogger::info("[TimeCheckProcessor:%d] type=WEEKLY, isWeeklyMatch=%d", __LINE__,
+                             static_cast<int>(weekly));
+            return weekly;
+        }
+        case 3: {
+            const bool weekly = weeklyMatch(schedule.weekly, now, view);
+            AuthLogger::info("[TimeCheckProcessor:%d] type=DATE, isWeeklyMatch=%d", __LINE__,
+                             static_cast<int>(weekly));
+            if (!weekly) {
+                return false;
+            }
+            const bool inRange = inDateRange(schedule.startDate, schedule.endDate, view);
+            AuthLogger::info("[TimeCheckProcessor:%d] type=DATE, isInDateRange=%d", __LINE__,
+                             static_cast<int>(inRange));
+            return inRange;
+        }
+        default:
+            AuthLogger::info("[TimeCheckProcessor:%d] unknown type=%d", __LINE__, schedule.type);
+            return false;
+    }
+}
+
+}  // namespace
+
+bool TimeCheckProcessor::isScheduleValid(const ScheduleData& schedule, int64_t now) {
+    return scheduleValid(schedule, now, localView(now));
+}
+
+bool TimeCheckProcessor::isInDailyTime(const std::string& startTime, const std::string& endTime,
+                                       int64_t now) {
+    return inDailyTime(startTime, endTime, localView(now));
+}
+
+bool TimeCheckProcessor::isWeeklyMatch(const std::string& weekly, int64_t now) {
+    return weeklyMatch(weekly, now, localView(now));
+}
+
+bool TimeCheckProcessor::isInDateRange(const std::string& startDate, const std::string& endDate,
+                                       int64_t now) {
+    return inDateRange(startDate, endDate, localView(now));
 }
 
 }  // namespace processors
