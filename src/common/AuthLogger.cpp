@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/LogSwitch.h"
+
 namespace auth_engine {
 namespace {
 
@@ -95,25 +97,30 @@ __attribute__((noinline)) void emit(const char* format, va_list args) {
     (*sink)(kLogPriority, line);
 }
 
+// Both levels are written alike; a null sink stops a line here, before the out-of-line formatting.
+inline void emitUnlessDiscarding(const char* format, va_list args) {
+    if (!discarding()) {
+        emit(format, args);
+    }
+}
+
 }  // namespace
 
+bool logLinesWanted() {
+    return !discarding();
+}
+
 void AuthLogger::info(const char* format, ...) {
-    if (discarding()) {
-        return;
-    }
     va_list args;
     va_start(args, format);
-    emit(format, args);
+    emitUnlessDiscarding(format, args);
     va_end(args);
 }
 
 void AuthLogger::error(const char* format, ...) {
-    if (discarding()) {
-        return;
-    }
     va_list args;
     va_start(args, format);
-    emit(format, args);
+    emitUnlessDiscarding(format, args);
     va_end(args);
 }
 

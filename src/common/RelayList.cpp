@@ -1,8 +1,9 @@
-#include <cctype>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/RelayScan.h"
 
 namespace auth_engine {
 
@@ -12,16 +13,7 @@ std::vector<std::string> parseRelayString(const std::string& text) {
     // Every id takes at least one character: one allocation instead of a growth per id for the
     // usual short texts, without trusting the size of a long one.
     relays.reserve(size < 8 ? size : 8);
-    for (size_t i = 0; i < size; ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if (byte == 'S' && i + 1 < size && std::isalpha(static_cast<unsigned char>(text[i + 1])) != 0) {
-            relays.push_back(text.substr(i, 2));
-            ++i;
-        } else if (byte >= '0' && byte <= '9') {
-            relays.emplace_back(1, static_cast<char>(byte));
-        }
-        // Separators, blanks and any other byte are skipped.
-    }
+    forEachRelayId(text, 0, size, [&relays](std::string&& id) { relays.push_back(std::move(id)); });
     return relays;
 }
 

@@ -10,6 +10,7 @@
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "common/DecisionLocalTime.h"
 #include "engine/HostCall.h"
 #include "engine/WorkerThread.h"
 #include "processors/AntiPassbackProcessor.h"
@@ -97,18 +98,23 @@ struct HeldProvider {
 };
 thread_local HeldProvider heldProvider;
 
+// Also marks the thread as running a decision, so that its local time is converted once.
 class HoldProvider {
 public:
     HoldProvider(const AuthEngine* engine, const std::shared_ptr<IDataProvider>* host)
-        : previous(heldProvider) {
+        : previous(heldProvider), previousLocalTime(beginDecisionLocalTime()) {
         heldProvider = HeldProvider{engine, host};
     }
-    ~HoldProvider() { heldProvider = previous; }
+    ~HoldProvider() {
+        heldProvider = previous;
+        endDecisionLocalTime(previousLocalTime);
+    }
     HoldProvider(const HoldProvider&) = delete;
     HoldProvider& operator=(const HoldProvider&) = delete;
 
 private:
     const HeldProvider previous;
+    const DecisionLocalTimeState previousLocalTime;
 };
 
 // Hands the engine pointer to the processors that ask the host or park a context.
@@ -281,15 +287,22 @@ bool AuthEngine::isReady() const {
 
 AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCallback& callback,
                                       const std::string& requestId) {
-    AuthResponse response;
-    response.result = FAILED;
-    response.failCode = 0;
-    const std::shared_ptr<IDataProvider> host = provider();
+    // The chain and the provider it runs against, taken together under one lock. A decision nested
+    // in another one on this thread reports to the provider the outer one holds, as provider()
+    // gives it.
+    const ChainSnapshot chain = chainSnapshot();
+    // A reference, not a copy: the snapshot lives as long as this call, and so does the outer
+    // decision that holds its own provider.
+    const std::shared_ptr<IDataProvider>& host =
+        heldProvider.engine == this ? *heldProvider.host : chain.host;
     // The worker decides a submission it has taken even when a reset has begun meanwhile (the reset
     // waits for it): the submission was accepted, so its caller must hear back. Processors and
     // provider stay until the worker is joined.
     const bool fromWorker = workerEngineOfThread == this;
     if ((!initialized && !fromWorker) || !host) {
+        AuthResponse response;
+        response.result = FAILED;
+        response.failCode = 0;
         response.reason = "Engine not initialized";
         return response;
     }
@@ -297,7 +310,8 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
 
     AuthContext context;
     context.request = request;
-    context.response = response;
+    context.response.result = FAILED;
+    context.response.failCode = 0;
     context.requestId = requestId;
     context.authTargets = request.targets;
 
@@ -309,7 +323,7 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
         beginConstructionLocked(requestId);
     }
 
-    const AuthResult result = executeProcessorChain(context);
+    const AuthResult result = runSnapshot(chain, context);
 
     // Reader default relays (informational): direction 2 is deliberately preferred over 1.
     if (context.readerRelays.empty()) {
@@ -400,25 +414,7 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
 }
 
 AuthResult AuthEngine::executeProcessorChain(AuthContext& context) {
-    // The chain and the provider it runs against, taken together under one lock.
-    std::shared_ptr<const std::vector<std::shared_ptr<IAuthProcessor>>> walk;
-    std::shared_ptr<IDataProvider> host;
-    {
-        std::lock_guard<std::mutex> lock(chainMutex);
-        walk = chainWalk;
-        host = dataProvider;
-    }
-    if (!walk || walk->empty()) {
-        context.response.failCode = 0;
-        context.response.reason = "No processor chain configured";
-        return FAILED;
-    }
-    if (!host) {
-        context.response.failCode = 0;
-        context.response.reason = "Engine not initialized";
-        return FAILED;
-    }
-    return runList(*host, *walk, 0, context);
+    return runSnapshot(chainSnapshot(), context);
 }
 
 std::string AuthEngine::generateRequestId() {
@@ -431,6 +427,28 @@ int64_t AuthEngine::getUptimeSeconds() {
 }
 
 // ---- chain walks ----
+
+AuthEngine::ChainSnapshot AuthEngine::chainSnapshot() {
+    ChainSnapshot snapshot;
+    std::lock_guard<std::mutex> lock(chainMutex);
+    snapshot.walk = chainWalk;
+    snapshot.host = dataProvider;
+    return snapshot;
+}
+
+AuthResult AuthEngine::runSnapshot(const ChainSnapshot& snapshot, AuthContext& context) {
+    if (!snapshot.walk || snapshot.walk->empty()) {
+        context.response.failCode = 0;
+        context.response.reason = "No processor chain configured";
+        return FAILED;
+    }
+    if (!snapshot.host) {
+        context.response.failCode = 0;
+        context.response.reason = "Engine not initialized";
+        return FAILED;
+    }
+    return runList(*snapshot.host, *snapshot.walk, 0, context);
+}
 
 std::vector<std::shared_ptr<IAuthProcessor>> AuthEngine::collectChain(
     std::shared_ptr<IAuthProcessor> start) {

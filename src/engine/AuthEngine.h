@@ -194,6 +194,15 @@ private:
     /// Runs `list` from position `first` as the chain runner does, without any engine lock.
     AuthResult runProcessors(const std::vector<std::shared_ptr<IAuthProcessor>>& list,
                              std::size_t first, AuthContext& context);
+    /// The chain walk and the provider as one reading under chainMutex.
+    struct ChainSnapshot {
+        std::shared_ptr<const std::vector<std::shared_ptr<IAuthProcessor>>> walk;
+        std::shared_ptr<IDataProvider> host;
+    };
+    ChainSnapshot chainSnapshot();
+    /// Runs a snapshot's chain from its head: FAILED, fail code 0, with "No processor chain
+    /// configured" when there is no chain or "Engine not initialized" when there is no provider.
+    static AuthResult runSnapshot(const ChainSnapshot& snapshot, AuthContext& context);
     /// The record that saveAsyncContext stores, built without the lock (the timeout needs the
     /// configuration, which is a provider call).
     AsyncContext makeAsyncContext(const AuthContext& context, AsyncRequestType type,

@@ -36,21 +36,9 @@ AuthRequest buildRequest(const std::string& credential, OpenDoorType openType,
     return request;
 }
 
-// Runs `fn`; an exception is logged and `fallback` is returned instead.
-template <typename Result, typename Fn>
-Result shielded(const char* what, Result fallback, Fn&& fn) {
-    try {
-        return fn();
-    } catch (const std::exception& e) {
-        AuthLogger::error("[AuthFacade] %s threw: %s", what, e.what());
-    } catch (...) {
-        AuthLogger::error("[AuthFacade] %s threw: %s", what, "unknown exception");
-    }
-    return fallback;
-}
-
-// The same with a fallback built only when it is needed: the authentication path would otherwise
-// build and destroy a whole response on every call.
+// Runs `fn`; an exception is logged and the result of `fallback` is returned instead. The
+// fallback is built only when it is needed: the authentication path would otherwise build and
+// destroy a whole response on every call.
 template <typename Fn, typename Fallback>
 auto shieldedLazy(const char* what, Fallback&& fallback, Fn&& fn) -> decltype(fn()) {
     try {
@@ -61,6 +49,13 @@ auto shieldedLazy(const char* what, Fallback&& fallback, Fn&& fn) -> decltype(fn
         AuthLogger::error("[AuthFacade] %s threw: %s", what, "unknown exception");
     }
     return fallback();
+}
+
+// The same with a fallback value at hand.
+template <typename Result, typename Fn>
+Result shielded(const char* what, Result fallback, Fn&& fn) {
+    return shieldedLazy(
+        what, [&fallback] { return std::move(fallback); }, std::forward<Fn>(fn));
 }
 
 template <typename Fn>
@@ -187,8 +182,9 @@ AuthResponse AuthFacade::handleDoubleAuthTimeout(const std::string& pendingId) {
     if (!current) {
         return notInitialized();
     }
-    return shielded<AuthResponse>("handleDoubleAuthTimeout", failedResponse("Internal error"),
-                                  [&] { return current->handleDoubleAuthTimeout(pendingId); });
+    return shieldedLazy(
+        "handleDoubleAuthTimeout", [] { return failedResponse("Internal error"); },
+        [&] { return current->handleDoubleAuthTimeout(pendingId); });
 }
 
 AuthResponse AuthFacade::cancelDoubleAuth(const std::string& pendingId,
@@ -197,8 +193,9 @@ AuthResponse AuthFacade::cancelDoubleAuth(const std::string& pendingId,
     if (!current) {
         return notInitialized();
     }
-    return shielded<AuthResponse>("cancelDoubleAuth", failedResponse("Internal error"),
-                                  [&] { return current->cancelDoubleAuth(pendingId, reasonText); });
+    return shieldedLazy(
+        "cancelDoubleAuth", [] { return failedResponse("Internal error"); },
+        [&] { return current->cancelDoubleAuth(pendingId, reasonText); });
 }
 
 std::string AuthFacade::verifyInterlockTargets(const AuthRequest& request,

@@ -2,10 +2,13 @@
 
 #include <cstdio>
 #include <ctime>
+#include <utility>
 #include <vector>
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "common/DecisionLocalTime.h"
+#include "common/LogSwitch.h"
 
 namespace auth_engine {
 namespace processors {
@@ -34,9 +37,8 @@ struct LocalToday {
 
 LocalToday localToday() {
     LocalToday today;
-    const auto now = static_cast<time_t>(AuthClock::now());
     std::tm tm{};
-    if (localtime_r(&now, &tm) == nullptr) {
+    if (!decisionLocalTime(AuthClock::now(), tm)) {
         return today;
     }
     char date[10] = {'0', '0', '0', '0', '-', '0', '0', '-', '0', '0'};
@@ -163,19 +165,24 @@ AuthResult HolidayCheckProcessor::process(AuthContext& context, IDataProvider& p
             removed.push_back(relay);
         }
     }
-    context.relays = kept;
+    context.relays = std::move(kept);
     for (const std::string& relay : removed) {
         context.failedRelays.push_back(relay);
         context.relayFailReasons[relay] = "Holiday";
     }
-    AuthLogger::info("[HolidayCheckProcessor:%d] in holiday, remainingRelays=%s, failedRelays=%s",
-                     __LINE__, joinRelayVector(context.relays).c_str(),
-                     joinRelayVector(context.failedRelays).c_str());
+    const bool logging = logLinesWanted();
+    if (logging) {
+        AuthLogger::info(
+            "[HolidayCheckProcessor:%d] in holiday, remainingRelays=%s, failedRelays=%s", __LINE__,
+            joinRelayVector(context.relays).c_str(), joinRelayVector(context.failedRelays).c_str());
+    }
 
     if (!context.relays.empty()) {
-        AuthLogger::info("[HolidayCheckProcessor:%d] result=%s, holiday exemption relays=%s",
-                         __LINE__, AuthLogger::authResultToString(CONTINUE),
-                         joinRelayVector(context.relays).c_str());
+        if (logging) {
+            AuthLogger::info("[HolidayCheckProcessor:%d] result=%s, holiday exemption relays=%s",
+                             __LINE__, AuthLogger::authResultToString(CONTINUE),
+                             joinRelayVector(context.relays).c_str());
+        }
         return CONTINUE;
     }
     context.response.result = FAILED;

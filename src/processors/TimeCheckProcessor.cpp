@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstdlib>
 #include <ctime>
 #include <map>
@@ -13,6 +14,8 @@
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "common/DecisionLocalTime.h"
+#include "common/LogSwitch.h"
 
 namespace auth_engine {
 namespace processors {
@@ -48,8 +51,7 @@ bool twoDigits(int value) {
 
 LocalView localView(int64_t now) {
     LocalView view;
-    const auto seconds = static_cast<time_t>(now);
-    view.valid = localtime_r(&seconds, &view.tm) != nullptr;
+    view.valid = decisionLocalTime(now, view.tm);
     const std::tm& tm = view.tm;
     if (view.valid && twoDigits(tm.tm_hour) && twoDigits(tm.tm_min) && twoDigits(tm.tm_sec)) {
         // What strftime's "%H:%M:%S" writes, without its cost.
@@ -95,6 +97,30 @@ std::vector<int> parseScheduleIds(const std::string& text) {
 }
 
 bool scheduleValid(const ScheduleData& schedule, int64_t now, const LocalView& view);
+
+// The schedule a relay's id names: the last record with that id (a later duplicate replaces the
+// earlier). A user has few schedules, so a scan beats building an index for each decision.
+const ScheduleData* findSchedule(const std::vector<std::shared_ptr<ScheduleData>>& schedules,
+                                 const std::string& id) {
+    for (auto it = schedules.rbegin(); it != schedules.rend(); ++it) {
+        if (*it && (*it)->scheduleId == id) {
+            return it->get();
+        }
+    }
+    return nullptr;
+}
+
+// How many different ids the records carry (null records left out).
+int distinctScheduleIds(const std::vector<std::shared_ptr<ScheduleData>>& schedules) {
+    int count = 0;
+    for (std::size_t i = 0; i < schedules.size(); ++i) {
+        if (schedules[i] &&
+            findSchedule(schedules, schedules[i]->scheduleId) == schedules[i].get()) {
+            ++count;
+        }
+    }
+    return count;
+}
 
 void setHolidayExemption(AuthContext& context, const std::string& relay, bool exempt) {
     context.relayHolidayExemption[relay] = exempt;
@@ -282,75 +308,91 @@ AuthResult TimeCheckProcessor::checkRelaySchedules(AuthContext& context, IDataPr
         return CONTINUE;
     }
 
+    // `schedules` keeps the records alive for the whole call: lookups hand out plain pointers.
     const std::vector<std::shared_ptr<ScheduleData>> schedules =
         provider.getRelaySchedules(ownerKey, ownerKind);
-    // `schedules` keeps the records alive for the whole call: the index holds plain pointers.
-    std::map<std::string, const ScheduleData*> scheduleById;
-    for (const std::shared_ptr<ScheduleData>& schedule : schedules) {
-        if (!schedule) {
-            continue;
+    const bool logging = logLinesWanted();
+    if (logging) {
+        for (const std::shared_ptr<ScheduleData>& schedule : schedules) {
+            if (schedule) {
+                AuthLogger::info("[TimeCheckProcessor:%d] schedule=%s, name=%s", __LINE__,
+                                 schedule->scheduleId.c_str(), schedule->name.c_str());
+            }
         }
-        AuthLogger::info("[TimeCheckProcessor:%d] schedule=%s, name=%s", __LINE__,
-                         schedule->scheduleId.c_str(), schedule->name.c_str());
-        // A later duplicate replaces the earlier.
-        scheduleById[schedule->scheduleId] = schedule.get();
+        AuthLogger::info("[TimeCheckProcessor:%d] loaded %d schedules, scheduleById size=%d",
+                         __LINE__, static_cast<int>(schedules.size()),
+                         distinctScheduleIds(schedules));
     }
-    AuthLogger::info("[TimeCheckProcessor:%d] loaded %d schedules, scheduleById size=%d", __LINE__,
-                     static_cast<int>(schedules.size()), static_cast<int>(scheduleById.size()));
 
+    // The relays that pass are moved to the front of the list as it is walked, in their order; a
+    // relay is only ever moved to a place already walked, so the rest is still to be read.
     const LocalView view = localView(now);
-    std::vector<std::string> kept;
-    kept.reserve(context.relays.size());
-    for (const std::string& relay : context.relays) {
+    std::vector<std::string>& relays = context.relays;
+    std::size_t keptCount = 0;
+    for (std::size_t i = 0; i < relays.size(); ++i) {
+        const std::string& relay = relays[i];
         const auto governing = context.relayScheduleMap.find(relay);
-        if (governing == context.relayScheduleMap.end() || governing->second.empty()) {
-            AuthLogger::info("[TimeCheckProcessor:%d] relay=%s has no schedules, skip time check",
-                             __LINE__, relay.c_str());
-            kept.push_back(relay);
-            continue;
-        }
-
         bool admitted = false;
         bool exempt = false;
-        for (const std::string& id : governing->second) {
-            AuthLogger::info("[TimeCheckProcessor:%d] relay=%s schedule=%s", __LINE__,
-                             relay.c_str(), id.c_str());
-            const auto found = scheduleById.find(id);
-            if (found == scheduleById.end() || !scheduleValid(*found->second, now, view)) {
-                continue;
+        const bool governed =
+            governing != context.relayScheduleMap.end() && !governing->second.empty();
+        if (!governed) {
+            AuthLogger::info("[TimeCheckProcessor:%d] relay=%s has no schedules, skip time check",
+                             __LINE__, relay.c_str());
+        } else {
+            for (const std::string& id : governing->second) {
+                if (logging) {
+                    AuthLogger::info("[TimeCheckProcessor:%d] relay=%s schedule=%s", __LINE__,
+                                     relay.c_str(), id.c_str());
+                }
+                const ScheduleData* const found = findSchedule(schedules, id);
+                if (found == nullptr || !scheduleValid(*found, now, view)) {
+                    continue;
+                }
+                admitted = true;
+                if (logging) {
+                    AuthLogger::info(
+                        "[TimeCheckProcessor:%d] relay=%s schedule=%s valid, holidayExemption=%d",
+                        __LINE__, relay.c_str(), id.c_str(),
+                        static_cast<int>(found->holidayExemption));
+                }
+                // Keep looking past a valid schedule without exemption: an exempting one later
+                // wins.
+                if (found->holidayExemption) {
+                    exempt = true;
+                    break;
+                }
             }
-            admitted = true;
-            AuthLogger::info(
-                "[TimeCheckProcessor:%d] relay=%s schedule=%s valid, holidayExemption=%d", __LINE__,
-                relay.c_str(), id.c_str(), static_cast<int>(found->second->holidayExemption));
-            // Keep looking past a valid schedule without exemption: an exempting one later wins.
-            if (found->second->holidayExemption) {
-                exempt = true;
-                break;
+            if (admitted) {
+                setHolidayExemption(context, relay, exempt);
+                if (logging) {
+                    AuthLogger::info("[TimeCheckProcessor:%d] relay=%s passed, holidayExemption=%d",
+                                     __LINE__, relay.c_str(), static_cast<int>(exempt));
+                }
+            } else {
+                context.failedRelays.push_back(relay);
+                context.relayFailReasons[relay] = "TimeCheck";
+                AuthLogger::info("[TimeCheckProcessor:%d] relay=%s failed time check", __LINE__,
+                                 relay.c_str());
             }
         }
-
-        if (admitted) {
-            kept.push_back(relay);
-            setHolidayExemption(context, relay, exempt);
-            AuthLogger::info("[TimeCheckProcessor:%d] relay=%s passed, holidayExemption=%d",
-                             __LINE__, relay.c_str(), static_cast<int>(exempt));
-        } else {
-            context.failedRelays.push_back(relay);
-            context.relayFailReasons[relay] = "TimeCheck";
-            AuthLogger::info("[TimeCheckProcessor:%d] relay=%s failed time check", __LINE__,
-                             relay.c_str());
+        if (!governed || admitted) {
+            if (keptCount != i) {
+                relays[keptCount] = std::move(relays[i]);
+            }
+            ++keptCount;
         }
     }
 
-    if (kept.empty()) {
-        // The candidate list is left as it was so later reporting still sees what was asked for.
+    if (keptCount == 0) {
+        // Nothing was moved: the candidate list is left as it was so later reporting still sees
+        // what was asked for.
         setFailure(context, 3, "Not in scheduled time");
         AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
         return failureResult(context);
     }
-    context.relays = std::move(kept);
+    relays.resize(keptCount);
     AuthLogger::info("[TimeCheckProcessor:%d] result=%s", __LINE__,
                      AuthLogger::authResultToString(CONTINUE));
     return CONTINUE;
@@ -442,27 +484,38 @@ bool inDateRange(const std::string& startDate, const std::string& endDate, const
 }
 
 bool scheduleValid(const ScheduleData& schedule, int64_t now, const LocalView& view) {
-    AuthLogger::info(
-        "[TimeCheckProcessor:%d] isScheduleValid: id=%d, type=%d, startTime=%s, endTime=%s, "
-        "weekly=%s, startDate=%s, endDate=%s, relay=%s",
-        __LINE__, schedule.id, schedule.type, schedule.startTime.c_str(), schedule.endTime.c_str(),
-        schedule.weekly.c_str(), schedule.startDate.c_str(), schedule.endDate.c_str(),
-        schedule.relay.c_str());
+    // Every schedule of every relay passes here: its trace lines are not even assembled when
+    // nobody reads them.
+    const bool logging = logLinesWanted();
+    if (logging) {
+        AuthLogger::info(
+            "[TimeCheckProcessor:%d] isScheduleValid: id=%d, type=%d, startTime=%s, endTime=%s, "
+            "weekly=%s, startDate=%s, endDate=%s, relay=%s",
+            __LINE__, schedule.id, schedule.type, schedule.startTime.c_str(),
+            schedule.endTime.c_str(), schedule.weekly.c_str(), schedule.startDate.c_str(),
+            schedule.endDate.c_str(), schedule.relay.c_str());
+    }
 
     if (!inDailyTime(schedule.startTime, schedule.endTime, view)) {
         AuthLogger::info("[TimeCheckProcessor:%d] isInDailyTime=false", __LINE__);
         return false;
     }
-    AuthLogger::info("[TimeCheckProcessor:%d] isInDailyTime=true", __LINE__);
+    if (logging) {
+        AuthLogger::info("[TimeCheckProcessor:%d] isInDailyTime=true", __LINE__);
+    }
 
     switch (schedule.type) {
         case 1:
-            AuthLogger::info("[TimeCheckProcessor:%d] type=DAILY, passed", __LINE__);
+            if (logging) {
+                AuthLogger::info("[TimeCheckProcessor:%d] type=DAILY, passed", __LINE__);
+            }
             return true;
         case 2: {
             const bool weekly = weeklyMatch(schedule.weekly, now, view);
-            AuthLogger::info("[TimeCheckProcessor:%d] type=WEEKLY, isWeeklyMatch=%d", __LINE__,
-                             static_cast<int>(weekly));
+            if (logging) {
+                AuthLogger::info("[TimeCheckProcessor:%d] type=WEEKLY, isWeeklyMatch=%d", __LINE__,
+                                 static_cast<int>(weekly));
+            }
             return weekly;
         }
         case 3: {

@@ -74,10 +74,11 @@ AuthResult UserLookupProcessor::process(AuthContext& context, IDataProvider& pro
     std::shared_ptr<UserData> user =
         provider.getUserByCredential(request.credential.c_str(), request.openType);
     if (user) {
-        context.userData = user;
+        const int ownerKind = user->ownerKind;
         context.response.user = user;
+        context.userData = std::move(user);
         if (request.openType == OPEN_TYPE_LICENSE_PLATE) {
-            context.keyData = provider.getKeyData(context, 0, user->ownerKind);
+            context.keyData = provider.getKeyData(context, 0, ownerKind);
         }
         AuthLogger::info("[UserLookupProcessor:%d] result=%s", __LINE__,
                          AuthLogger::authResultToString(CONTINUE));

@@ -1,11 +1,14 @@
 #include "processors/VirtualDoorProcessor.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <map>
 #include <utility>
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/LogSwitch.h"
+#include "common/RelayScan.h"
 
 namespace auth_engine {
 namespace processors {
@@ -43,19 +46,22 @@ ScheduleRelays parseScheduleRelay(const std::string& text) {
         if (end == std::string::npos) {
             end = text.size();
         }
-        const std::string entry = text.substr(start, end - start);
-        const std::size_t dash = entry.find('-');
+        // Entries are read in place: the first '-' of the entry ends its schedule id.
+        const auto entryEnd = text.begin() + static_cast<std::ptrdiff_t>(end);
+        const auto dashAt =
+            std::find(text.begin() + static_cast<std::ptrdiff_t>(start), entryEnd, '-');
         // An entry without '-' names no relay and is ignored.
-        if (dash != std::string::npos) {
-            const std::string scheduleId = entry.substr(0, dash);
-            for (const std::string& relay : parseRelayString(entry.substr(dash + 1))) {
+        if (dashAt != entryEnd) {
+            const auto dash = static_cast<std::size_t>(dashAt - text.begin());
+            const std::string scheduleId = text.substr(start, dash - start);
+            forEachRelayId(text, dash + 1, end, [&](const std::string& relay) {
                 appendOnce(parsed.relayUnion, relay);
                 std::vector<std::string>& schedules = parsed.relaySchedules[relay];
                 if (schedules.empty()) {
                     schedules.reserve(expected);
                 }
                 appendOnce(schedules, scheduleId);
-            }
+            });
         }
         start = end + 1;
     }
@@ -91,13 +97,16 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
     AuthLogger::info("[VirtualDoorProcessor:%d] scheduleRelay=%s", __LINE__,
                      scheduleRelay.empty() ? "(empty)" : scheduleRelay.c_str());
     ScheduleRelays parsed = parseScheduleRelay(scheduleRelay);
-    AuthLogger::info("[VirtualDoorProcessor:%d] relayUnion=%s", __LINE__,
-                     joinRelayVector(parsed.relayUnion).c_str());
     context.relayScheduleMap = std::move(parsed.relaySchedules);
-    for (const std::string& relay : parsed.relayUnion) {
-        AuthLogger::info("[VirtualDoorProcessor:%d] relayScheduleMap[%s] has %d schedule(s)",
-                         __LINE__, relay.c_str(),
-                         static_cast<int>(context.relayScheduleMap[relay].size()));
+    if (logLinesWanted()) {
+        AuthLogger::info("[VirtualDoorProcessor:%d] relayUnion=%s", __LINE__,
+                         joinRelayVector(parsed.relayUnion).c_str());
+        // Every relay of the union has its entry in the map.
+        for (const std::string& relay : parsed.relayUnion) {
+            AuthLogger::info("[VirtualDoorProcessor:%d] relayScheduleMap[%s] has %d schedule(s)",
+                             __LINE__, relay.c_str(),
+                             static_cast<int>(context.relayScheduleMap[relay].size()));
+        }
     }
 
     if (context.request.virtualDoorSkipRelaySchedule) {
@@ -108,7 +117,7 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
         // result is not read after this point).
         context.relays = std::move(parsed.relayUnion);
     } else {
-        const std::vector<std::string> requested = context.relays;
+        std::vector<std::string> requested = std::move(context.relays);
         std::vector<std::string> kept;
         for (const std::string& relay : requested) {
             if (contains(parsed.relayUnion, relay)) {
@@ -120,12 +129,12 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
             context.failedRelays.push_back(relay);
             context.relayFailReasons[relay] = "NotInSchedule";
         }
-        context.relays = kept;
+        context.relays = std::move(kept);
         if (context.relays.empty()) {
             context.response.result = FAILED;
             context.response.failCode = 3;
             context.response.reason = "Requested relay is not in schedule";
-            context.response.failedRelays = requested;
+            context.response.failedRelays = std::move(requested);
             AuthLogger::info("[VirtualDoorProcessor:%d] no requested relays in schedule, result=%s",
                              __LINE__, failedText);
             return FAILED;
@@ -190,8 +199,10 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
     context.accessibleDoors = *doors;
     AuthLogger::info("[VirtualDoorProcessor:%d] accessibleDoors->size()=%d", __LINE__,
                      static_cast<int>(context.accessibleDoors.size()));
-    AuthLogger::info("[VirtualDoorProcessor:%d] processedRelays=%s", __LINE__,
-                     joinRelayVector(context.relays).c_str());
+    if (logLinesWanted()) {
+        AuthLogger::info("[VirtualDoorProcessor:%d] processedRelays=%s", __LINE__,
+                         joinRelayVector(context.relays).c_str());
+    }
 
     // In override mode an external reader opens exactly its configured doors, whatever was asked.
     // A temporary key only ever opens what it was issued for, so it is filtered instead.
@@ -204,9 +215,11 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
                 appendOnce(overridden, door);
             }
         }
-        context.relays = overridden;
-        AuthLogger::info("[VirtualDoorProcessor:%d] virtual door override relays=%s", __LINE__,
-                         joinRelayVector(context.relays).c_str());
+        context.relays = std::move(overridden);
+        if (logLinesWanted()) {
+            AuthLogger::info("[VirtualDoorProcessor:%d] virtual door override relays=%s", __LINE__,
+                             joinRelayVector(context.relays).c_str());
+        }
         AuthLogger::info("[VirtualDoorProcessor:%d] result=%s", __LINE__, continueText);
         return CONTINUE;
     }
@@ -215,7 +228,8 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
         AuthLogger::info("[VirtualDoorProcessor:%d] no relays, result=%s", __LINE__, continueText);
         return CONTINUE;
     }
-    const std::vector<std::string> beforeFilter = context.relays;
+    // The list before filtering is kept for the refusal, which reports it.
+    std::vector<std::string> beforeFilter = std::move(context.relays);
     std::vector<std::string> valid;
     for (const std::string& relay : beforeFilter) {
         if (contains(context.accessibleDoors, relay)) {
@@ -225,9 +239,11 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
                              relay.c_str());
         }
     }
-    context.relays = valid;
-    AuthLogger::info("[VirtualDoorProcessor:%d] validRelays=%s", __LINE__,
-                     joinRelayVector(context.relays).c_str());
+    context.relays = std::move(valid);
+    if (logLinesWanted()) {
+        AuthLogger::info("[VirtualDoorProcessor:%d] validRelays=%s", __LINE__,
+                         joinRelayVector(context.relays).c_str());
+    }
     if (!context.relays.empty()) {
         AuthLogger::info("[VirtualDoorProcessor:%d] result=%s", __LINE__, continueText);
         return CONTINUE;
@@ -235,7 +251,7 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
     context.response.result = FAILED;
     context.response.failCode = 3;
     context.response.reason = "Virtual door access denied";
-    context.response.failedRelays = beforeFilter;
+    context.response.failedRelays = std::move(beforeFilter);
     AuthLogger::info("[VirtualDoorProcessor:%d] result=%s, reason=%s", __LINE__, failedText,
                      context.response.reason.c_str());
     return FAILED;
