@@ -1,7 +1,10 @@
 // Host control of a waiting first factor: time it out or cancel it. The engine only finds the
 // double-authentication processor that the chain actually runs and hands the call to it.
+#include <map>
 #include <memory>
+#include <mutex>
 #include <set>
+#include <string>
 
 #include "auth_engine/AuthLogger.h"
 #include "engine/AuthEngine.h"
@@ -43,48 +46,49 @@ std::shared_ptr<processors::DoubleAuthProcessor> reachableDoubleAuth(
     return nullptr;
 }
 
-}  // namespace
-
-AuthResponse AuthEngine::handleDoubleAuthTimeout(const std::string& pendingId) {
-    std::shared_ptr<processors::DoubleAuthProcessor> doubleAuth;
-    if (!isReady()) {
-        return failedResponse("Engine not initialized");
+// The processor that the host control call `operation` acts on. Null when the call is refused,
+// with `refusal` set to the response that answers it. `dataProvider`, `registry` and `head` are
+// read under `chainMutex`.
+std::shared_ptr<processors::DoubleAuthProcessor> controlledDoubleAuth(
+    bool ready, std::mutex& chainMutex, const std::shared_ptr<IDataProvider>& dataProvider,
+    const std::map<std::string, std::shared_ptr<IAuthProcessor>>& registry,
+    const std::shared_ptr<IAuthProcessor>& head, const char* operation, AuthResponse& refusal) {
+    if (!ready) {
+        refusal = failedResponse("Engine not initialized");
+        return nullptr;
     }
+    std::shared_ptr<processors::DoubleAuthProcessor> doubleAuth;
     {
         std::lock_guard<std::mutex> lock(chainMutex);
         if (!dataProvider) {
-            return failedResponse("Engine not initialized");
+            refusal = failedResponse("Engine not initialized");
+            return nullptr;
         }
-        doubleAuth = reachableDoubleAuth(processors, chainHead);
+        doubleAuth = reachableDoubleAuth(registry, head);
     }
     if (!doubleAuth) {
-        AuthLogger::error(
-            "[AuthEngine:%d] handleDoubleAuthTimeout: DoubleAuth processor not available",
-            __LINE__);
-        return failedResponse("DoubleAuth processor not available");
+        AuthLogger::error("[AuthEngine:%d] %s: DoubleAuth processor not available", __LINE__,
+                          operation);
+        refusal = failedResponse("DoubleAuth processor not available");
     }
-    return doubleAuth->handleTimeout(pendingId);
+    return doubleAuth;
+}
+
+}  // namespace
+
+AuthResponse AuthEngine::handleDoubleAuthTimeout(const std::string& pendingId) {
+    AuthResponse refusal;
+    const auto doubleAuth = controlledDoubleAuth(isReady(), chainMutex, dataProvider, processors,
+                                                 chainHead, "handleDoubleAuthTimeout", refusal);
+    return doubleAuth ? doubleAuth->handleTimeout(pendingId) : refusal;
 }
 
 AuthResponse AuthEngine::cancelDoubleAuth(const std::string& pendingId,
                                           const std::string& reasonText) {
-    std::shared_ptr<processors::DoubleAuthProcessor> doubleAuth;
-    if (!isReady()) {
-        return failedResponse("Engine not initialized");
-    }
-    {
-        std::lock_guard<std::mutex> lock(chainMutex);
-        if (!dataProvider) {
-            return failedResponse("Engine not initialized");
-        }
-        doubleAuth = reachableDoubleAuth(processors, chainHead);
-    }
-    if (!doubleAuth) {
-        AuthLogger::error("[AuthEngine:%d] cancelDoubleAuth: DoubleAuth processor not available",
-                          __LINE__);
-        return failedResponse("DoubleAuth processor not available");
-    }
-    return doubleAuth->cancel(pendingId, reasonText);
+    AuthResponse refusal;
+    const auto doubleAuth = controlledDoubleAuth(isReady(), chainMutex, dataProvider, processors,
+                                                 chainHead, "cancelDoubleAuth", refusal);
+    return doubleAuth ? doubleAuth->cancel(pendingId, reasonText) : refusal;
 }
 
 }  // namespace auth_engine

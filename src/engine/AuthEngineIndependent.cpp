@@ -73,6 +73,41 @@ bool popCheck(std::map<std::string, std::vector<int>>& checks, const std::string
     return true;
 }
 
+/// A phase of `context` to park under "<parentId>_ind_<phase>" for `relays`, timed from
+/// `startTime`. The caller adds what only its phase needs.
+AuthEngine::IndependentAsyncContext newPhase(const AuthContext& context, const char* phase,
+                                             const std::string& parentId,
+                                             const std::vector<std::string>& relays,
+                                             const AuthCallback& callback, int64_t startTime,
+                                             int32_t timeoutSeconds) {
+    AuthEngine::IndependentAsyncContext wrapper;
+    wrapper.context = context;
+    wrapper.context.asyncType = phase;
+    wrapper.context.relays = relays;
+    wrapper.context.requestId = parentId + PHASE_INFIX + phase;
+    wrapper.phase = phase;
+    wrapper.callback = callback;
+    wrapper.startTime = static_cast<uint64_t>(startTime);
+    wrapper.timeoutSeconds = timeoutSeconds;
+    wrapper.parentRequestId = parentId;
+    return wrapper;
+}
+
+/// Runs `ask`, a question to the host through a processor. A throw is logged as
+/// "<what> failed: <reason>" and false is returned, so that the phase can decide without it.
+template <typename Ask>
+bool askGuarded(const char* what, Ask&& ask) {
+    try {
+        std::forward<Ask>(ask)();
+        return true;
+    } catch (const std::exception& e) {
+        AuthLogger::error("%s failed: %s", what, e.what());
+    } catch (...) {
+        AuthLogger::error("%s failed", what);
+    }
+    return false;
+}
+
 /// A response that carries no outcome yet, only the phase it belongs to.
 AuthResponse phaseResponse(const char* phase) {
     AuthResponse response;
@@ -198,20 +233,15 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
     };
 
     if (!context.unlockOptionsResolved && config.unlockOptionsEnabled && candidates.size() > 1) {
-        const std::string optionsId = ensureParentId() + PHASE_INFIX + PHASE_UNLOCK_OPTIONS;
-        IndependentAsyncContext wrapper;
-        wrapper.context = context;
+        IndependentAsyncContext wrapper =
+            newPhase(context, PHASE_UNLOCK_OPTIONS, ensureParentId(), candidates, callback,
+                     getUptimeSeconds(), CHOICE_TIMEOUT_SECONDS);
+        const std::string optionsId = wrapper.context.requestId;
+        // The choice still belongs to the synchronous answer. Only the host's answer may be read on
+        // resume, never what the chain left behind.
         wrapper.context.asyncType = PHASE_SYNC;
-        wrapper.context.relays = candidates;
-        wrapper.context.requestId = optionsId;
-        // Only the host's answer may be read on resume, never what the chain left behind.
         wrapper.context.response = phaseResponse(PHASE_SYNC);
         wrapper.context.response.result = UNLOCK_OPTIONS_PENDING;
-        wrapper.phase = PHASE_UNLOCK_OPTIONS;
-        wrapper.callback = callback;
-        wrapper.startTime = static_cast<uint64_t>(getUptimeSeconds());
-        wrapper.timeoutSeconds = CHOICE_TIMEOUT_SECONDS;
-        wrapper.parentRequestId = parentId;
         std::vector<std::string> resumes;
         {
             std::lock_guard<std::mutex> lock(queueMutex);
@@ -317,24 +347,17 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
     }
 
     if (!apRelays.empty()) {
-        const std::string phaseId = ensureParentId() + PHASE_INFIX + PHASE_ANTI_PASSBACK;
-        IndependentAsyncContext wrapper;
-        wrapper.context = context;
-        wrapper.context.asyncType = PHASE_ANTI_PASSBACK;
-        wrapper.context.relays = apRelays;
+        IndependentAsyncContext wrapper =
+            newPhase(context, PHASE_ANTI_PASSBACK, ensureParentId(), apRelays, callback,
+                     getUptimeSeconds(), config.antiPassbackTimeout);
+        const std::string phaseId = wrapper.context.requestId;
         wrapper.context.independentApRelays = apRelays;
         wrapper.context.independentParkingRelays = parkingRelays;
-        wrapper.context.requestId = phaseId;
         // The immediate report's lists belong to that report, not to this phase.
         wrapper.context.response.asyncType = PHASE_ANTI_PASSBACK;
         wrapper.context.response.openedRelays.clear();
         wrapper.context.response.failedRelays.clear();
         wrapper.context.response.targets.clear();
-        wrapper.phase = PHASE_ANTI_PASSBACK;
-        wrapper.callback = callback;
-        wrapper.startTime = static_cast<uint64_t>(getUptimeSeconds());
-        wrapper.timeoutSeconds = config.antiPassbackTimeout;
-        wrapper.parentRequestId = parentId;
         wrapper.relayChecks = relayChecks;
         wrapper.interlockRelays = interlockRelays;
         wrapper.parkingRelays = parkingRelays;
@@ -350,18 +373,10 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         AuthResult apResult = ASYNC_PENDING;
         if (processor) {
             const std::shared_ptr<IDataProvider> host = provider();
-            bool asked = false;
-            if (host) {
-                try {
+            const bool asked =
+                host && askGuarded("[AuthEngine::processPostSyncPhase] anti-passback", [&] {
                     apResult = processor->processRelays(wrapper.context, *host, apRelays);
-                    asked = true;
-                } catch (const std::exception& e) {
-                    AuthLogger::error("[AuthEngine::processPostSyncPhase] anti-passback failed: %s",
-                                      e.what());
-                } catch (...) {
-                    AuthLogger::error("[AuthEngine::processPostSyncPhase] anti-passback failed");
-                }
-            }
+                });
             if (!asked) {
                 // Nothing reliable was sent: every relay of the phase fails, once, on resume.
                 for (const std::string& relay : apRelays) {
@@ -417,27 +432,20 @@ void AuthEngine::launchInterlockPhase(const AuthContext& context, const AuthCall
     if (relays.empty()) {
         return;
     }
-    const std::string phaseId = parentRequestId + PHASE_INFIX + PHASE_INTERLOCK;
     const AuthConfig config = fetchConfig();
 
-    IndependentAsyncContext wrapper;
-    wrapper.context = context;
-    wrapper.context.asyncType = PHASE_INTERLOCK;
+    IndependentAsyncContext wrapper =
+        newPhase(context, PHASE_INTERLOCK, parentRequestId, relays, callback, getUptimeSeconds(),
+                 config.interlockTimeout);
+    const std::string phaseId = wrapper.context.requestId;
     wrapper.context.response = phaseResponse(PHASE_INTERLOCK);
-    wrapper.context.relays = relays;
     wrapper.context.interlockRequestedRelays = relays;
-    wrapper.context.requestId = phaseId;
     wrapper.context.interlockCheckRelays = relays;
     wrapper.context.interlockPending = static_cast<int>(relays.size());
     wrapper.context.interlockResults.clear();
     for (const std::string& relay : relays) {
         wrapper.context.interlockResults[relay].relay = relay;
     }
-    wrapper.phase = PHASE_INTERLOCK;
-    wrapper.callback = callback;
-    wrapper.startTime = static_cast<uint64_t>(getUptimeSeconds());
-    wrapper.timeoutSeconds = config.interlockTimeout;
-    wrapper.parentRequestId = parentRequestId;
     wrapper.relayChecks = relayChecks;
     wrapper.interlockRelays = relays;
     wrapper.notifyHost = notifyProvider ? 1 : 0;
@@ -449,17 +457,10 @@ void AuthEngine::launchInterlockPhase(const AuthContext& context, const AuthCall
     const auto processor =
         std::dynamic_pointer_cast<processors::InterlockProcessor>(getProcessor(chain::INTERLOCK));
     const std::shared_ptr<IDataProvider> host = provider();
-    bool asked = false;
-    if (processor && host) {
-        try {
+    const bool asked =
+        processor && host && askGuarded("[AuthEngine::launchInterlockPhase] interlock", [&] {
             processor->processRelays(wrapper.context, *host, relays);
-            asked = true;
-        } catch (const std::exception& e) {
-            AuthLogger::error("[AuthEngine::launchInterlockPhase] interlock failed: %s", e.what());
-        } catch (...) {
-            AuthLogger::error("[AuthEngine::launchInterlockPhase] interlock failed");
-        }
-    }
+        });
     if (!asked) {
         // Nobody can vouch for these relays: they stay shut.
         for (auto& entry : wrapper.context.interlockResults) {
@@ -495,21 +496,13 @@ void AuthEngine::launchParkingPhase(const AuthContext& context, const AuthCallba
     if (relays.empty()) {
         return;
     }
-    const std::string phaseId = parentRequestId + PHASE_INFIX + PHASE_PARKING;
     const AuthConfig config = fetchConfig();
 
-    IndependentAsyncContext wrapper;
-    wrapper.context = context;
-    wrapper.context.asyncType = PHASE_PARKING;
+    IndependentAsyncContext wrapper = newPhase(context, PHASE_PARKING, parentRequestId, relays,
+                                               callback, getUptimeSeconds(), config.parkingTimeout);
+    const std::string phaseId = wrapper.context.requestId;
     wrapper.context.response = phaseResponse(PHASE_PARKING);
-    wrapper.context.relays = relays;
     wrapper.context.independentParkingRelays = relays;
-    wrapper.context.requestId = phaseId;
-    wrapper.phase = PHASE_PARKING;
-    wrapper.callback = callback;
-    wrapper.startTime = static_cast<uint64_t>(getUptimeSeconds());
-    wrapper.timeoutSeconds = config.parkingTimeout;
-    wrapper.parentRequestId = parentRequestId;
     wrapper.relayChecks = relayChecks;
     wrapper.parkingRelays = relays;
 
@@ -522,15 +515,9 @@ void AuthEngine::launchParkingPhase(const AuthContext& context, const AuthCallba
     const std::shared_ptr<IDataProvider> host = provider();
     AuthResult result = FAILED;
     if (processor && host) {
-        try {
-            result = processor->processRelays(wrapper.context, *host, relays);
-        } catch (const std::exception& e) {
-            AuthLogger::error("[AuthEngine::launchParkingPhase] parking failed: %s", e.what());
-            result = FAILED;
-        } catch (...) {
-            AuthLogger::error("[AuthEngine::launchParkingPhase] parking failed");
-            result = FAILED;
-        }
+        // A throw leaves the result FAILED.
+        askGuarded("[AuthEngine::launchParkingPhase] parking",
+                   [&] { result = processor->processRelays(wrapper.context, *host, relays); });
     }
     if (result != ASYNC_PENDING) {
         // Decided without an answer: an offline host (or a check that does not apply) lets the
@@ -873,14 +860,8 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
         if (!processor || !host || unanswered.empty()) {
             continue;
         }
-        try {
-            processor->retryPendingRelays(copy, *host, unanswered);
-        } catch (const std::exception& e) {
-            AuthLogger::error("[AuthEngine::checkTimeoutForIndependentRequests] retry failed: %s",
-                              e.what());
-            continue;
-        } catch (...) {
-            AuthLogger::error("[AuthEngine::checkTimeoutForIndependentRequests] retry failed");
+        if (!askGuarded("[AuthEngine::checkTimeoutForIndependentRequests] retry",
+                        [&] { processor->retryPendingRelays(copy, *host, unanswered); })) {
             continue;
         }
         bool ready = false;

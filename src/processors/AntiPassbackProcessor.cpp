@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 
 namespace auth_engine {
@@ -34,14 +35,6 @@ void appendOnce(std::vector<std::string>& list, const std::string& relay) {
     }
 }
 
-AuthCallback answerCallback(AuthEngine* engine, const std::string& subRequestId) {
-    if (engine != nullptr) {
-        return engine->makeAnswerCallback(subRequestId);
-    }
-    // Nobody could route the answer: accept it and drop it.
-    return [](const std::string&, const AuthResponse&, const AuthContext&) {};
-}
-
 // Sends one question per relay of context.antiPassbackRelays, each under its own sub-request id.
 // Every id is registered before the first question goes out, because the host may answer inline.
 // A relay whose question cannot be sent is decided at once as failed.
@@ -69,7 +62,7 @@ void sendPerRelay(AuthContext& context, IDataProvider& provider, AuthEngine* eng
         const std::string subRequestId = subRequestIdOf(requestId, relay);
         context.antiPassbackRelays = {relay};
         const std::string handle = provider.requestAntiPassback(
-            context.request, *user, context, answerCallback(engine, subRequestId));
+            context.request, *user, context, answerCallbackFor(engine, subRequestId));
         context.antiPassbackRelays = relays;
 
         if (handle.empty()) {
@@ -176,18 +169,14 @@ AuthResult AntiPassbackProcessor::process(AuthContext& context, IDataProvider& p
     if (context.requestId.empty()) {
         // Without an id no answer can be routed back: ask once for all relays, expect no answer.
         const std::shared_ptr<UserData> user = context.userData;
-        const std::string handle =
-            provider.requestAntiPassback(context.request, *user, context, AuthCallback());
-        if (handle.empty()) {
-            context.response.reason = "Anti-passback check skipped (offline mode)";
-            AuthLogger::info("[AntiPassbackProcessor:%d] result=%s", __LINE__,
-                             AuthLogger::authResultToString(CONTINUE));
-            return CONTINUE;
-        }
-        context.response.reason = "Anti-passback verification pending (no callback)";
+        const bool sent =
+            !provider.requestAntiPassback(context.request, *user, context, AuthCallback()).empty();
+        context.response.reason = sent ? "Anti-passback verification pending (no callback)"
+                                       : "Anti-passback check skipped (offline mode)";
+        const AuthResult result = sent ? ASYNC_PENDING : CONTINUE;
         AuthLogger::info("[AntiPassbackProcessor:%d] result=%s", __LINE__,
-                         AuthLogger::authResultToString(ASYNC_PENDING));
-        return ASYNC_PENDING;
+                         AuthLogger::authResultToString(result));
+        return result;
     }
 
     sendPerRelay(context, provider, engine, true);

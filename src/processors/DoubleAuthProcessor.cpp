@@ -171,9 +171,7 @@ AuthResult DoubleAuthProcessor::process(AuthContext& context, IDataProvider& pro
             return FAILED;
         }
         if (!matching) {
-            fillPendingResponse(context.response, state);
-            context.response.result = FAILED;
-            context.response.failCode = 40;
+            failPending(context.response, state, 40);
             AuthLogger::info(
                 "[DoubleAuthProcessor:%d] explicit pending factor mismatch, currentType=%d, "
                 "nextType=%d, result=%s",
@@ -184,9 +182,7 @@ AuthResult DoubleAuthProcessor::process(AuthContext& context, IDataProvider& pro
 
     // Completion: the state has been taken out of the map whatever the verdict.
     if (!context.userData || !state.user || !isSameUser(*context.userData, *state.user)) {
-        fillPendingResponse(context.response, state);
-        context.response.result = FAILED;
-        context.response.failCode = 41;
+        failPending(context.response, state, 41);
         AuthLogger::info(
             "[DoubleAuthProcessor:%d] second factor of another user, pendingId=%s, "
             "result=%s",
@@ -208,19 +204,11 @@ AuthResult DoubleAuthProcessor::process(AuthContext& context, IDataProvider& pro
 
 AuthResponse DoubleAuthProcessor::handleTimeout(const std::string& pendingId) {
     DoubleAuthPendingState state;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        const auto entry = pendingStates.find(pendingId);
-        if (entry == pendingStates.end()) {
-            return buildPendingNotFoundResponse(pendingId);
-        }
-        state = entry->second;
-        pendingStates.erase(entry);
-    }
     AuthResponse response;
-    fillPendingResponse(response, state);
-    response.result = FAILED;
-    response.failCode = 19;
+    if (!takePending(pendingId, state, response)) {
+        return response;
+    }
+    failPending(response, state, 19);
     if (state.user) {
         response.failedRelays = scheduleRelays(state.user->scheduleRelay);
     }
@@ -232,19 +220,11 @@ AuthResponse DoubleAuthProcessor::handleTimeout(const std::string& pendingId) {
 
 AuthResponse DoubleAuthProcessor::cancel(const std::string& pendingId, const std::string& reason) {
     DoubleAuthPendingState state;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        const auto entry = pendingStates.find(pendingId);
-        if (entry == pendingStates.end()) {
-            return buildPendingNotFoundResponse(pendingId);
-        }
-        state = entry->second;
-        pendingStates.erase(entry);
-    }
     AuthResponse response;
-    fillPendingResponse(response, state);
-    response.result = FAILED;
-    response.failCode = 0;
+    if (!takePending(pendingId, state, response)) {
+        return response;
+    }
+    failPending(response, state, 0);
     response.reason = reason;
     AuthLogger::info("[DoubleAuthProcessor:%d] pendingId=%s cancelled, result=%s", __LINE__,
                      pendingId.c_str(), AuthLogger::authResultToString(FAILED));
@@ -361,6 +341,26 @@ std::string DoubleAuthProcessor::generatePendingId() {
 
 int64_t DoubleAuthProcessor::nowMs() {
     return AuthClock::now() * 1000;
+}
+
+bool DoubleAuthProcessor::takePending(const std::string& pendingId, DoubleAuthPendingState& state,
+                                      AuthResponse& response) {
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto entry = pendingStates.find(pendingId);
+    if (entry == pendingStates.end()) {
+        response = buildPendingNotFoundResponse(pendingId);
+        return false;
+    }
+    state = entry->second;
+    pendingStates.erase(entry);
+    return true;
+}
+
+void DoubleAuthProcessor::failPending(AuthResponse& response, const DoubleAuthPendingState& state,
+                                      int failCode) {
+    fillPendingResponse(response, state);
+    response.result = FAILED;
+    response.failCode = failCode;
 }
 
 AuthResponse DoubleAuthProcessor::buildPendingNotFoundResponse(const std::string& pendingId) {

@@ -53,6 +53,13 @@ private:
     std::string generatePendingId();  // caller holds mutex
     static int64_t nowMs();
     static AuthResponse buildPendingNotFoundResponse(const std::string& pendingId);
+    /// Fills `response` as a FAILED report of `state` with `failCode`.
+    static void failPending(AuthResponse& response, const DoubleAuthPendingState& state,
+                            int failCode);
+    /// Removes the first factor waiting under `pendingId` into `state`; false, with `response` set
+    /// to the not-found response, when none waits. Takes mutex.
+    bool takePending(const std::string& pendingId, DoubleAuthPendingState& state,
+                     AuthResponse& response);
 
     std::map<std::string, DoubleAuthPendingState> pendingStates;
     int pendingCounter = 0;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/ProcessorSupport.h"
 
 namespace auth_engine {
 namespace processors {
@@ -58,12 +59,6 @@ bool credentialsAccepted(const HttpRequestData& data, const HttpOpenConfig& conf
     }
 }
 
-void fail(AuthContext& context, int failCode, const char* reason) {
-    context.response.result = FAILED;
-    context.response.failCode = failCode;
-    context.response.reason = reason;
-}
-
 }  // namespace
 
 AuthResult HttpProcessor::process(AuthContext& context, IDataProvider& provider) {
@@ -75,7 +70,7 @@ AuthResult HttpProcessor::process(AuthContext& context, IDataProvider& provider)
     }
     const std::shared_ptr<HttpRequestData> httpData = context.request.httpData;
     if (!httpData) {
-        fail(context, 0, "Invalid HTTP data");
+        failRequest(context, 0, "Invalid HTTP data");
         AuthLogger::info("[HttpProcessor:%d] missing http data, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -83,32 +78,25 @@ AuthResult HttpProcessor::process(AuthContext& context, IDataProvider& provider)
 
     const std::vector<AuthTarget> targets =
         httpData->targets.empty() ? context.request.targets : httpData->targets;
-    if (targets.empty()) {
-        fail(context, 32, "Invalid HTTP target");
-        AuthLogger::info("[HttpProcessor:%d] empty target list, result=%s", __LINE__,
+    const char* const refusal = targetListRefusal(targets, isValidHttpTarget);
+    if (refusal != nullptr) {
+        failRequest(context, 32, "Invalid HTTP target");
+        AuthLogger::info("[HttpProcessor:%d] %s, result=%s", __LINE__, refusal,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
-    }
-    for (const AuthTarget& target : targets) {
-        if (!isValidHttpTarget(target)) {
-            fail(context, 32, "Invalid HTTP target");
-            AuthLogger::info("[HttpProcessor:%d] invalid target, result=%s", __LINE__,
-                             AuthLogger::authResultToString(FAILED));
-            return FAILED;
-        }
     }
 
     // Commands from other sources were authorised where they came from.
     if (httpData->source == 0) {
         HttpOpenConfig config;
         if (!provider.getHttpOpenConfig(config) || !config.enabled) {
-            fail(context, 30, "HTTP open disabled");
+            failRequest(context, 30, "HTTP open disabled");
             AuthLogger::info("[HttpProcessor:%d] disabled, result=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED));
             return FAILED;
         }
         if (!credentialsAccepted(*httpData, config)) {
-            fail(context, 31, "HTTP authentication failed");
+            failRequest(context, 31, "HTTP authentication failed");
             AuthLogger::info("[HttpProcessor:%d] auth failed, result=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED));
             return FAILED;
@@ -116,22 +104,7 @@ AuthResult HttpProcessor::process(AuthContext& context, IDataProvider& provider)
     }
 
     context.httpRequestData = std::make_shared<HttpRequestData>(*httpData);
-    for (const AuthTarget& target : targets) {
-        if ((target.type == 0 || target.type == 1) &&
-            std::find(context.relays.begin(), context.relays.end(), target.relay) ==
-                context.relays.end()) {
-            context.relays.push_back(target.relay);
-        }
-    }
-    context.authTargets = targets;
-
-    // The command names its doors itself: no user lookup and no user-based policy applies.
-    context.skipUserLookup = true;
-    context.skipVirtualDoor = true;
-    context.skipUnlockType = true;
-    context.skipTimeCheck = true;
-    context.skipHolidayCheck = true;
-    context.virtualDoorExempt = true;
+    adoptCommandTargets(context, targets);
 
     AuthLogger::info("[HttpProcessor:%d] source=%d, targets=%d, result=%s", __LINE__,
                      httpData->source, static_cast<int>(targets.size()),

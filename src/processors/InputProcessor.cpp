@@ -1,10 +1,10 @@
 #include "processors/InputProcessor.h"
 
-#include <algorithm>
 #include <memory>
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/ProcessorSupport.h"
 
 namespace auth_engine {
 namespace processors {
@@ -17,12 +17,6 @@ bool isValidInputTarget(const AuthTarget& target) {
     return target.type == 0 && (target.relay == "1" || target.relay == "2");
 }
 
-void fail(AuthContext& context, int failCode, const char* reason) {
-    context.response.result = FAILED;
-    context.response.failCode = failCode;
-    context.response.reason = reason;
-}
-
 }  // namespace
 
 AuthResult InputProcessor::process(AuthContext& context, IDataProvider& /*provider*/) {
@@ -33,7 +27,7 @@ AuthResult InputProcessor::process(AuthContext& context, IDataProvider& /*provid
     }
     const std::shared_ptr<InputRequestData> inputData = context.request.inputData;
     if (!inputData) {
-        fail(context, 0, "Invalid Input data");
+        failRequest(context, 0, "Invalid Input data");
         AuthLogger::info("[InputProcessor:%d] missing input data, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -41,37 +35,17 @@ AuthResult InputProcessor::process(AuthContext& context, IDataProvider& /*provid
 
     const std::vector<AuthTarget> targets =
         inputData->targets.empty() ? context.request.targets : inputData->targets;
-    if (targets.empty()) {
-        fail(context, 32, "Invalid Input target");
-        AuthLogger::info("[InputProcessor:%d] empty target list, result=%s", __LINE__,
+    const char* const refusal = targetListRefusal(targets, isValidInputTarget);
+    if (refusal != nullptr) {
+        failRequest(context, 32, "Invalid Input target");
+        AuthLogger::info("[InputProcessor:%d] %s, result=%s", __LINE__, refusal,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
     }
-    for (const AuthTarget& target : targets) {
-        if (!isValidInputTarget(target)) {
-            fail(context, 32, "Invalid Input target");
-            AuthLogger::info("[InputProcessor:%d] invalid target, result=%s", __LINE__,
-                             AuthLogger::authResultToString(FAILED));
-            return FAILED;
-        }
-    }
 
+    // Every accepted target is a local relay; no person stands behind an input.
     context.inputRequestData = std::make_shared<InputRequestData>(*inputData);
-    for (const AuthTarget& target : targets) {
-        if (target.type == 0 && std::find(context.relays.begin(), context.relays.end(),
-                                          target.relay) == context.relays.end()) {
-            context.relays.push_back(target.relay);
-        }
-    }
-    context.authTargets = targets;
-
-    // No person stands behind an input: nothing user-based applies.
-    context.skipUserLookup = true;
-    context.skipVirtualDoor = true;
-    context.skipUnlockType = true;
-    context.skipTimeCheck = true;
-    context.skipHolidayCheck = true;
-    context.virtualDoorExempt = true;
+    adoptCommandTargets(context, targets);
 
     AuthLogger::info("[InputProcessor:%d] targets=%d, result=%s", __LINE__,
                      static_cast<int>(context.authTargets.size()),

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 
 namespace auth_engine {
@@ -10,14 +11,6 @@ namespace processors {
 namespace {
 
 constexpr const char* SUB_REQUEST_INFIX = "_il_";
-
-AuthCallback answerCallback(AuthEngine* engine, const std::string& subRequestId) {
-    if (engine != nullptr) {
-        return engine->makeAnswerCallback(subRequestId);
-    }
-    // Nobody could route the answer: accept it and drop it.
-    return [](const std::string&, const AuthResponse&, const AuthContext&) {};
-}
 
 void registerRelay(AuthEngine* engine, const std::string& requestId, const std::string& relay) {
     if (engine != nullptr && !requestId.empty()) {
@@ -31,7 +24,7 @@ void askRelay(AuthContext& context, IDataProvider& provider, AuthEngine* engine,
               const std::string& requestId, const std::string& relay, const std::string& failName) {
     const AuthRequest request = context.request;
     const std::string handle = provider.requestInterlock(
-        request, relay, context, answerCallback(engine, requestId + SUB_REQUEST_INFIX + relay));
+        request, relay, context, answerCallbackFor(engine, requestId + SUB_REQUEST_INFIX + relay));
     if (!handle.empty()) {
         return;
     }

@@ -1,9 +1,9 @@
 #include "processors/LockDownProcessor.h"
 
-#include <algorithm>
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/ProcessorSupport.h"
 
 namespace auth_engine {
 namespace processors {
@@ -28,19 +28,8 @@ AuthResult LockDownProcessor::process(AuthContext& context, IDataProvider& provi
         return CONTINUE;
     }
 
-    std::vector<std::string> remaining;
-    for (const std::string& relay : context.relays) {
-        if (std::find(locked.begin(), locked.end(), relay) != locked.end()) {
-            context.failedRelays.push_back(relay);
-            context.relayFailReasons[relay] = "LockDown";
-        } else {
-            remaining.push_back(relay);
-        }
-    }
-    context.relays = remaining;
     // The host sees which relays were locked even when the request still opens the others.
-    context.response.failedRelays = locked;
-    context.response.failCode = 6;
+    refuseRelays(context, locked, "LockDown", 6);
 
     if (!context.relays.empty()) {
         AuthLogger::info("[LockDownProcessor:%d] partial pass, locked=%s, remaining=%s", __LINE__,

@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "auth_engine/AuthLogger.h"
-#include "engine/AuthEngine.h"
+#include "common/ProcessorSupport.h"
 
 namespace auth_engine {
 namespace processors {
@@ -25,11 +25,7 @@ std::string askHost(AuthContext& context, IDataProvider& provider, AuthEngine* e
     // not to send one.
     AuthCallback callback;
     if (!context.requestId.empty()) {
-        if (engine != nullptr) {
-            callback = engine->makeAnswerCallback(context.requestId);
-        } else {
-            callback = [](const std::string&, const AuthResponse&, const AuthContext&) {};
-        }
+        callback = answerCallbackFor(engine, context.requestId);
     }
     // The user record must outlive the call even if the host swaps context.userData meanwhile.
     const std::shared_ptr<UserData> user = context.userData;

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
-#include "engine/AuthEngine.h"
+#include "common/ProcessorSupport.h"
 
 namespace auth_engine {
 namespace processors {
@@ -47,9 +47,7 @@ AuthResult TempKeyProcessor::process(AuthContext& context, IDataProvider& provid
         }
 
         if (context.request.credential.empty()) {
-            response.result = FAILED;
-            response.failCode = 1;
-            response.reason = "Temp key is empty";
+            failRequest(context, 1, "Temp key is empty");
             AuthLogger::info("[TempKeyProcessor:%d] empty temp key, result=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED));
             return FAILED;
@@ -57,17 +55,8 @@ AuthResult TempKeyProcessor::process(AuthContext& context, IDataProvider& provid
 
         // The engine's callback routes the answer to this request id, or to the id the host
         // passes when the request has none of its own.
-        AuthCallback callback;
-        if (engine != nullptr) {
-            callback = engine->makeAnswerCallback(context.requestId);
-        } else {
-            callback = [](const std::string&, const AuthResponse&, const AuthContext&) {};
-        }
-
-        if (!provider.requestTempKey(context, std::move(callback))) {
-            response.result = FAILED;
-            response.failCode = 24;
-            response.reason = "Temp key request failed";
+        if (!provider.requestTempKey(context, answerCallbackFor(engine, context.requestId))) {
+            failRequest(context, 24, "Temp key request failed");
             AuthLogger::info("[TempKeyProcessor:%d] send failed, result=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED));
             return FAILED;
@@ -114,9 +103,7 @@ AuthResult TempKeyProcessor::process(AuthContext& context, IDataProvider& provid
 
     UserData user;
     if (!provider.getTempKeyUser(*data, user)) {
-        response.result = FAILED;
-        response.failCode = 1;
-        response.reason = "Temp key user not found";
+        failRequest(context, 1, "Temp key user not found");
         AuthLogger::info("[TempKeyProcessor:%d] user not found, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;

@@ -1,9 +1,9 @@
 #include "processors/UnlockTypeProcessor.h"
 
-#include <algorithm>
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/ProcessorSupport.h"
 
 namespace auth_engine {
 namespace processors {
@@ -41,20 +41,9 @@ AuthResult UnlockTypeProcessor::process(AuthContext& context, IDataProvider& pro
         return CONTINUE;
     }
 
-    std::vector<std::string> remaining;
-    for (const std::string& relay : context.relays) {
-        if (std::find(forbidden.begin(), forbidden.end(), relay) != forbidden.end()) {
-            context.failedRelays.push_back(relay);
-            context.relayFailReasons[relay] = "UnlockType";
-        } else {
-            remaining.push_back(relay);
-        }
-    }
-    context.relays = remaining;
     // The host's answer is reported as given, and the fail code stays on a passing request so the
     // host can tell a partial open from a full one.
-    context.response.failedRelays = forbidden;
-    context.response.failCode = 4;
+    refuseRelays(context, forbidden, "UnlockType", 4);
 
     if (!context.relays.empty()) {
         AuthLogger::info("[UnlockTypeProcessor:%d] partial pass, forbidden=%s, remaining=%s",
