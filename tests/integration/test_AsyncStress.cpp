@@ -1,22 +1,12 @@
-#include <gtest/gtest.h>
-
 #include <map>
-#include <memory>
-#include <mutex>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "engine/AuthEngine.h"
-#include "support/CallbackRecorder.h"
-#include "support/FakeDataProvider.h"
-#include "support/TestClock.h"
+#include "support/EngineHarness.h"
 
 namespace auth_engine {
+namespace testing {
 namespace {
-
-using testing::CallbackRecorder;
 
 // A remote check: the first pass asks the "host", which answers according to the credential:
 // inline (from inside the question), later (kept for another thread), twice later, or never.
@@ -59,9 +49,7 @@ public:
 
 private:
     static AuthResponse verdict(const std::string& seed) {
-        AuthResponse response;
-        response.result = seed.size() % 2 == 0 ? SUCCESS : FAILED;
-        return response;
+        return responseOf(seed.size() % 2 == 0 ? SUCCESS : FAILED);
     }
 
     AuthEngine& engine;
@@ -69,14 +57,11 @@ private:
     std::vector<AuthCallback> deferred;
 };
 
-TEST(AsyncStress, EveryAcceptedRequestIsCalledBackExactlyOnce) {
-    testing::TestClock clock;
-    AuthEngine engine;
-    ASSERT_EQ(engine.init(std::make_shared<testing::FakeDataProvider>()), 0);
+class AsyncStress : public EngineTest {};
+
+TEST_F(AsyncStress, EveryAcceptedRequestIsCalledBackExactlyOnce) {
     auto check = std::make_shared<RemoteCheck>(engine);
-    engine.registerProcessor(check);
-    engine.setProcessorChain({"RemoteCheck"});
-    CallbackRecorder recorder;
+    chain({check});
 
     const std::vector<std::string> modes = {"inline", "later", "twice", "never"};
     std::mutex idsMutex;
@@ -86,9 +71,7 @@ TEST(AsyncStress, EveryAcceptedRequestIsCalledBackExactlyOnce) {
         hosts.emplace_back([&, seed] {
             std::mt19937 random(seed);
             for (int i = 0; i < 60; ++i) {
-                AuthRequest request;
-                request.credential = modes[random() % modes.size()];
-                const std::string id = engine.authenticateAsync(request, recorder.callback());
+                const std::string id = submit(makeRequest(modes[random() % modes.size()]));
                 if (!id.empty()) {
                     std::lock_guard<std::mutex> lock(idsMutex);
                     accepted.push_back(id);
@@ -126,4 +109,5 @@ TEST(AsyncStress, EveryAcceptedRequestIsCalledBackExactlyOnce) {
 }
 
 }  // namespace
+}  // namespace testing
 }  // namespace auth_engine

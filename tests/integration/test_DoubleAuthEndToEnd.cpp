@@ -1,18 +1,9 @@
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "auth_engine/AuthFacade.h"
 #include "processors/DoubleAuthProcessor.h"
-#include "support/FakeDataProvider.h"
-#include "support/TestClock.h"
+#include "support/EngineHarness.h"
 
 namespace auth_engine {
+namespace testing {
 namespace {
-
-using Relays = std::vector<std::string>;
 
 UserData person(const std::string& id) {
     UserData user;
@@ -22,37 +13,21 @@ UserData person(const std::string& id) {
     return user;
 }
 
-AuthRequest attempt(const std::string& credential, OpenDoorType type, ReaderType reader) {
-    AuthRequest request;
-    request.credential = credential;
-    request.openType = type;
-    request.readerType = reader;
-    return request;
-}
-
 AuthRequest pin(const std::string& credential) {
-    return attempt(credential, OPEN_TYPE_PIN, READER_TYPE_INTERNAL);
+    return makeRequest(credential, OPEN_TYPE_PIN);
 }
-
-// A processor that only borrows the double-authentication name.
-class Impostor : public IAuthProcessor {
-public:
-    AuthResult process(AuthContext&, IDataProvider&) override { return CONTINUE; }
-    std::string getName() const override { return chain::DOUBLE_AUTH; }
-};
 
 // Card then PIN on a site where the outside reader (1) serves relay 2 and the inside reader (0)
 // relay 1, so the opened relay shows which reader the two factors were composed into.
-class DoubleAuthEndToEnd : public ::testing::Test {
+class DoubleAuthEndToEnd : public FacadeTest {
 protected:
     void SetUp() override {
-        provider = std::make_shared<testing::FakeDataProvider>();
-        provider->users["card-alice"] = person("alice");
-        provider->users["pin-alice"] = person("alice");
-        provider->users["pin-bob"] = person("bob");
-        provider->schedules = {std::make_shared<ScheduleData>(
+        host->users["card-alice"] = person("alice");
+        host->users["pin-alice"] = person("alice");
+        host->users["pin-bob"] = person("bob");
+        host->schedules = {std::make_shared<ScheduleData>(
             ScheduleData{1, 1, "1", "all day", "00:00:00", "23:59:59", "", "", "", "", false})};
-        AuthConfig& config = provider->config;
+        AuthConfig& config = host->config;
         config.doubleAuthEnabled = true;
         config.doubleAuthMode = DOUBLE_AUTH_MODE_CARD_PIN;
         config.doubleAuthTimeoutSec = 30;
@@ -60,69 +35,62 @@ protected:
         config.virtualDoorMode = 1;
         config.readerRelayMap[READER_TYPE_EXTERNAL_1][RELAY_DIRECTION_IN] = {"2"};
         config.readerRelayMap[READER_TYPE_INTERNAL][RELAY_DIRECTION_IN] = {"1"};
-        ASSERT_EQ(facade().init(provider), 0);
+        ASSERT_EQ(facade.init(host), 0);
     }
-    void TearDown() override { facade().reset(); }
-
-    static AuthFacade& facade() { return AuthFacade::getInstance(); }
-
     AuthResponse presentCard() {
         const AuthResponse held =
-            facade().authenticate(attempt("card-alice", OPEN_TYPE_CARD, READER_TYPE_EXTERNAL_1));
+            facade.authenticate(makeRequest("card-alice", OPEN_TYPE_CARD, READER_TYPE_EXTERNAL_1));
         EXPECT_EQ(held.result, DOUBLE_AUTH_PENDING);
         EXPECT_TRUE(held.doubleAuthWaiting);
         EXPECT_TRUE(held.openedRelays.empty());
         return held;
     }
-
-    testing::TestClock clock;
-    std::shared_ptr<testing::FakeDataProvider> provider;
 };
 
 TEST_F(DoubleAuthEndToEnd, CardThenPinOpensTheFirstFactorsDoorsWithTheComposedReader) {
     const AuthResponse held = presentCard();
     EXPECT_EQ(held.doubleAuthPendingId, "double-1");
-    ASSERT_EQ(provider->reportCount(), 1u);
-    EXPECT_EQ(provider->reports()[0].result, DOUBLE_AUTH_PENDING);
+    ASSERT_EQ(host->reportCount(), 1u);
+    EXPECT_EQ(host->reports()[0].result, DOUBLE_AUTH_PENDING);
 
     clock.advance(29);
-    const AuthResponse opened = facade().authenticate(pin("pin-alice"));
+    const AuthResponse opened = facade.authenticate(pin("pin-alice"));
     EXPECT_EQ(opened.result, SUCCESS);
     EXPECT_EQ(opened.openedRelays, (Relays{"2"}));
     EXPECT_EQ(opened.doubleAuthReaderType, READER_TYPE_EXTERNAL_1);
     ASSERT_TRUE(opened.user);
     EXPECT_EQ(opened.user->userId, "alice");
-    EXPECT_EQ(facade().handleDoubleAuthTimeout("double-1").failCode, 42);
+    EXPECT_EQ(facade.handleDoubleAuthTimeout("double-1").failCode, 42);
 }
 
 TEST_F(DoubleAuthEndToEnd, AnotherPersonsPinTimeoutAndCancelEachEndTheWait) {
     presentCard();
-    const AuthResponse refused = facade().authenticate(pin("pin-bob"));
+    const AuthResponse refused = facade.authenticate(pin("pin-bob"));
     EXPECT_EQ(refused.result, FAILED);
     EXPECT_EQ(refused.failCode, 41);
     EXPECT_TRUE(refused.openedRelays.empty());
-    EXPECT_EQ(facade().authenticate(pin("pin-alice")).failCode, 40);
+    EXPECT_EQ(facade.authenticate(pin("pin-alice")).failCode, 40);
 
     const std::string second = presentCard().doubleAuthPendingId;
-    const AuthResponse timedOut = facade().handleDoubleAuthTimeout(second);
+    const AuthResponse timedOut = facade.handleDoubleAuthTimeout(second);
     EXPECT_EQ(timedOut.result, FAILED);
     EXPECT_EQ(timedOut.failCode, 19);
     EXPECT_EQ(timedOut.failedRelays, (Relays{"1", "2"}));
-    EXPECT_EQ(facade().handleDoubleAuthTimeout(second).failCode, 42);
+    EXPECT_EQ(facade.handleDoubleAuthTimeout(second).failCode, 42);
 
     const std::string third = presentCard().doubleAuthPendingId;
     EXPECT_EQ(third, "double-3");
-    const AuthResponse cancelled = facade().cancelDoubleAuth(third, "walked away");
+    const AuthResponse cancelled = facade.cancelDoubleAuth(third, "walked away");
     EXPECT_EQ(cancelled.result, FAILED);
     EXPECT_EQ(cancelled.failCode, 0);
     EXPECT_EQ(cancelled.reason, "walked away");
-    EXPECT_EQ(facade().authenticate(pin("pin-alice")).failCode, 40);
+    EXPECT_EQ(facade.authenticate(pin("pin-alice")).failCode, 40);
 }
 
 TEST_F(DoubleAuthEndToEnd, ControlNeedsTheDoubleAuthProcessorTheChainRuns) {
-    auto expectUnavailable = [](const char* when) {
-        const AuthResponse timeout = facade().handleDoubleAuthTimeout("double-1");
-        const AuthResponse cancel = facade().cancelDoubleAuth("double-1", "x");
+    auto expectUnavailable = [this](const char* when) {
+        const AuthResponse timeout = facade.handleDoubleAuthTimeout("double-1");
+        const AuthResponse cancel = facade.cancelDoubleAuth("double-1", "x");
         for (const AuthResponse& response : {timeout, cancel}) {
             EXPECT_EQ(response.result, FAILED) << when;
             EXPECT_EQ(response.failCode, 0) << when;
@@ -130,21 +98,23 @@ TEST_F(DoubleAuthEndToEnd, ControlNeedsTheDoubleAuthProcessorTheChainRuns) {
         }
     };
     presentCard();
-    facade().setProcessorChain({"UserLookup", "TimeCheck"});
+    facade.setProcessorChain({"UserLookup", "TimeCheck"});
     expectUnavailable("chain without DoubleAuth");
 
     // A replacement that is registered but not linked does not hold the waits of the one that ran.
-    facade().setProcessorChain({"UserLookup", "DoubleAuth", "TimeCheck"});
-    facade().registerProcessor(std::make_shared<processors::DoubleAuthProcessor>());
+    facade.setProcessorChain({"UserLookup", "DoubleAuth", "TimeCheck"});
+    facade.registerProcessor(std::make_shared<processors::DoubleAuthProcessor>());
     expectUnavailable("registered but not linked");
 
-    facade().setProcessorChain({"UserLookup", "DoubleAuth", "TimeCheck"});
-    EXPECT_EQ(facade().cancelDoubleAuth("double-1", "x").failCode, 42);
+    facade.setProcessorChain({"UserLookup", "DoubleAuth", "TimeCheck"});
+    EXPECT_EQ(facade.cancelDoubleAuth("double-1", "x").failCode, 42);
 
-    facade().registerProcessor(std::make_shared<Impostor>());
-    facade().setProcessorChain({"UserLookup", "DoubleAuth"});
+    // A processor that only borrows the double-authentication name.
+    facade.registerProcessor(std::make_shared<ScriptedProcessor>(chain::DOUBLE_AUTH, nullptr));
+    facade.setProcessorChain({"UserLookup", "DoubleAuth"});
     expectUnavailable("another class under the name");
 }
 
 }  // namespace
+}  // namespace testing
 }  // namespace auth_engine

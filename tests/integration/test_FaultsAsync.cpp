@@ -1,36 +1,19 @@
 // Faults the engine meets in the field: a host whose every operation throws, answers that arrive
 // after a reset, a reset racing running attempts, a flood of parked requests timing out together,
 // a full submission queue and a host that answers every question twice.
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <set>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "engine/AuthEngine.h"
-#include "support/CallbackRecorder.h"
-#include "support/FakeDataProvider.h"
+#include "support/EngineHarness.h"
 #include "support/LogCapture.h"
-#include "support/TestClock.h"
 
 namespace auth_engine {
+namespace testing {
 namespace {
-
-using testing::CallbackRecorder;
-using testing::FakeDataProvider;
-using testing::LogCapture;
-using testing::TestClock;
-
-// Generous caps for slow hosts (the emulator); a healthy run never gets near them.
-constexpr int kWaitMs = 60000;
 
 // Every operation of the host interface that the fake can make throw.
 // clang-format off
@@ -50,34 +33,23 @@ const std::set<std::string> kAllOperations{
 // "PLATE-1" only relay 3 (parking restricted); temporary key "tk-1" opens all three.
 std::shared_ptr<FakeDataProvider> makeSite() {
     auto host = std::make_shared<FakeDataProvider>();
-    UserData resident;
-    resident.userType = 1;
-    resident.userName = "Resident";
-    resident.userId = "u1";
-    resident.scheduleRelay = "1-1,2,3";
-    host->users["card-1"] = resident;
-    UserData visitor = resident;
-    visitor.userType = 0;
-    visitor.userId = "u2";
-    visitor.scheduleRelay = "1-3";
-    host->users["card-2"] = visitor;
-    UserData driver = resident;
-    driver.userId = "u3";
-    driver.scheduleRelay = "1-3";
-    host->users["PLATE-1"] = driver;
-    host->tempKeyUsers["tk-1"] = resident;
+    UserData user;
+    user.userType = 1;
+    user.userName = "Resident";
+    user.userId = "u1";
+    user.scheduleRelay = "1-1,2,3";
+    host->users["card-1"] = host->tempKeyUsers["tk-1"] = user;
+    user.userId = "u3";
+    user.scheduleRelay = "1-3";
+    host->users["PLATE-1"] = user;
+    user.userType = 0;
+    user.userId = "u2";
+    host->users["card-2"] = user;
     host->tempKeyTargets = {AuthTarget{0, "1"}, AuthTarget{0, "2"}, AuthTarget{0, "3"}};
     host->keyData = std::make_shared<KeyData>();
     host->keyData->longTermEnable = true;
-
-    auto always = std::make_shared<ScheduleData>();
-    always->id = 1;
-    always->type = 1;
-    always->scheduleId = "1";
-    always->startTime = "00:00:00";
-    always->endTime = "23:59:59";
-    host->schedules = {always};
-
+    host->schedules = {std::make_shared<ScheduleData>(
+        ScheduleData{1, 1, "1", "", "00:00:00", "23:59:59", "", "", "", "", false})};
     host->config.antiPassbackEnabled = true;
     host->config.antiPassbackRelayMap = {{"1", RELAY_DIRECTION_IN}};
     host->config.interlockEnabled = true;
@@ -86,67 +58,63 @@ std::shared_ptr<FakeDataProvider> makeSite() {
     return host;
 }
 
-AuthRequest attempt(OpenDoorType openType, const std::string& credential) {
-    AuthRequest request;
-    request.openType = openType;
-    request.credential = credential;
-    return request;
-}
-
 // One attempt of every kind, each with the data its processor needs to reach the host.
 std::vector<AuthRequest> everyKindOfAttempt() {
-    std::vector<AuthRequest> attempts = {attempt(OPEN_TYPE_CARD, "card-1"),
-                                         attempt(OPEN_TYPE_PIN, "1234"),
-                                         attempt(OPEN_TYPE_FACE, "face-1"),
-                                         attempt(OPEN_TYPE_BLE, "ble-1"),
-                                         attempt(OPEN_TYPE_LICENSE_PLATE, "PLATE-1"),
-                                         attempt(OPEN_TYPE_TEMP_KEY, "tk-1"),
-                                         attempt(OPEN_TYPE_REMOTE_CONTROL, "remote-1")};
-    AuthRequest dtmf = attempt(OPEN_TYPE_DTMF, "");
+    std::vector<AuthRequest> attempts;
+    for (const auto& kind :
+         std::vector<std::pair<OpenDoorType, const char*>>{{OPEN_TYPE_CARD, "card-1"},
+                                                           {OPEN_TYPE_PIN, "1234"},
+                                                           {OPEN_TYPE_FACE, "face-1"},
+                                                           {OPEN_TYPE_BLE, "ble-1"},
+                                                           {OPEN_TYPE_LICENSE_PLATE, "PLATE-1"},
+                                                           {OPEN_TYPE_TEMP_KEY, "tk-1"},
+                                                           {OPEN_TYPE_REMOTE_CONTROL, "remote-1"},
+                                                           {OPEN_TYPE_DTMF, ""},
+                                                           {OPEN_TYPE_HTTP, ""},
+                                                           {OPEN_TYPE_INPUT, ""},
+                                                           {OPEN_TYPE_RELAY_KEY, ""}}) {
+        attempts.push_back(makeRequest(kind.second, kind.first));
+    }
+    AuthRequest& dtmf = attempts[7];
     dtmf.dtmfData = std::make_shared<DtmfRequestData>();
     dtmf.dtmfData->dtmfCode = "#1";
     dtmf.dtmfData->remoteNumber = "100";
-    attempts.push_back(dtmf);
-    AuthRequest http = attempt(OPEN_TYPE_HTTP, "");
+    AuthRequest& http = attempts[8];
     http.httpData = std::make_shared<HttpRequestData>();
     http.httpData->username = "admin";
     http.httpData->password = "secret";
     http.httpData->targets = {AuthTarget{0, "1"}};
-    attempts.push_back(http);
-    AuthRequest input = attempt(OPEN_TYPE_INPUT, "");
-    input.inputData = std::make_shared<InputRequestData>();
-    input.inputData->targets = {AuthTarget{0, "1"}};
-    attempts.push_back(input);
-    AuthRequest relayKey = attempt(OPEN_TYPE_RELAY_KEY, "");
+    attempts[9].inputData = std::make_shared<InputRequestData>();
+    attempts[9].inputData->targets = {AuthTarget{0, "1"}};
+    AuthRequest& relayKey = attempts[10];
     relayKey.relayKeyData = std::make_shared<RelayKeyAuthData>();
     relayKey.relayKeyData->scheduleIds = "1";
     relayKey.relayKeyData->targets = {AuthTarget{0, "3"}};
-    attempts.push_back(relayKey);
     return attempts;
 }
 
-AuthContext tempKeyAnswer(const std::string& key) {
-    AuthContext update;
-    update.tempKeyAuthData = std::make_shared<TempKeyAuthData>();
-    update.tempKeyAuthData->key = key;
-    return update;
-}
+// An engine on the site; the latch is opened before the engine stops, even when an assertion ends
+// the test early.
+class FaultsAsync : public EngineTest {
+protected:
+    void SetUp() override {
+        host = makeSite();
+        EngineTest::SetUp();
+    }
+    void TearDown() override {
+        latch.open();
+        EngineTest::TearDown();
+    }
+    std::string submitCard(const std::string& credential) {
+        return submit(makeRequest(credential, OPEN_TYPE_CARD));
+    }
 
-void expectNothingLeft(AuthEngine& engine) {
-    EXPECT_EQ(engine.parkedChainCount(), 0u);
-    EXPECT_EQ(engine.parkedPhaseCount(), 0u);
-    EXPECT_EQ(engine.subRequestCount(), 0u);
-}
-
-TEST(FaultsAsync, ThrowingHostFailsEachRequestOnceAndTheWorkerGoesOn) {
-    TestClock clock;
-    CallbackRecorder recorder;
     LogCapture log;
-    auto host = makeSite();
-    host->throwFrom = kAllOperations;
-    AuthEngine engine;
-    ASSERT_EQ(engine.init(host), 0);
+    Latch latch;
+};
 
+TEST_F(FaultsAsync, ThrowingHostFailsEachRequestOnceAndTheWorkerGoesOn) {
+    configure([](FakeDataProvider& fake) { fake.throwFrom = kAllOperations; });
     const AuthCallback record = recorder.callback();
     // A host callback that throws must not stop the worker either.
     const AuthCallback recordThenThrow =
@@ -162,151 +130,113 @@ TEST(FaultsAsync, ThrowingHostFailsEachRequestOnceAndTheWorkerGoesOn) {
         ASSERT_FALSE(ids.back().empty());
     }
     ASSERT_TRUE(recorder.waitFor(ids.size(), kWaitMs));
-    ASSERT_TRUE(engine.waitForIdle(kWaitMs));
+    ASSERT_TRUE(idle());
 
     EXPECT_EQ(recorder.count(), ids.size());
     for (std::size_t i = 0; i < ids.size(); ++i) {
-        const auto calls = recorder.forId(ids[i]);
-        ASSERT_EQ(calls.size(), 1u) << "open type " << attempts[i].openType;
-        EXPECT_EQ(calls[0].response.result, FAILED) << "open type " << attempts[i].openType;
-        EXPECT_EQ(calls[0].response.failCode, 0) << "open type " << attempts[i].openType;
-        EXPECT_EQ(calls[0].response.reason, "Internal error")
-            << "open type " << attempts[i].openType;
-        EXPECT_TRUE(calls[0].response.openedRelays.empty());
-        EXPECT_TRUE(calls[0].response.targets.empty());
+        SCOPED_TRACE("open type " + std::to_string(attempts[i].openType));
+        expectFailed(onlyReport(ids[i]), 0, "Internal error");
     }
-    expectNothingLeft(engine);
+    expectNothingParked(engine);
     EXPECT_TRUE(log.contains("fake provider throws from"));
     EXPECT_TRUE(log.contains("host callback fails"));
     EXPECT_EQ(host->questions().size(), 0u);
 
     // The same worker serves the next request once the host behaves again.
-    {
-        auto lock = host->lock();
-        host->throwFrom.clear();
-    }
-    const std::string next = engine.authenticateAsync(attempt(OPEN_TYPE_CARD, "card-2"), record);
+    configure([](FakeDataProvider& fake) { fake.throwFrom.clear(); });
+    const std::string next = submitCard("card-2");
     ASSERT_TRUE(recorder.waitFor(ids.size() + 1, kWaitMs));
-    const auto calls = recorder.forId(next);
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].response.result, SUCCESS);
-    EXPECT_EQ(calls[0].response.openedRelays, std::vector<std::string>{"3"});
+    EXPECT_EQ(onlyReport(next).result, SUCCESS);
+    EXPECT_EQ(onlyReport(next).openedRelays, Relays{"3"});
 }
 
-TEST(FaultsAsync, ThrowWhileAskingARelayCheckKeepsOnlyThatRelayShut) {
-    TestClock clock;
-    CallbackRecorder recorder;
-    LogCapture log;
-    auto host = makeSite();
-    host->throwFrom = {"requestAntiPassback", "requestInterlock", "requestParking"};
-    AuthEngine engine;
-    ASSERT_EQ(engine.init(host), 0);
-
-    const std::string card =
-        engine.authenticateAsync(attempt(OPEN_TYPE_CARD, "card-1"), recorder.callback());
-    const std::string plate =
-        engine.authenticateAsync(attempt(OPEN_TYPE_LICENSE_PLATE, "PLATE-1"), recorder.callback());
+TEST_F(FaultsAsync, ThrowWhileAskingARelayCheckKeepsOnlyThatRelayShut) {
+    configure([](FakeDataProvider& fake) {
+        fake.throwFrom = {"requestAntiPassback", "requestInterlock", "requestParking"};
+    });
+    const std::string card = submitCard("card-1");
+    const std::string plate = submit(makeRequest("PLATE-1", OPEN_TYPE_LICENSE_PLATE));
     ASSERT_FALSE(card.empty());
     ASSERT_FALSE(plate.empty());
     // Card: relay 3 at once, then one report each for the anti-passback and interlock phases;
     // plate: one parking report.
     ASSERT_TRUE(recorder.waitFor(4, kWaitMs));
-    ASSERT_TRUE(engine.waitForIdle(kWaitMs));
+    ASSERT_TRUE(idle());
     ASSERT_EQ(recorder.count(), 4u);
 
-    const auto immediate = recorder.forId(card);
-    ASSERT_EQ(immediate.size(), 1u);
-    EXPECT_EQ(immediate[0].response.result, SUCCESS);
-    EXPECT_EQ(immediate[0].response.openedRelays, std::vector<std::string>{"3"});
-
-    const auto antiPassback = recorder.forId(card + "_ind_antipassback");
-    ASSERT_EQ(antiPassback.size(), 1u);
-    EXPECT_EQ(antiPassback[0].response.result, FAILED);
-    EXPECT_EQ(antiPassback[0].response.failCode, 5);
-    EXPECT_EQ(antiPassback[0].response.failedRelays, std::vector<std::string>{"1"});
-    EXPECT_TRUE(antiPassback[0].response.openedRelays.empty());
-
-    const auto interlock = recorder.forId(card + "_ind_interlock");
-    ASSERT_EQ(interlock.size(), 1u);
-    EXPECT_EQ(interlock[0].response.result, FAILED);
-    EXPECT_EQ(interlock[0].response.failCode, 21);
-    EXPECT_EQ(interlock[0].response.failedRelays, std::vector<std::string>{"2"});
-
-    const auto parking = recorder.forId(plate + "_ind_parking");
-    ASSERT_EQ(parking.size(), 1u);
-    EXPECT_EQ(parking[0].response.result, FAILED);
-    EXPECT_EQ(parking[0].response.failCode, 23);
-    EXPECT_TRUE(parking[0].response.openedRelays.empty());
-    EXPECT_TRUE(parking[0].response.targets.empty());
-
-    expectNothingLeft(engine);
-    EXPECT_TRUE(log.contains("fake provider throws from requestAntiPassback"));
-    EXPECT_TRUE(log.contains("fake provider throws from requestInterlock"));
-    EXPECT_TRUE(log.contains("fake provider throws from requestParking"));
+    EXPECT_EQ(onlyReport(card).result, SUCCESS);
+    EXPECT_EQ(onlyReport(card).openedRelays, Relays{"3"});
+    struct Refusal {
+        std::string id;
+        int failCode;
+        Relays failed;
+    };
+    for (const Refusal& refusal : {Refusal{card + "_ind_antipassback", 5, {"1"}},
+                                   Refusal{card + "_ind_interlock", 21, {"2"}},
+                                   Refusal{plate + "_ind_parking", 23, {"3"}}}) {
+        SCOPED_TRACE(refusal.id);
+        const AuthResponse response = onlyReport(refusal.id);
+        EXPECT_EQ(response.result, FAILED);
+        EXPECT_EQ(response.failCode, refusal.failCode);
+        expectRelays(response, {}, refusal.failed);
+        EXPECT_TRUE(response.targets.empty());
+    }
+    expectNothingParked(engine);
+    for (const char* operation : {"requestAntiPassback", "requestInterlock", "requestParking"}) {
+        EXPECT_TRUE(log.contains(std::string("fake provider throws from ") + operation));
+    }
 }
 
-TEST(FaultsAsync, AnswersAfterResetAreDroppedAndNeverReachALaterRequestWithTheSameId) {
-    TestClock clock;
-    CallbackRecorder recorder;
-    auto first = makeSite();
-    AuthEngine engine;
-    ASSERT_EQ(engine.init(first), 0);
-
-    const std::string tempKey =
-        engine.authenticateAsync(attempt(OPEN_TYPE_TEMP_KEY, "tk-1"), recorder.callback());
+TEST_F(FaultsAsync, AnswersAfterResetAreDroppedAndNeverReachALaterRequestWithTheSameId) {
+    const auto first = host;
+    const std::string tempKey = submit(makeRequest("tk-1", OPEN_TYPE_TEMP_KEY));
     ASSERT_FALSE(tempKey.empty());
     ASSERT_TRUE(first->waitForQuestions(1, kWaitMs));
-    const std::string card =
-        engine.authenticateAsync(attempt(OPEN_TYPE_CARD, "card-1"), recorder.callback());
+    const std::string card = submitCard("card-1");
     // The card's relay 3 opens at once; relay 1 waits for its anti-passback answer.
     ASSERT_TRUE(first->waitForQuestions(2, kWaitMs));
     ASSERT_TRUE(recorder.waitFor(1, kWaitMs));
-    ASSERT_TRUE(engine.waitForIdle(kWaitMs));
+    ASSERT_TRUE(idle());
     ASSERT_EQ(engine.parkedChainCount(), 1u);
     ASSERT_EQ(engine.parkedPhaseCount(), 1u);
 
     engine.reset();
     // The parked phase is told of the shutdown; the parked chain vanishes silently.
     ASSERT_EQ(recorder.count(), 2u);
-    const auto shutdown = recorder.forId(card + "_ind_antipassback");
-    ASSERT_EQ(shutdown.size(), 1u);
-    EXPECT_EQ(shutdown[0].response.reason, "Engine shutdown");
+    EXPECT_EQ(onlyReport(card + "_ind_antipassback").reason, "Engine shutdown");
     EXPECT_TRUE(recorder.forId(tempKey).empty());
 
     // Late answers to both questions reach nothing.
     first->answer(0, SUCCESS, 0, tempKeyAnswer("tk-1"));
     first->answer(1, SUCCESS);
     EXPECT_EQ(recorder.count(), 2u);
-    expectNothingLeft(engine);
+    expectNothingParked(engine);
 
     // A new run restarts the request counter under the same (frozen) wall clock: the first
     // request gets the id of the request lost in the reset.
-    auto second = makeSite();
-    ASSERT_EQ(engine.init(second), 0);
-    const std::string again =
-        engine.authenticateAsync(attempt(OPEN_TYPE_TEMP_KEY, "tk-1"), recorder.callback());
+    host = makeSite();
+    ASSERT_TRUE(start());
+    const std::string again = submit(makeRequest("tk-1", OPEN_TYPE_TEMP_KEY));
     ASSERT_EQ(again, tempKey);
-    ASSERT_TRUE(second->waitForQuestions(1, kWaitMs));
-    ASSERT_TRUE(engine.waitForIdle(kWaitMs));
+    ASSERT_TRUE(host->waitForQuestions(1, kWaitMs));
+    ASSERT_TRUE(idle());
 
     first->answer(0, SUCCESS, 0, tempKeyAnswer("tk-1"));
     AuthEngine::AsyncContext parked;
     ASSERT_TRUE(engine.peekParkedChain(again, parked));
     EXPECT_EQ(parked.context.response.result, ASYNC_PENDING);
     EXPECT_FALSE(parked.context.tempKeyAuthData);
-    ASSERT_TRUE(engine.waitForIdle(kWaitMs));
+    ASSERT_TRUE(idle());
     EXPECT_EQ(recorder.count(), 2u);
 
     // Its own host's answer still decides it, once.
-    second->answer(0, FAILED, 24);
+    host->answer(0, FAILED, 24);
     ASSERT_TRUE(recorder.waitFor(3, kWaitMs));
-    ASSERT_TRUE(engine.waitForIdle(kWaitMs));
-    const auto decided = recorder.forId(again);
-    ASSERT_EQ(decided.size(), 1u);
-    EXPECT_EQ(decided[0].response.result, FAILED);
-    EXPECT_EQ(decided[0].response.failCode, 24);
+    ASSERT_TRUE(idle());
+    EXPECT_EQ(onlyReport(again).result, FAILED);
+    EXPECT_EQ(onlyReport(again).failCode, 24);
     EXPECT_EQ(recorder.count(), 3u);
-    expectNothingLeft(engine);
+    expectNothingParked(engine);
 }
 
 // Hands the host's questions over to an answering thread.
@@ -341,17 +271,14 @@ private:
     std::deque<FakeDataProvider::Question> pending;
 };
 
-TEST(FaultsAsync, ResetFromAnotherThreadWhileAttemptsRunCallsEverySubmissionBackOnce) {
-    TestClock clock;
-    AuthEngine engine;
+TEST_F(FaultsAsync, ResetFromAnotherThreadWhileAttemptsRunCallsEverySubmissionBackOnce) {
     for (int round = 0; round < 3; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
-        auto host = makeSite();
+        engine.reset();
+        host = makeSite();
         QuestionRelay relay;
-        host->answerTempKey = relay.hook();
-        host->answerAntiPassback = relay.hook();
-        host->answerInterlock = relay.hook();
-        ASSERT_EQ(engine.init(host), 0);
+        host->answerTempKey = host->answerAntiPassback = host->answerInterlock = relay.hook();
+        ASSERT_TRUE(start());
         CallbackRecorder submitted;
         CallbackRecorder parkedCalls;
         std::atomic<bool> stop{false};
@@ -375,7 +302,7 @@ TEST(FaultsAsync, ResetFromAnotherThreadWhileAttemptsRunCallsEverySubmissionBack
                         continue;
                     }
                     const std::string id = engine.authenticateAsync(
-                        attempt(OPEN_TYPE_CARD, "card-2"), submitted.callback());
+                        makeRequest("card-2", OPEN_TYPE_CARD), submitted.callback());
                     if (!id.empty()) {
                         std::lock_guard<std::mutex> lock(idsMutex);
                         accepted.push_back(id);
@@ -391,18 +318,16 @@ TEST(FaultsAsync, ResetFromAnotherThreadWhileAttemptsRunCallsEverySubmissionBack
                 if (submitted.waitFor(i + 1, 20)) {
                     const std::string id =
                         "sync-" + std::to_string(round) + "-" + std::to_string(i++);
-                    engine.authenticate(attempt(OPEN_TYPE_TEMP_KEY, "tk-1"), parkedCalls.callback(),
-                                        id);
+                    engine.authenticate(makeRequest("tk-1", OPEN_TYPE_TEMP_KEY),
+                                        parkedCalls.callback(), id);
                 }
             }
         });
         // The host answers whatever it was asked from a thread of its own, racing the reset.
         threads.emplace_back([&] {
             for (FakeDataProvider::Question question; relay.take(question, stop);) {
-                AuthResponse response;
-                response.result = SUCCESS;
                 question.callback(
-                    question.handle, response,
+                    question.handle, responseOf(SUCCESS),
                     question.kind == "tempkey" ? tempKeyAnswer("tk-1") : AuthContext());
             }
         });
@@ -432,73 +357,21 @@ TEST(FaultsAsync, ResetFromAnotherThreadWhileAttemptsRunCallsEverySubmissionBack
             EXPECT_LE(++phaseCalls[call.requestId], 1) << call.requestId;
         }
         // A synchronous chain still inside the engine during the reset is covered on its own
-        // below; what the worker and the host's answers touch must all be gone.
+        // (FastPathsAndReset); what the worker and the host's answers touch must all be gone.
         EXPECT_EQ(engine.parkedPhaseCount(), 0u);
         EXPECT_EQ(engine.subRequestCount(), 0u);
         EXPECT_TRUE(
-            engine.authenticateAsync(attempt(OPEN_TYPE_CARD, "card-2"), submitted.callback())
+            engine.authenticateAsync(makeRequest("card-2", OPEN_TYPE_CARD), submitted.callback())
                 .empty());
     }
 }
 
-// Resets the engine from another thread while a synchronous chain is inside it, then asks the host.
-class ResetMidChain : public IAuthProcessor {
-public:
-    explicit ResetMidChain(AuthEngine& owner) : engine(owner) {}
-    AuthResult process(AuthContext& context, IDataProvider&) override {
-        if (!context.pendingProcessor.empty()) {
-            return context.response.result;
-        }
-        std::thread([this] { engine.reset(); }).join();
-        return ASYNC_PENDING;
-    }
-    std::string getName() const override { return "ResetMidChain"; }
-
-private:
-    AuthEngine& engine;
-};
-
-TEST(FaultsAsync, ResetDuringASynchronousChainLeavesNothingParked) {
-    TestClock clock;
-    CallbackRecorder recorder;
-    AuthEngine engine;
-    ASSERT_EQ(engine.init(makeSite()), 0);
-    engine.registerProcessor(std::make_shared<ResetMidChain>(engine));
-    engine.setProcessorChain({"ResetMidChain"});
-
-    engine.authenticate(attempt(OPEN_TYPE_CARD, "card-1"), recorder.callback(), "sync-1");
-    // Nothing can answer or time out a chain parked after the reset: it must not stay behind to
-    // surface in a later run.
-    EXPECT_EQ(engine.parkedChainCount(), 0u);
-    ASSERT_EQ(engine.init(makeSite()), 0);
-    clock.advance(31);
-    engine.checkTimeoutRequests();
-    EXPECT_EQ(recorder.count(), 0u);
-}
-
-// Parks every request it sees on a question nobody answers.
-class NeverAnswered : public IAuthProcessor {
-public:
-    AuthResult process(AuthContext& context, IDataProvider&) override {
-        return context.pendingProcessor.empty() ? ASYNC_PENDING : context.response.result;
-    }
-    std::string getName() const override { return "NeverAnswered"; }
-};
-
-TEST(FaultsAsync, TenThousandParkedRequestsTimeOutInOneSweep) {
-    TestClock clock;
-    CallbackRecorder recorder;
-    auto host = makeSite();
-    AuthEngine engine;
-    ASSERT_EQ(engine.init(host), 0);
-    engine.registerProcessor(std::make_shared<NeverAnswered>());
-    engine.setProcessorChain({"NeverAnswered"});
-
+TEST_F(FaultsAsync, TenThousandParkedRequestsTimeOutInOneSweep) {
+    use("NeverAnswered", askOnce);  // parks every request on a question nobody answers
     constexpr std::size_t kParked = 10000;
     for (std::size_t i = 0; i < kParked; ++i) {
-        const AuthResponse response = engine.authenticate(
-            attempt(OPEN_TYPE_CARD, "card-1"), recorder.callback(), "park-" + std::to_string(i));
-        ASSERT_EQ(response.result, ASYNC_PENDING);
+        ASSERT_EQ(run("park-" + std::to_string(i), makeRequest("card-1", OPEN_TYPE_CARD)).result,
+                  ASYNC_PENDING);
     }
     ASSERT_EQ(engine.parkedChainCount(), kParked);
 
@@ -511,7 +384,7 @@ TEST(FaultsAsync, TenThousandParkedRequestsTimeOutInOneSweep) {
     clock.advance(1);
     engine.checkTimeoutRequests();
     EXPECT_EQ(engine.parkedChainCount(), 0u);
-    ASSERT_TRUE(engine.waitForIdle(kWaitMs));
+    ASSERT_TRUE(idle());
     ASSERT_EQ(recorder.count(), kParked);
     std::set<std::string> ids;
     for (const auto& call : recorder.all()) {
@@ -523,82 +396,34 @@ TEST(FaultsAsync, TenThousandParkedRequestsTimeOutInOneSweep) {
     EXPECT_EQ(host->reportCount(), kParked);
 }
 
-// Holds every attempt until the test opens it.
-class Latch : public IAuthProcessor {
-public:
-    AuthResult process(AuthContext&, IDataProvider&) override {
-        std::unique_lock<std::mutex> lock(mutex);
-        ++entered;
-        changed.notify_all();
-        changed.wait(lock, [this] { return open; });
+TEST_F(FaultsAsync, TheHundredAndFirstQueuedSubmissionIsRefusedUntilOneIsTaken) {
+    use("Latch", [this](AuthContext&) {
+        latch.pass();
         return CONTINUE;
-    }
-    std::string getName() const override { return "Latch"; }
-
-    bool waitEntered(int timeoutMs) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                [this] { return entered > 0; });
-    }
-    void release() {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            open = true;
-        }
-        changed.notify_all();
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    int entered = 0;
-    bool open = false;
-};
-
-TEST(FaultsAsync, TheHundredAndFirstQueuedSubmissionIsRefusedUntilOneIsTaken) {
-    TestClock clock;
-    CallbackRecorder recorder;
-    AuthEngine engine;
-    ASSERT_EQ(engine.init(makeSite()), 0);
-    auto latch = std::make_shared<Latch>();
-    // Opened again before the engine goes away, even when an assertion ends the test early.
-    const std::shared_ptr<void> opener(nullptr, [latch](void*) { latch->release(); });
-    engine.registerProcessor(latch);
-    engine.setProcessorChain({"Latch"});
-
-    std::set<std::string> accepted;
-    const std::string held =
-        engine.authenticateAsync(attempt(OPEN_TYPE_CARD, "card-2"), recorder.callback());
-    ASSERT_FALSE(held.empty());
-    accepted.insert(held);
-    ASSERT_TRUE(latch->waitEntered(kWaitMs));  // the worker is busy: nothing more is taken
+    });
+    std::vector<std::string> accepted = {submitCard("card-2")};
+    ASSERT_FALSE(accepted[0].empty());
+    ASSERT_TRUE(latch.waitEntered(1, kWaitMs));  // the worker is busy: nothing more is taken
 
     for (int i = 0; i < 100; ++i) {
-        const std::string id =
-            engine.authenticateAsync(attempt(OPEN_TYPE_CARD, "card-2"), recorder.callback());
-        ASSERT_FALSE(id.empty()) << "submission " << i;
-        accepted.insert(id);
+        accepted.push_back(submitCard("card-2"));
+        ASSERT_FALSE(accepted.back().empty()) << "submission " << i;
     }
-    EXPECT_TRUE(
-        engine.authenticateAsync(attempt(OPEN_TYPE_CARD, "card-2"), recorder.callback()).empty());
-    EXPECT_EQ(accepted.size(), 101u);
+    EXPECT_TRUE(submitCard("card-2").empty());
 
-    latch->release();
+    latch.open();
     ASSERT_TRUE(recorder.waitFor(2, kWaitMs));  // two taken: room again
-    const std::string later =
-        engine.authenticateAsync(attempt(OPEN_TYPE_CARD, "card-2"), recorder.callback());
-    ASSERT_FALSE(later.empty());
-    accepted.insert(later);
+    accepted.push_back(submitCard("card-2"));
+    ASSERT_FALSE(accepted.back().empty());
 
     ASSERT_TRUE(recorder.waitFor(accepted.size(), kWaitMs));
-    ASSERT_TRUE(engine.waitForIdle(kWaitMs));
-    EXPECT_EQ(recorder.count(), accepted.size());
-    std::set<std::string> called;
+    ASSERT_TRUE(idle());
+    // First in, first out; each id once, the one the caller was given.
+    EXPECT_EQ(calledIds(), accepted);
+    EXPECT_EQ(std::set<std::string>(accepted.begin(), accepted.end()).size(), 102u);
     for (const auto& call : recorder.all()) {
-        called.insert(call.requestId);
         EXPECT_EQ(call.response.result, SUCCESS);
     }
-    EXPECT_EQ(called, accepted);
 }
 
 // One attempt, the reports it must produce (phase suffix of the id -> opened relays) and the
@@ -606,79 +431,62 @@ TEST(FaultsAsync, TheHundredAndFirstQueuedSubmissionIsRefusedUntilOneIsTaken) {
 struct Scenario {
     AuthRequest request;
     std::size_t questions;
-    std::map<std::string, std::vector<std::string>> reports;
+    std::map<std::string, Relays> reports;
 };
 
-std::vector<Scenario> guardedScenarios() {
-    const std::map<std::string, std::vector<std::string>> everyPhase = {
-        {"", {"3"}}, {"_ind_antipassback", {"1"}}, {"_ind_interlock", {"2"}}};
-    return {
-        {attempt(OPEN_TYPE_CARD, "card-1"), 2, everyPhase},
-        {attempt(OPEN_TYPE_TEMP_KEY, "tk-1"), 3, everyPhase},
-        {attempt(OPEN_TYPE_LICENSE_PLATE, "PLATE-1"), 1, {{"_ind_parking", {"3"}}}},
-    };
-}
-
 void answerTwice(FakeDataProvider::Question& question) {
-    AuthResponse response;
-    response.result = SUCCESS;
     const AuthContext update = question.kind == "tempkey" ? tempKeyAnswer("tk-1") : AuthContext();
-    question.callback(question.handle, response, update);
-    question.callback(question.handle, response, update);
+    question.callback(question.handle, responseOf(SUCCESS), update);
+    question.callback(question.handle, responseOf(SUCCESS), update);
 }
 
-void runTwiceAnswered(bool inlineAnswers) {
-    TestClock clock;
-    CallbackRecorder recorder;
-    auto host = makeSite();
-    if (inlineAnswers) {
-        host->answerTempKey = answerTwice;
-        host->answerAntiPassback = answerTwice;
-        host->answerInterlock = answerTwice;
-        host->answerParking = answerTwice;
-    }
-    AuthEngine engine;
-    ASSERT_EQ(engine.init(host), 0);
+class FaultsAsyncTwice : public FaultsAsync, public ::testing::WithParamInterface<bool> {};
 
-    for (const Scenario& scenario : guardedScenarios()) {
+TEST_P(FaultsAsyncTwice, HostAnsweringEveryQuestionTwiceGetsOneReportPerPhase) {
+    const bool inlineAnswers = GetParam();
+    if (inlineAnswers) {
+        configure([](FakeDataProvider& fake) {
+            fake.answerTempKey = fake.answerAntiPassback = fake.answerInterlock =
+                fake.answerParking = answerTwice;
+        });
+    }
+    const std::map<std::string, Relays> everyPhase = {
+        {"", {"3"}}, {"_ind_antipassback", {"1"}}, {"_ind_interlock", {"2"}}};
+    const std::vector<Scenario> scenarios = {
+        {makeRequest("card-1", OPEN_TYPE_CARD), 2, everyPhase},
+        {makeRequest("tk-1", OPEN_TYPE_TEMP_KEY), 3, everyPhase},
+        {makeRequest("PLATE-1", OPEN_TYPE_LICENSE_PLATE), 1, {{"_ind_parking", {"3"}}}},
+    };
+    for (const Scenario& scenario : scenarios) {
         SCOPED_TRACE("open type " + std::to_string(scenario.request.openType));
         host->clearLog();
         const std::size_t before = recorder.count();
-        const std::string id = engine.authenticateAsync(scenario.request, recorder.callback());
+        const std::string id = submit(scenario.request);
         ASSERT_FALSE(id.empty());
-        if (!inlineAnswers) {
-            for (std::size_t i = 0; i < scenario.questions; ++i) {
-                ASSERT_TRUE(host->waitForQuestions(i + 1, kWaitMs)) << "question " << i;
-                const AuthContext update =
-                    host->questions()[i].kind == "tempkey" ? tempKeyAnswer("tk-1") : AuthContext();
-                host->answer(i, SUCCESS, 0, update);
-                host->answer(i, SUCCESS, 0, update);
-            }
+        for (std::size_t i = 0; !inlineAnswers && i < scenario.questions; ++i) {
+            ASSERT_TRUE(host->waitForQuestions(i + 1, kWaitMs)) << "question " << i;
+            const AuthContext update =
+                host->questions()[i].kind == "tempkey" ? tempKeyAnswer("tk-1") : AuthContext();
+            host->answer(i, SUCCESS, 0, update);
+            host->answer(i, SUCCESS, 0, update);
         }
         ASSERT_TRUE(recorder.waitFor(before + scenario.reports.size(), kWaitMs));
-        ASSERT_TRUE(engine.waitForIdle(kWaitMs));
+        ASSERT_TRUE(idle());
 
         EXPECT_EQ(host->questions().size(), scenario.questions);
         EXPECT_EQ(recorder.count() - before, scenario.reports.size());
         for (const auto& expected : scenario.reports) {
-            const auto calls = recorder.forId(id + expected.first);
-            ASSERT_EQ(calls.size(), 1u) << "report " << expected.first;
-            EXPECT_EQ(calls[0].response.result, SUCCESS) << "report " << expected.first;
-            EXPECT_EQ(calls[0].response.openedRelays, expected.second)
-                << "report " << expected.first;
+            SCOPED_TRACE("report " + expected.first);
+            EXPECT_EQ(onlyReport(id + expected.first).result, SUCCESS);
+            EXPECT_EQ(onlyReport(id + expected.first).openedRelays, expected.second);
         }
         EXPECT_EQ(host->reportCount(), scenario.reports.size());
-        expectNothingLeft(engine);
+        expectNothingParked(engine);
     }
 }
 
-TEST(FaultsAsync, HostAnsweringEveryQuestionTwiceInlineGetsOneReportPerPhase) {
-    runTwiceAnswered(true);
-}
-
-TEST(FaultsAsync, HostAnsweringEveryQuestionTwiceLaterGetsOneReportPerPhase) {
-    runTwiceAnswered(false);
-}
+INSTANTIATE_TEST_SUITE_P(InlineOrLater, FaultsAsyncTwice, ::testing::Bool());
 
 }  // namespace
+}  // namespace testing
 }  // namespace auth_engine

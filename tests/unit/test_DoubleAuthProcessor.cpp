@@ -7,57 +7,43 @@
 #include <vector>
 
 #include "processors/DoubleAuthProcessor.h"
-#include "support/FakeDataProvider.h"
-#include "support/LogCapture.h"
-#include "support/TestClock.h"
+#include "support/ProcessorTest.h"
 
 namespace auth_engine {
 namespace {
 
-std::shared_ptr<UserData> person(const std::string& id, const std::string& scheduleRelay = "") {
-    auto user = std::make_shared<UserData>();
-    user->userId = id;
-    user->userType = 2;
+using namespace testing;  // NOLINT(google-build-using-namespace)
+
+std::shared_ptr<UserData> member(const std::string& id, const std::string& scheduleRelay = "") {
+    auto user = person(id, 2, scheduleRelay);
     user->ownerKind = 5;
-    user->scheduleRelay = scheduleRelay;
     return user;
 }
 
 AuthContext factor(OpenDoorType type, std::shared_ptr<UserData> user,
                    ReaderType reader = READER_TYPE_INTERNAL, const std::string& pendingId = "") {
-    AuthContext context;
-    context.request.openType = type;
+    AuthContext context = presenting(type, "cred-" + std::to_string(type));
     context.request.readerType = reader;
-    context.request.credential = "cred-" + std::to_string(type);
     context.request.doubleAuthPendingId = pendingId;
     context.userData = std::move(user);
     return context;
 }
 
-class DoubleAuthProcessorTest : public ::testing::Test {
+class DoubleAuthProcessorTest : public ProcessorTest<processors::DoubleAuthProcessor> {
 protected:
     DoubleAuthProcessorTest() {
         provider.config.doubleAuthEnabled = true;
         provider.config.doubleAuthMode = DOUBLE_AUTH_MODE_CARD_PIN;
-    }
-    AuthResult run(AuthContext& context) { return processor.process(context, provider); }
-    // Runs a factor and answers the fail code, or -1 when the chain goes on.
-    int failCodeOf(AuthContext context) {
-        return run(context) == CONTINUE ? -1 : context.response.failCode;
     }
     std::string holdCard(const std::shared_ptr<UserData>& user) {
         AuthContext card = factor(OPEN_TYPE_CARD, user);
         EXPECT_EQ(run(card), DOUBLE_AUTH_PENDING);
         return card.response.doubleAuthPendingId;
     }
-
-    testing::TestClock clock;
-    testing::FakeDataProvider provider;
-    processors::DoubleAuthProcessor processor;
 };
 
 TEST_F(DoubleAuthProcessorTest, PassesWhatDoubleAuthenticationDoesNotConcern) {
-    auto alice = person("alice");
+    auto alice = member("alice");
     EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_PUBLIC_PIN, alice)), -1);
     EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_BLE, alice)), -1);
     AuthContext qr = factor(OPEN_TYPE_CARD, alice);
@@ -85,7 +71,7 @@ TEST_F(DoubleAuthProcessorTest, EveryModeHoldsItsFirstFactorAndCompletesWithTheS
                              Pair{DOUBLE_AUTH_MODE_PIN_CARD, OPEN_TYPE_PIN_5, OPEN_TYPE_CARD_8, 1},
                              Pair{DOUBLE_AUTH_MODE_CARD_PIN, OPEN_TYPE_CARD, OPEN_TYPE_PIN_7, 4}}) {
         provider.config.doubleAuthMode = pair.mode;
-        auto alice = person("alice");
+        auto alice = member("alice");
         AuthContext first = factor(pair.first, alice, READER_TYPE_EXTERNAL_1);
         first.request.direction = RELAY_DIRECTION_OUT;
         ASSERT_EQ(run(first), DOUBLE_AUTH_PENDING) << pair.mode;
@@ -98,7 +84,7 @@ TEST_F(DoubleAuthProcessorTest, EveryModeHoldsItsFirstFactorAndCompletesWithTheS
 
         clock.advance(59);
         // The lookup made its own copy of the same person for the second credential.
-        AuthContext second = factor(pair.second, person("alice"), READER_TYPE_INTERNAL);
+        AuthContext second = factor(pair.second, member("alice"), READER_TYPE_INTERNAL);
         ASSERT_EQ(run(second), CONTINUE) << pair.mode;
         EXPECT_EQ(second.userData, alice);
         EXPECT_EQ(second.response.user, alice);
@@ -110,16 +96,15 @@ TEST_F(DoubleAuthProcessorTest, EveryModeHoldsItsFirstFactorAndCompletesWithTheS
     }
 
     provider.readerPriority = {READER_TYPE_INTERNAL, READER_TYPE_EXTERNAL_2};
-    AuthContext card = factor(OPEN_TYPE_CARD, person("bob"), READER_TYPE_EXTERNAL_2);
+    AuthContext card = factor(OPEN_TYPE_CARD, member("bob"), READER_TYPE_EXTERNAL_2);
     ASSERT_EQ(run(card), DOUBLE_AUTH_PENDING);
-    AuthContext pin = factor(OPEN_TYPE_PIN, person("bob"), READER_TYPE_INTERNAL);
+    AuthContext pin = factor(OPEN_TYPE_PIN, member("bob"), READER_TYPE_INTERNAL);
     EXPECT_EQ(run(pin), CONTINUE);
     EXPECT_EQ(pin.request.readerType, READER_TYPE_INTERNAL);
 }
 
 TEST_F(DoubleAuthProcessorTest, RefusesWrongKindOtherUserAndMissingPending) {
-    testing::LogCapture log;
-    AuthContext lonePin = factor(OPEN_TYPE_PIN, person("alice"), READER_TYPE_EXTERNAL_2);
+    AuthContext lonePin = factor(OPEN_TYPE_PIN, member("alice"), READER_TYPE_EXTERNAL_2);
     EXPECT_EQ(run(lonePin), FAILED);
     EXPECT_EQ(lonePin.response.failCode, 40);
     EXPECT_EQ(lonePin.response.doubleAuthFirstType, OPEN_TYPE_CARD);
@@ -127,23 +112,23 @@ TEST_F(DoubleAuthProcessorTest, RefusesWrongKindOtherUserAndMissingPending) {
     EXPECT_TRUE(
         log.contains("second factor without pending, currentType=4, firstType=1, "
                      "nextType=4, pendingId=, result=FAILED"));
-    EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_FACE, person("alice"))), 40);
+    EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_FACE, member("alice"))), 40);
     EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_CARD, nullptr)), 41);
     EXPECT_EQ(processor.pendingCount(), 0u);
 
     // Another person's PIN, a PIN of nobody and a user without an id all use up the wait.
-    for (const auto& other : {person("mallory"), std::shared_ptr<UserData>(), person("")}) {
-        holdCard(person("alice"));
+    for (const auto& other : {member("mallory"), std::shared_ptr<UserData>(), member("")}) {
+        holdCard(member("alice"));
         EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_PIN, other)), 41);
         EXPECT_EQ(processor.pendingCount(), 0u);
     }
     // Two users without ids are matched by their kind and type numbers alone.
-    holdCard(person(""));
-    EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_PIN, person(""))), -1);
+    holdCard(member(""));
+    EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_PIN, member(""))), -1);
 }
 
 TEST_F(DoubleAuthProcessorTest, ExplicitIdsReplacementAndLazyExpiry) {
-    auto alice = person("alice");
+    auto alice = member("alice");
     EXPECT_EQ(holdCard(alice), "double-1");
     EXPECT_EQ(holdCard(alice), "double-2");
     EXPECT_EQ(processor.pendingCount(), 1u);
@@ -165,7 +150,7 @@ TEST_F(DoubleAuthProcessorTest, ExplicitIdsReplacementAndLazyExpiry) {
 }
 
 TEST_F(DoubleAuthProcessorTest, TimeoutAndCancelEndTheWait) {
-    const std::string first = holdCard(person("alice", "3-1,2;4-2,SA;junk;5-"));
+    const std::string first = holdCard(member("alice", "3-1,2;4-2,SA;junk;5-"));
     const AuthResponse timedOut = processor.handleTimeout(first);
     EXPECT_EQ(timedOut.result, FAILED);
     EXPECT_EQ(timedOut.failCode, 19);
@@ -173,7 +158,7 @@ TEST_F(DoubleAuthProcessorTest, TimeoutAndCancelEndTheWait) {
     EXPECT_EQ(timedOut.doubleAuthUserText2, "alice");
     EXPECT_EQ(processor.handleTimeout(first).failCode, 42);
 
-    const std::string second = holdCard(person("alice"));
+    const std::string second = holdCard(member("alice"));
     EXPECT_EQ(processor.cancel("double-9", "left").doubleAuthPendingId, "double-9");
     const AuthResponse cancelled = processor.cancel(second, "user walked away");
     EXPECT_EQ(cancelled.result, FAILED);
@@ -181,7 +166,7 @@ TEST_F(DoubleAuthProcessorTest, TimeoutAndCancelEndTheWait) {
     EXPECT_EQ(cancelled.reason, "user walked away");
     EXPECT_EQ(processor.cancel(second, "again").failCode, 42);
 
-    holdCard(person("alice"));
+    holdCard(member("alice"));
     processor.reset();
     EXPECT_EQ(processor.pendingCount(), 0u);
 }
@@ -191,7 +176,7 @@ TEST_F(DoubleAuthProcessorTest, ConcurrentHostThreadsKeepEveryIdAndTheLastWait) 
     std::vector<std::string> ids[2];
     std::vector<std::pair<AuthResult, int>> seconds[2];
     auto presenter = [&](int slot) {
-        auto user = person(slot == 0 ? "alice" : "bob");
+        auto user = member(slot == 0 ? "alice" : "bob");
         for (int i = 0; i < rounds; ++i) {
             AuthContext card = factor(OPEN_TYPE_CARD, user);
             if (run(card) != DOUBLE_AUTH_PENDING) {

@@ -1,131 +1,76 @@
-#include <gtest/gtest.h>
+// The worker thread, its queues, the timeouts of parked chains and the reset.
+#include <thread>
 
-#include <condition_variable>
-#include <memory>
-#include <mutex>
-#include <set>
-#include <string>
-#include <vector>
-
-#include "engine/AuthEngine.h"
-#include "support/CallbackRecorder.h"
-#include "support/FakeDataProvider.h"
-#include "support/TestClock.h"
+#include "support/EngineHarness.h"
 
 namespace auth_engine {
+namespace testing {
 namespace {
 
-using testing::CallbackRecorder;
-using testing::FakeDataProvider;
-
-// "block" holds the worker until released; "park" waits for a host answer once and then returns
-// it; anything else is ignored (called back at once, no post-sync).
-class Worker : public IAuthProcessor {
-public:
-    AuthResult process(AuthContext& context, IDataProvider&) override {
-        const std::string& credential = context.request.credential;
-        if (credential == "block") {
-            std::unique_lock<std::mutex> lock(mutex);
-            entered = true;
-            changed.notify_all();
-            changed.wait(lock, [&] { return released; });
-        } else if (credential == "park") {
-            return context.pendingProcessor.empty() ? ASYNC_PENDING : context.response.result;
-        }
-        return IGNORED;
-    }
-    std::string getName() const override { return "Worker"; }
-    void waitEntered() {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return entered; });
-    }
-    void release() {
-        std::lock_guard<std::mutex> lock(mutex);
-        released = true;
-        changed.notify_all();
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool entered = false;
-    bool released = false;
-};
-
-class EngineAsyncWorker : public ::testing::Test {
+// The credential picks the behaviour: "block" holds the worker until the latch opens, "hold" until
+// the engine is reset, "park" waits for a host answer once (onAsk runs first); anything else is
+// ignored (called back at once, no post-sync).
+class EngineAsyncWorker : public EngineTest {
 protected:
     void SetUp() override {
-        ASSERT_EQ(engine.init(std::make_shared<FakeDataProvider>()), 0);
-        engine.registerProcessor(worker);
-        engine.setProcessorChain({"Worker"});
+        EngineTest::SetUp();
+        wire();
     }
-    void TearDown() override { worker->release(); }
-    std::string submit(const std::string& credential) {
-        AuthRequest request;
-        request.credential = credential;
-        return engine.authenticateAsync(request, recorder.callback());
+    void wire() {
+        use("Probe", [this](AuthContext& context) {
+            const std::string& credential = context.request.credential;
+            if (credential == "block") {
+                latch.pass();
+            } else if (credential == "hold") {
+                latch.passWhile([this] { return engine.isReady(); });
+            } else if (credential == "park") {
+                if (context.pendingProcessor.empty() && onAsk) {
+                    onAsk(context);
+                }
+                return askOnce(context);
+            }
+            return IGNORED;
+        });
     }
-    std::vector<std::string> calledIds() {
-        std::vector<std::string> ids;
-        for (const auto& call : recorder.all()) {
-            ids.push_back(call.requestId);
-        }
-        return ids;
+    void TearDown() override {
+        latch.open();
+        EngineTest::TearDown();
+    }
+    std::string submitAs(const std::string& credential) { return submit(makeRequest(credential)); }
+    AuthResult park(const std::string& id, OpenDoorType openType = OPEN_TYPE_NONE) {
+        return run(id, makeRequest("park", openType)).result;
     }
 
-    // The recorder outlives the engine, whose worker may still be inside a callback.
-    CallbackRecorder recorder;
-    std::shared_ptr<Worker> worker = std::make_shared<Worker>();
-    AuthEngine engine;
+    Latch latch;
+    std::function<void(AuthContext&)> onAsk;
 };
 
-TEST_F(EngineAsyncWorker, QueueHoldsAHundredAndRunsThemInOrder) {
-    std::vector<std::string> ids = {submit("block")};
-    worker->waitEntered();
-    for (int i = 0; i < 100; ++i) {
-        ids.push_back(submit("n"));
-        ASSERT_FALSE(ids.back().empty()) << i;
-    }
-    EXPECT_EQ(submit("n"), "");  // the 101st waiting submission is refused
-    worker->release();
-    ASSERT_TRUE(recorder.waitFor(101));
-    ASSERT_TRUE(engine.waitForIdle(5000));
-    EXPECT_EQ(calledIds(), ids);  // FIFO, each id once, the id the caller was given
-    EXPECT_EQ(std::set<std::string>(ids.begin(), ids.end()).size(), ids.size());
-    ids.push_back(submit("n"));
-    ASSERT_TRUE(recorder.waitFor(102));
-    EXPECT_EQ(recorder.at(101).requestId, ids.back());
-}
-
 TEST_F(EngineAsyncWorker, ResumesGoBeforeNewSubmissions) {
-    const std::string parked = submit("park");
-    ASSERT_TRUE(engine.waitForIdle(5000));
+    const std::string parked = submitAs("park");
+    ASSERT_TRUE(idle());
     ASSERT_EQ(engine.parkedChainCount(), 1u);
-    const std::string blocker = submit("block");
-    worker->waitEntered();
-    const std::string later = submit("n");
-    AuthResponse answer;
-    answer.result = SUCCESS;
-    engine.handleAsyncResponse(parked, SUCCESS, answer, AuthContext());
-    worker->release();
+    const std::string blocker = submitAs("block");
+    latch.waitEntered();
+    const std::string later = submitAs("n");
+    engine.handleAsyncResponse(parked, SUCCESS, responseOf(SUCCESS), AuthContext());
+    latch.open();
     ASSERT_TRUE(recorder.waitFor(3));
-    EXPECT_EQ(calledIds(), (std::vector<std::string>{blocker, parked, later}));
+    EXPECT_EQ(calledIds(), (Relays{blocker, parked, later}));
     EXPECT_EQ(recorder.at(1).response.result, SUCCESS);
 }
 
 TEST_F(EngineAsyncWorker, SubmissionsBeforeInitAndAfterResetAreRefused) {
-    AuthEngine idle;
-    EXPECT_EQ(idle.authenticateAsync(AuthRequest(), recorder.callback()), "");
-    EXPECT_TRUE(idle.waitForIdle(0));  // no worker: idle at once
+    AuthEngine idleEngine;
+    EXPECT_EQ(idleEngine.authenticateAsync(AuthRequest(), recorder.callback()), "");
+    EXPECT_TRUE(idleEngine.waitForIdle(0));  // no worker: idle at once
     engine.reset();
-    EXPECT_EQ(submit("n"), "");
+    EXPECT_EQ(submitAs("n"), "");
     EXPECT_EQ(recorder.count(), 0u);
 }
 
 TEST_F(EngineAsyncWorker, TimeoutSweepRunsWithoutTraffic) {
-    testing::TestClock clock;
-    const std::string parked = submit("park");
-    ASSERT_TRUE(engine.waitForIdle(5000));
+    const std::string parked = submitAs("park");
+    ASSERT_TRUE(idle());
     ASSERT_EQ(engine.parkedChainCount(), 1u);
     clock.advance(31);
     ASSERT_TRUE(recorder.waitFor(1));  // the worker's one-second wake-up finds it
@@ -133,5 +78,85 @@ TEST_F(EngineAsyncWorker, TimeoutSweepRunsWithoutTraffic) {
     EXPECT_EQ(recorder.at(0).response.reason, "Async request timeout");
 }
 
+TEST_F(EngineAsyncWorker, ParkedChainsTimeOutStrictlyAfterTheirLimit) {
+    onAsk = [&](AuthContext& context) {
+        context.antiPassbackResults["1"].relay = "1";
+        context.antiPassbackPending = 1;
+        context.response.openedRelays = {"1"};
+        engine.registerSubRequest(context.requestId + "_ap_1", context.requestId);
+    };
+    ASSERT_EQ(park("plain"), ASYNC_PENDING);
+    ASSERT_EQ(park("key", OPEN_TYPE_TEMP_KEY), ASYNC_PENDING);  // waits tempKeyTimeout (3 s)
+    const auto sweepAfter = [&](int64_t seconds) {
+        clock.advance(seconds);
+        engine.checkTimeoutRequests();
+    };
+    sweepAfter(3);
+    EXPECT_EQ(engine.parkedChainCount(), 2u);
+    sweepAfter(1);
+    ASSERT_EQ(recorder.count(), 1u);
+    EXPECT_EQ(recorder.at(0).requestId, "key");
+    EXPECT_EQ(recorder.at(0).response.failCode, 24);
+
+    sweepAfter(26);  // exactly 30 s
+    EXPECT_EQ(engine.parkedChainCount(), 1u);
+    sweepAfter(1);
+    ASSERT_EQ(recorder.count(), 2u);
+    const auto timedOut = recorder.at(1);
+    EXPECT_EQ(timedOut.requestId, "plain");
+    expectFailed(timedOut.response, 0, "Async request timeout");
+    EXPECT_TRUE(timedOut.context.antiPassbackResults.at("1").answered);
+    EXPECT_EQ(timedOut.context.antiPassbackResults.at("1").status, FAILED);
+    EXPECT_EQ(host->reportCount(), 2u);
+    expectNothingParked(engine);
+}
+
+TEST_F(EngineAsyncWorker, SweepSkipsARequestWhileItsChainRuns) {
+    onAsk = [&](AuthContext&) {
+        clock.advance(100);
+        engine.checkTimeoutRequests();
+    };
+    ASSERT_EQ(park("r1"), ASYNC_PENDING);
+    EXPECT_EQ(engine.parkedChainCount(), 1u);  // parked afresh, not failed
+    EXPECT_EQ(recorder.count(), 0u);
+}
+
+TEST_F(EngineAsyncWorker, ResetFailsQueuedWorkDropsParkedChainsAndLateAnswers) {
+    const std::string parked = submitAs("park");
+    ASSERT_TRUE(idle());
+    ASSERT_EQ(engine.parkedChainCount(), 1u);
+    const AuthCallback lateAnswer = engine.makeAnswerCallback(parked);
+    const std::string blocker = submitAs("hold");
+    latch.waitEntered();
+    const Relays queued = {submitAs("n"), submitAs("n")};
+    std::thread([&] { engine.reset(); }).join();
+
+    ASSERT_EQ(recorder.count(), 3u);  // the parked chain vanishes silently
+    EXPECT_EQ(recorder.at(0).requestId, blocker);
+    for (std::size_t i : {1u, 2u}) {
+        const auto call = recorder.at(i);
+        EXPECT_EQ(call.requestId, queued[i - 1]);
+        expectFailed(call.response, 0, "Engine shutdown");
+        EXPECT_TRUE(call.context.requestId.empty());
+    }
+    EXPECT_EQ(engine.parkedChainCount(), 0u);
+    lateAnswer("", responseOf(SUCCESS), AuthContext());
+    EXPECT_EQ(submitAs("n"), "");
+
+    // A new run reuses the id of the old parked request; the old answer must not reach it.
+    ASSERT_TRUE(start());
+    wire();
+    ASSERT_EQ(submitAs("park"), parked);
+    ASSERT_TRUE(idle());
+    lateAnswer("", responseOf(SUCCESS), AuthContext());
+    ASSERT_TRUE(idle());
+    EXPECT_EQ(engine.parkedChainCount(), 1u);
+    engine.makeAnswerCallback(parked)("", responseOf(SUCCESS), AuthContext());
+    ASSERT_TRUE(recorder.waitFor(4));
+    EXPECT_EQ(recorder.at(3).requestId, parked);
+    EXPECT_EQ(recorder.at(3).response.result, SUCCESS);
+}
+
 }  // namespace
+}  // namespace testing
 }  // namespace auth_engine

@@ -2,27 +2,21 @@
 // texts written without strftime/snprintf, and a chain that parks while a reset runs.
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
-#include "engine/AuthEngine.h"
 #include "processors/HolidayCheckProcessor.h"
 #include "processors/TimeCheckProcessor.h"
-#include "support/CallbackRecorder.h"
-#include "support/FakeDataProvider.h"
+#include "support/EngineHarness.h"
 #include "support/LogCapture.h"
-#include "support/TestClock.h"
 
 namespace auth_engine {
 namespace {
 
-using testing::CallbackRecorder;
 using testing::FakeDataProvider;
+using testing::Latch;
 using testing::LogCapture;
 using testing::TestClock;
 
@@ -75,25 +69,16 @@ TEST(FastPathsAndReset, CalendarTextsKeepTheirPadding) {
     EXPECT_TRUE(check.isInDailyTime("00:00:00", "00:00:00", TestClock::utc(2025, 1, 5)));
     EXPECT_TRUE(
         check.isInDailyTime("23:59:59", "23:59:59", TestClock::utc(2025, 1, 5, 23, 59, 59)));
-    ScheduleData schedule;
-    schedule.type = 3;
-    schedule.startTime = "09:05:07";
-    schedule.endTime = "09:05:07";
-    schedule.weekly = "0";  // 2025-01-05 is a Sunday
-    schedule.startDate = "2025-01-05";
-    schedule.endDate = "2025-01-05";
+    // 2025-01-05 is a Sunday (weekly "0").
+    const ScheduleData schedule{
+        0, 3, "", "", "09:05:07", "09:05:07", "2025-01-05", "2025-01-05", "0", "", false};
     EXPECT_TRUE(check.isScheduleValid(schedule, now));
     EXPECT_FALSE(check.isScheduleValid(schedule, now + 1));
 
     // A holiday of exactly today, with one-digit month and day, and its access hours to the second.
     FakeDataProvider host;
     host.config.holidayEnabled = true;
-    HolidayData holiday;
-    holiday.type = 1;
-    holiday.startDate = "2025-01-05";
-    holiday.endDate = "2025-01-05";
-    holiday.timeRange = "09:05:07-09:05:07";
-    host.holidays = {holiday};
+    host.holidays = {HolidayData{0, 0, 1, "09:05:07-09:05:07", "", "", "2025-01-05", "2025-01-05"}};
     processors::HolidayCheckProcessor holidays;
     const auto decide = [&] {
         AuthContext context;
@@ -108,74 +93,51 @@ TEST(FastPathsAndReset, CalendarTextsKeepTheirPadding) {
     EXPECT_EQ(decide(), CONTINUE);  // the next day
 }
 
-// Holds the chain inside its first processor until released, then parks the request.
-class HeldProcessor : public IAuthProcessor {
-public:
-    AuthResult process(AuthContext&, IDataProvider&) override {
-        std::unique_lock<std::mutex> lock(mutex);
-        entered = true;
-        changed.notify_all();
-        changed.wait(lock, [&] { return released; });
-        return ASYNC_PENDING;
-    }
-    std::string getName() const override { return "Held"; }
-    void waitEntered() {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return entered; });
-        entered = false;
-    }
-    void release() {
-        std::lock_guard<std::mutex> lock(mutex);
-        released = true;
-        changed.notify_all();
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool entered = false;
-    bool released = false;
-};
-
 TEST(FastPathsAndReset, ChainThatParksAfterAResetIsDroppedWithIt) {
-    CallbackRecorder recorder;
-    AuthEngine engine;
-    ASSERT_EQ(engine.init(std::make_shared<FakeDataProvider>()), 0);
-    auto held = std::make_shared<HeldProcessor>();
-    engine.registerProcessor(held);
-    engine.setProcessorChain({"Held"});
-
+    Latch held;
+    testing::EngineHarness h;
+    ASSERT_TRUE(h.start());
+    // "late" waits at the latch, "inside" resets the engine from another thread mid-chain.
+    const auto wire = [&] {
+        h.use("Held", [&](AuthContext& context) {
+            if (context.request.credential == "late") {
+                held.pass();
+            } else if (context.request.credential == "inside") {
+                std::thread([&] { h.engine.reset(); }).join();
+            }
+            return testing::askOnce(context);
+        });
+    };
+    wire();
     // Without a reset the request parks.
-    held->release();
-    EXPECT_EQ(engine.authenticate(AuthRequest(), recorder.callback(), "first").result,
-              ASYNC_PENDING);
-    EXPECT_EQ(engine.parkedChainCount(), 1u);
+    EXPECT_EQ(h.run("first").result, ASYNC_PENDING);
+    EXPECT_EQ(h.engine.parkedChainCount(), 1u);
 
-    held = std::make_shared<HeldProcessor>();
-    engine.registerProcessor(held);
-    engine.setProcessorChain({"Held"});
     AuthResponse late;
-    std::thread attempt(
-        [&] { late = engine.authenticate(AuthRequest(), recorder.callback(), "late"); });
-    held->waitEntered();
-    engine.reset();  // sweeps the parked "first" while "late" is still deciding
-    EXPECT_EQ(engine.parkedChainCount(), 0u);
-    held->release();
+    std::thread attempt([&] { late = h.run("late", testing::makeRequest("late")); });
+    held.waitEntered();
+    h.engine.reset();  // sweeps the parked "first" while "late" is still deciding
+    EXPECT_EQ(h.engine.parkedChainCount(), 0u);
+    held.open();
     attempt.join();
-
     EXPECT_EQ(late.result, ASYNC_PENDING);
-    EXPECT_EQ(engine.parkedChainCount(), 0u);
-    EXPECT_EQ(engine.subRequestCount(), 0u);
-    EXPECT_EQ(recorder.count(), 0u);  // parked chains end silently on reset
+    testing::expectNothingParked(h.engine);
+
+    // Nothing can answer or time out a chain parked after the reset: it must not stay behind to
+    // surface in a later run.
+    ASSERT_TRUE(h.start());
+    wire();
+    h.run("sync-1", testing::makeRequest("inside"));
+    EXPECT_EQ(h.engine.parkedChainCount(), 0u);
+    ASSERT_TRUE(h.start());
+    h.clock.advance(31);
+    h.engine.checkTimeoutRequests();
+    EXPECT_EQ(h.recorder.count(), 0u);  // parked chains end silently on reset
 
     // A new run parks again.
-    ASSERT_EQ(engine.init(std::make_shared<FakeDataProvider>()), 0);
-    held = std::make_shared<HeldProcessor>();
-    held->release();
-    engine.registerProcessor(held);
-    engine.setProcessorChain({"Held"});
-    engine.authenticate(AuthRequest(), recorder.callback(), "again");
-    EXPECT_EQ(engine.parkedChainCount(), 1u);
+    wire();
+    h.run("again");
+    EXPECT_EQ(h.engine.parkedChainCount(), 1u);
 }
 
 }  // namespace

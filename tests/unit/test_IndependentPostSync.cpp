@@ -1,41 +1,12 @@
 // The split after the chain: what is reported at once, what is failed, what is offered for a
 // choice.
-#include <gtest/gtest.h>
-
-#include <memory>
-
-#include "engine/AuthEngine.h"
-#include "support/CallbackRecorder.h"
-#include "support/FakeDataProvider.h"
-#include "support/TestClock.h"
+#include "support/EngineHarness.h"
 
 namespace auth_engine {
+namespace testing {
 namespace {
 
-using Relays = std::vector<std::string>;
 using Targets = std::vector<std::pair<int, std::string>>;
-
-// Stands in for the policy chain: hands the post-sync phase a prepared verdict.
-class Probe : public IAuthProcessor {
-public:
-    AuthResult process(AuthContext& context, IDataProvider& /*provider*/) override {
-        context.userData = user;
-        context.relays = relays;
-        context.failedRelays = failedRelays;
-        context.relayFailReasons = reasons;
-        context.deniedRelays = deniedRelays;
-        context.response.failedRelays = responseFailed;
-        context.authTargets.insert(context.authTargets.end(), targets.begin(), targets.end());
-        return result;
-    }
-    std::string getName() const override { return "Probe"; }
-
-    std::shared_ptr<UserData> user = std::make_shared<UserData>();
-    Relays relays, failedRelays, deniedRelays, responseFailed;
-    std::map<std::string, std::string> reasons;
-    std::vector<AuthTarget> targets;
-    AuthResult result = CONTINUE;
-};
 
 Targets targetsOf(const AuthResponse& response) {
     Targets out;
@@ -45,35 +16,41 @@ Targets targetsOf(const AuthResponse& response) {
     return out;
 }
 
-class IndependentPostSync : public ::testing::Test {
+// The chain stands in for the policy chain: it hands the post-sync phase a prepared verdict.
+class IndependentPostSync : public EngineTest {
 protected:
     void SetUp() override {
         host->config.antiPassbackRelayMap = {{"1", 1}, {"2", 1}};
-        ASSERT_EQ(engine.init(host), 0);
-        engine.registerProcessor(probe);
-        engine.setProcessorChain({"Probe"});
+        EngineTest::SetUp();
+        use("Probe", [this](AuthContext& context) {
+            context.userData = user;
+            context.relays = relays;
+            context.failedRelays = failedRelays;
+            context.relayFailReasons = reasons;
+            context.deniedRelays = deniedRelays;
+            context.response.failedRelays = responseFailed;
+            context.authTargets.insert(context.authTargets.end(), targets.begin(), targets.end());
+            return result;
+        });
     }
-    void configure(const std::function<void(AuthConfig&)>& change) {
-        const auto lock = host->lock();
-        change(host->config);
+    void configureConfig(const std::function<void(AuthConfig&)>& change) {
+        configure([&](FakeDataProvider& fake) { change(fake.config); });
     }
-    AuthResponse run(const std::string& id = "r1") {
-        return engine.authenticate(AuthRequest(), recorder.callback(), id);
-    }
+    AuthResponse runAs(const std::string& id = "r1") { return run(id); }
 
-    testing::TestClock clock;
-    testing::CallbackRecorder recorder;
-    std::shared_ptr<testing::FakeDataProvider> host = std::make_shared<testing::FakeDataProvider>();
-    std::shared_ptr<Probe> probe = std::make_shared<Probe>();
-    AuthEngine engine;
+    std::shared_ptr<UserData> user = std::make_shared<UserData>();
+    Relays relays, failedRelays, deniedRelays, responseFailed;
+    std::map<std::string, std::string> reasons;
+    std::vector<AuthTarget> targets;
+    AuthResult result = CONTINUE;
 };
 
 TEST_F(IndependentPostSync, PassedChainReportsOpenedAndRecordedFailures) {
-    probe->relays = {"4", "S1", "4"};
-    probe->failedRelays = {"1", "2", "3", "1"};
-    probe->reasons = {{"1", "TimeCheck"}, {"2", "VirtualDoor"}};  // "3" has no recorded reason
+    relays = {"4", "S1", "4"};
+    failedRelays = {"1", "2", "3", "1"};
+    reasons = {{"1", "TimeCheck"}, {"2", "VirtualDoor"}};  // "3" has no recorded reason
 
-    const AuthResponse response = run();
+    const AuthResponse response = runAs();
     EXPECT_EQ(response.result, SUCCESS);
     EXPECT_EQ(response.openedRelays, (Relays{"4", "S1"}));
     EXPECT_EQ(response.failedRelays, (Relays{"1"}));
@@ -84,19 +61,19 @@ TEST_F(IndependentPostSync, PassedChainReportsOpenedAndRecordedFailures) {
     EXPECT_EQ(host->reportCount(), 1u);
 
     // Only failures, nothing opened: the report fails even though the chain passed.
-    probe->relays = {};
-    EXPECT_EQ(run().result, FAILED);
+    relays = {};
+    EXPECT_EQ(runAs().result, FAILED);
 }
 
 TEST_F(IndependentPostSync, FailedChainFailsEveryRelayWithoutTargets) {
-    probe->result = FAILED;
-    probe->relays = {"1", "2"};
-    probe->failedRelays = {"3"};
-    probe->reasons = {{"3", "Holiday"}, {"1", "LockDown"}};
-    probe->user->userTargetId = "T9";
-    probe->targets = {{2, "T8"}};
+    result = FAILED;
+    relays = {"1", "2"};
+    failedRelays = {"3"};
+    reasons = {{"3", "Holiday"}, {"1", "LockDown"}};
+    user->userTargetId = "T9";
+    targets = {{2, "T8"}};
 
-    const AuthResponse response = run();
+    const AuthResponse response = runAs();
     EXPECT_EQ(response.result, FAILED);
     EXPECT_EQ(response.failedRelays, (Relays{"3", "1", "2"}));
     EXPECT_TRUE(response.openedRelays.empty());
@@ -106,13 +83,13 @@ TEST_F(IndependentPostSync, FailedChainFailsEveryRelayWithoutTargets) {
     EXPECT_EQ(reported.relayFailReasons.at("2"), "AuthFailed");
 
     // With no relay of its own, the failure falls back on the response's list, then on the denied.
-    probe->relays = {};
-    probe->failedRelays = {};
-    probe->deniedRelays = {"7"};
-    probe->responseFailed = {"6"};
-    EXPECT_EQ(run().failedRelays, (Relays{"6"}));
-    probe->responseFailed = {};
-    EXPECT_EQ(run().failedRelays, (Relays{"7"}));
+    relays = {};
+    failedRelays = {};
+    deniedRelays = {"7"};
+    responseFailed = {"6"};
+    EXPECT_EQ(runAs().failedRelays, (Relays{"6"}));
+    responseFailed = {};
+    EXPECT_EQ(runAs().failedRelays, (Relays{"7"}));
 }
 
 TEST_F(IndependentPostSync, TargetsKeepKindsAndAreAddedOnce) {
@@ -135,14 +112,14 @@ TEST_F(IndependentPostSync, TargetsKeepKindsAndAreAddedOnce) {
 }
 
 TEST_F(IndependentPostSync, SeveralRelaysAreOfferedForAChoiceOneOpensAtOnce) {
-    configure([](AuthConfig& config) { config.unlockOptionsEnabled = true; });
-    probe->relays = {"1"};
-    EXPECT_EQ(run().result, SUCCESS);
+    configureConfig([](AuthConfig& config) { config.unlockOptionsEnabled = true; });
+    relays = {"1"};
+    EXPECT_EQ(runAs().result, SUCCESS);
 
-    probe->relays = {"1", "2"};
-    probe->failedRelays = {"3"};
-    probe->reasons = {{"3", "TimeCheck"}};
-    const AuthResponse offer = run();
+    relays = {"1", "2"};
+    failedRelays = {"3"};
+    reasons = {{"3", "TimeCheck"}};
+    const AuthResponse offer = runAs();
     EXPECT_EQ(static_cast<int>(offer.result), UNLOCK_OPTIONS_PENDING);
     EXPECT_EQ(offer.unlockOptionsRelays, (Relays{"1", "2"}));
     EXPECT_EQ(offer.unlockOptionsId, "r1_ind_unlock_options");
@@ -158,7 +135,7 @@ TEST_F(IndependentPostSync, SeveralRelaysAreOfferedForAChoiceOneOpensAtOnce) {
     EXPECT_TRUE(parked.context.response.failedRelays.empty());
 
     // A request without id gets one of its own for the choice; the offer keeps the empty id.
-    const AuthResponse anonymous = run("");
+    const AuthResponse anonymous = runAs("");
     EXPECT_EQ(recorder.at(2).requestId, "");
     EXPECT_EQ(anonymous.unlockOptionsId.rfind("req_", 0), 0u);
     EXPECT_TRUE(engine.peekParkedPhase(anonymous.unlockOptionsId, parked));
@@ -166,25 +143,25 @@ TEST_F(IndependentPostSync, SeveralRelaysAreOfferedForAChoiceOneOpensAtOnce) {
 }
 
 TEST_F(IndependentPostSync, PassWithNothingToOpenIsStillReportedOnce) {
-    EXPECT_EQ(run().result, SUCCESS);
+    EXPECT_EQ(runAs().result, SUCCESS);
     ASSERT_EQ(recorder.count(), 1u);
     EXPECT_TRUE(recorder.at(0).response.openedRelays.empty());
 
-    const std::string id = engine.authenticateAsync(AuthRequest(), recorder.callback());
+    const std::string id = submit(AuthRequest());
     ASSERT_TRUE(recorder.waitFor(2));
-    ASSERT_TRUE(engine.waitForIdle(5000));
+    ASSERT_TRUE(idle());
     EXPECT_EQ(recorder.count(), 2u);
     EXPECT_EQ(recorder.at(1).requestId, id);
     EXPECT_EQ(recorder.at(1).response.result, SUCCESS);
 }
 
 TEST_F(IndependentPostSync, NonRelayGrantIsReportedWhileRelaysAreHeldBack) {
-    configure([](AuthConfig& config) { config.antiPassbackEnabled = true; });
-    probe->user->userType = 1;
-    probe->user->userTargetId = "T1";
-    probe->relays = {"1"};
+    configureConfig([](AuthConfig& config) { config.antiPassbackEnabled = true; });
+    user->userType = 1;
+    user->userTargetId = "T1";
+    relays = {"1"};
 
-    const AuthResponse response = run();
+    const AuthResponse response = runAs();
     EXPECT_EQ(response.result, SUCCESS);
     EXPECT_TRUE(response.openedRelays.empty());
     EXPECT_EQ(targetsOf(response), (Targets{{2, "T1"}}));
@@ -197,29 +174,25 @@ TEST_F(IndependentPostSync, NonRelayGrantIsReportedWhileRelaysAreHeldBack) {
 }
 
 TEST_F(IndependentPostSync, SplitFollowsOpenTypeAndUserKind) {
-    configure([](AuthConfig& config) {
+    configureConfig([](AuthConfig& config) {
         config.antiPassbackEnabled = true;
         config.parkingRestrictionEnabled = true;
     });
-    probe->relays = {"1", "3"};
-    probe->user->userType = 3;  // not under anti-passback
-    EXPECT_EQ(run().openedRelays, (Relays{"1", "3"}));
+    relays = {"1", "3"};
+    user->userType = 3;  // not under anti-passback
+    EXPECT_EQ(runAs().openedRelays, (Relays{"1", "3"}));
 
-    probe->user->userType = 2;
-    AuthRequest remote;
-    remote.openType = OPEN_TYPE_REMOTE_CONTROL;
-    EXPECT_EQ(engine.authenticate(remote, recorder.callback(), "r2").openedRelays,
+    user->userType = 2;
+    EXPECT_EQ(run("r2", makeRequest("", OPEN_TYPE_REMOTE_CONTROL)).openedRelays,
               (Relays{"1", "3"}));
-    EXPECT_EQ(run("r3").openedRelays, (Relays{"3"}));  // relay 1 waits for anti-passback
+    EXPECT_EQ(runAs("r3").openedRelays, (Relays{"3"}));  // relay 1 waits for anti-passback
     EXPECT_EQ(engine.parkedPhaseCount(), 1u);
 
     // Parking restriction holds every relay of a plate user of kind 1.
-    AuthRequest plate;
-    plate.openType = OPEN_TYPE_LICENSE_PLATE;
-    probe->user = std::make_shared<UserData>();  // the parked phase still shares the old one
-    probe->user->userType = 1;
+    user = std::make_shared<UserData>();  // the parked phase still shares the old one
+    user->userType = 1;
     const std::size_t before = recorder.count();
-    engine.authenticate(plate, recorder.callback(), "r4");
+    run("r4", makeRequest("", OPEN_TYPE_LICENSE_PLATE));
     EXPECT_EQ(recorder.count(), before);
     AuthEngine::IndependentAsyncContext parked;
     ASSERT_TRUE(engine.peekParkedPhase("r4_ind_antipassback", parked));
@@ -230,4 +203,5 @@ TEST_F(IndependentPostSync, SplitFollowsOpenTypeAndUserKind) {
 }
 
 }  // namespace
+}  // namespace testing
 }  // namespace auth_engine

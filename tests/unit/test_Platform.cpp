@@ -30,38 +30,48 @@ using testing::TestClock;
 constexpr int64_t kLast32BitSecond = 2147483647;  // 2038-01-19 03:14:07 UTC
 
 // A card user who may open relays 1 and 2 under schedule 7.
-std::shared_ptr<FakeDataProvider> makeSite(const ScheduleData& schedule) {
-    auto host = std::make_shared<FakeDataProvider>();
-    UserData user;
-    user.userName = "Resident";
-    user.userId = "u1";
-    user.scheduleRelay = "7-1,2";
-    user.holidayKey = "u1";
-    host->users["card-1"] = user;
-    auto governing = std::make_shared<ScheduleData>(schedule);
-    governing->id = 7;
-    governing->scheduleId = "7";
-    host->schedules = {governing};
-    return host;
-}
+class Platform : public ::testing::Test {
+protected:
+    Platform() {
+        UserData user;
+        user.userName = "Resident";
+        user.userId = "u1";
+        user.scheduleRelay = "7-1,2";
+        user.holidayKey = "u1";
+        host->users["card-1"] = user;
+        governing->id = 7;
+        governing->scheduleId = "7";
+        governing->type = 1;
+        governing->startTime = "00:00:00";
+        governing->endTime = "23:59:59";
+        host->schedules = {governing};
+    }
+    // Presents the card at `when`.
+    AuthResponse cardAt(int64_t when) {
+        clock.setWall(when);
+        return engine.authenticate(card(), AuthCallback(), "");
+    }
+    // Lets `seconds` pass, then runs the timeout sweep.
+    void sweepAfter(int64_t seconds) {
+        clock.advance(seconds);
+        engine.checkTimeoutRequests();
+    }
+    static AuthRequest card() {
+        AuthRequest request;
+        request.openType = OPEN_TYPE_CARD;
+        request.credential = "card-1";
+        return request;
+    }
 
-ScheduleData allDay() {
-    ScheduleData schedule;
-    schedule.type = 1;
-    schedule.startTime = "00:00:00";
-    schedule.endTime = "23:59:59";
-    return schedule;
-}
-
-AuthRequest card() {
-    AuthRequest request;
-    request.openType = OPEN_TYPE_CARD;
-    request.credential = "card-1";
-    return request;
-}
-
-TEST(Platform, CalendarArithmeticReachesPast2038) {
     TestClock clock;
+    LogCapture log;
+    CallbackRecorder recorder;  // outlives the engine that calls it
+    std::shared_ptr<FakeDataProvider> host = std::make_shared<FakeDataProvider>();
+    std::shared_ptr<ScheduleData> governing = std::make_shared<ScheduleData>();
+    AuthEngine engine;
+};
+
+TEST_F(Platform, CalendarArithmeticReachesPast2038) {
     EXPECT_EQ(TestClock::utc(2038, 1, 19, 3, 14, 8), kLast32BitSecond + 1);
     EXPECT_EQ(TestClock::utc(2040, 1, 1), 2208988800LL);
     const time_t leapDay = static_cast<time_t>(TestClock::utc(2040, 2, 29, 10));
@@ -73,26 +83,16 @@ TEST(Platform, CalendarArithmeticReachesPast2038) {
     EXPECT_EQ(tm.tm_wday, 3);  // a Wednesday
 }
 
-TEST(Platform, UserValidityBoundsAfter2038) {
-    TestClock clock;
-    LogCapture log;
-    auto host = makeSite(allDay());
-    {
-        UserData& user = host->users["card-1"];
-        user.validTimeStart = kLast32BitSecond + 1;
-        user.validTimeEnd = TestClock::utc(2040, 1, 1);
-    }
-    AuthEngine engine;
+TEST_F(Platform, UserValidityBoundsAfter2038) {
+    host->users["card-1"].validTimeStart = kLast32BitSecond + 1;
+    host->users["card-1"].validTimeEnd = TestClock::utc(2040, 1, 1);
     ASSERT_EQ(engine.init(host), 0);
-
-    clock.setWall(kLast32BitSecond);
-    AuthResponse response = engine.authenticate(card(), AuthCallback(), "");
+    AuthResponse response = cardAt(kLast32BitSecond);
     EXPECT_EQ(response.result, FAILED);
     EXPECT_EQ(response.failCode, 22);
     EXPECT_EQ(response.reason, "User not yet valid");
 
-    clock.setWall(TestClock::utc(2039, 6, 15, 12));
-    response = engine.authenticate(card(), AuthCallback(), "");
+    response = cardAt(TestClock::utc(2039, 6, 15, 12));
     EXPECT_EQ(response.result, SUCCESS);
     EXPECT_EQ(response.openedRelays, (std::vector<std::string>{"1", "2"}));
     // 64-bit values reach the log intact (printf types must match on 32-bit targets).
@@ -100,28 +100,22 @@ TEST(Platform, UserValidityBoundsAfter2038) {
         log.contains("currentTime=2191752000, validTimeStart=2147483648, "
                      "validTimeEnd=2208988800"));
 
-    clock.setWall(TestClock::utc(2040, 1, 1, 0, 0, 1));
-    response = engine.authenticate(card(), AuthCallback(), "");
+    response = cardAt(TestClock::utc(2040, 1, 1, 0, 0, 1));
     EXPECT_EQ(response.result, FAILED);
     EXPECT_EQ(response.failCode, 22);
     EXPECT_EQ(response.reason, "User expired");
 }
 
-TEST(Platform, ScheduleDateRangeIn2039) {
-    TestClock clock;
-    ScheduleData march = allDay();
-    march.type = 3;
-    march.startTime = "08:00:00";
-    march.endTime = "18:00:00";
-    march.startDate = "2039-03-01";
-    march.endDate = "2039-03-31";
-    march.weekly = "2";  // Tuesdays only
-    AuthEngine engine;
-    auto host = makeSite(march);
+TEST_F(Platform, ScheduleDateRangeIn2039) {
+    governing->type = 3;
+    governing->startTime = "08:00:00";
+    governing->endTime = "18:00:00";
+    governing->startDate = "2039-03-01";
+    governing->endDate = "2039-03-31";
+    governing->weekly = "2";  // Tuesdays only
     ASSERT_EQ(engine.init(host), 0);
-
-    clock.setWall(TestClock::utc(2039, 3, 15, 12));  // a Tuesday inside the range
-    AuthResponse response = engine.authenticate(card(), AuthCallback(), "");
+    // A Tuesday inside the range.
+    const AuthResponse response = cardAt(TestClock::utc(2039, 3, 15, 12));
     EXPECT_EQ(response.result, SUCCESS);
     EXPECT_EQ(response.openedRelays, (std::vector<std::string>{"1", "2"}));
 
@@ -132,17 +126,14 @@ TEST(Platform, ScheduleDateRangeIn2039) {
         TestClock::utc(2040, 3, 13, 12),        // a Tuesday in March a year later
     };
     for (const int64_t when : refused) {
-        clock.setWall(when);
-        response = engine.authenticate(card(), AuthCallback(), "");
-        EXPECT_EQ(response.result, FAILED) << when;
-        EXPECT_EQ(response.failCode, 3) << when;
-        EXPECT_EQ(response.reason, "Not in scheduled time") << when;
+        const AuthResponse refusal = cardAt(when);
+        EXPECT_EQ(refusal.result, FAILED) << when;
+        EXPECT_EQ(refusal.failCode, 3) << when;
+        EXPECT_EQ(refusal.reason, "Not in scheduled time") << when;
     }
 }
 
-TEST(Platform, HolidaysIn2040) {
-    TestClock clock;
-    auto host = makeSite(allDay());
+TEST_F(Platform, HolidaysIn2040) {
     host->config.holidayEnabled = true;
     HolidayData leapDay;
     leapDay.startDate = "2040-02-29";
@@ -152,39 +143,32 @@ TEST(Platform, HolidaysIn2040) {
     christmas.startDate = "2030-12-25";
     christmas.endDate = "2030-12-26";
     host->holidays = {leapDay, christmas};
-    AuthEngine engine;
     ASSERT_EQ(engine.init(host), 0);
 
     for (const int64_t when : {TestClock::utc(2040, 2, 29, 10), TestClock::utc(2041, 12, 26, 23)}) {
-        clock.setWall(when);
-        const AuthResponse response = engine.authenticate(card(), AuthCallback(), "");
+        const AuthResponse response = cardAt(when);
         EXPECT_EQ(response.result, FAILED) << when;
         EXPECT_EQ(response.failCode, 2) << when;
         EXPECT_EQ(response.failedRelays, (std::vector<std::string>{"1", "2"})) << when;
     }
     for (const int64_t when : {TestClock::utc(2040, 2, 28, 23, 59, 59), TestClock::utc(2040, 3, 1),
                                TestClock::utc(2041, 12, 27)}) {
-        clock.setWall(when);
-        const AuthResponse response = engine.authenticate(card(), AuthCallback(), "");
-        EXPECT_EQ(response.result, SUCCESS) << when;
+        EXPECT_EQ(cardAt(when).result, SUCCESS) << when;
     }
 }
 
-TEST(Platform, TimeoutsAcrossThe32BitBoundary) {
+TEST_F(Platform, TimeoutsAcrossThe32BitBoundary) {
     // The wall clock crosses 2^31 while a chain is parked; the uptime is past 2^32 while a relay
     // phase waits.
-    TestClock clock(kLast32BitSecond - 1, 5000000000LL);
-    CallbackRecorder recorder;
-    auto host = makeSite(allDay());
+    clock.setWall(kLast32BitSecond - 1);
+    clock.setUptime(5000000000LL);
     host->tempKeyUsers["tk-1"] = host->users["card-1"];
     host->users["card-1"].userType = 1;
     host->config.antiPassbackEnabled = true;
     host->config.antiPassbackRelayMap = {{"1", RELAY_DIRECTION_IN}};
     host->config.antiPassbackTimeout = 30;
     host->config.tempKeyTimeout = 3;
-    AuthEngine engine;
     ASSERT_EQ(engine.init(host), 0);
-
     AuthRequest tempKey;
     tempKey.openType = OPEN_TYPE_TEMP_KEY;
     tempKey.credential = "tk-1";
@@ -194,22 +178,18 @@ TEST(Platform, TimeoutsAcrossThe32BitBoundary) {
     ASSERT_EQ(recorder.count(), 1u);
     ASSERT_EQ(engine.parkedPhaseCount(), 1u);
 
-    clock.advance(3);
-    engine.checkTimeoutRequests();
+    sweepAfter(3);
     EXPECT_EQ(engine.parkedChainCount(), 1u);
-    clock.advance(1);
-    engine.checkTimeoutRequests();
+    sweepAfter(1);
     EXPECT_EQ(engine.parkedChainCount(), 0u);
     ASSERT_EQ(recorder.forId("tk").size(), 1u);
     EXPECT_EQ(recorder.forId("tk")[0].response.reason, "Async request timeout");
     EXPECT_EQ(recorder.forId("tk")[0].response.failCode, 24);
     EXPECT_EQ(engine.parkedPhaseCount(), 1u);
 
-    clock.advance(25);  // 29 s after the phase started
-    engine.checkTimeoutRequests();
+    sweepAfter(25);  // 29 s after the phase started
     EXPECT_EQ(engine.parkedPhaseCount(), 1u);
-    clock.advance(1);
-    engine.checkTimeoutRequests();
+    sweepAfter(1);
     EXPECT_EQ(engine.parkedPhaseCount(), 0u);
     const auto phase = recorder.forId("ap_ind_antipassback");
     ASSERT_EQ(phase.size(), 1u);

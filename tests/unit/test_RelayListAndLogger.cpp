@@ -11,25 +11,21 @@ namespace {
 
 using Relays = std::vector<std::string>;
 
-TEST(ParseRelayString, ReadsDigitsAndSLetterPairs) {
+TEST(RelayList, ParseReadsDigitsAndSLetterPairsDropsTheRestAndJoinsBack) {
     EXPECT_EQ(parseRelayString("1,2,3"), (Relays{"1", "2", "3"}));
     EXPECT_EQ(parseRelayString("SA,1"), (Relays{"SA", "1"}));
     EXPECT_EQ(parseRelayString("12"), (Relays{"1", "2"}));
     EXPECT_EQ(parseRelayString(" 1 , SB ,2"), (Relays{"1", "SB", "2"}));
     EXPECT_EQ(parseRelayString("1,1"), (Relays{"1", "1"}));
-}
 
-TEST(ParseRelayString, DropsWhatIsNotARelay) {
     EXPECT_TRUE(parseRelayString("").empty());
     EXPECT_TRUE(parseRelayString("S").empty());
     EXPECT_EQ(parseRelayString("S1"), (Relays{"1"}));
     EXPECT_EQ(parseRelayString("sA,x;-9"), (Relays{"9"}));
     // Lower-case s, other letters and bytes above 127 are skipped without reading past the end.
-    EXPECT_EQ(parseRelayString(std::string("\xff" "S\xe9" "3", 4)), (Relays{"3"}));
-    EXPECT_EQ(parseRelayString(std::string("S\0A", 3)), Relays{});
-}
+    EXPECT_EQ(parseRelayString(std::string{'\xff', 'S', '\xe9', '3'}), (Relays{"3"}));
+    EXPECT_EQ(parseRelayString(std::string{'S', '\0', 'A'}), Relays{});
 
-TEST(JoinRelayVector, JoinsWithCommas) {
     EXPECT_EQ(joinRelayVector({"1", "SA"}), "1,SA");
     EXPECT_EQ(joinRelayVector({"7"}), "7");
     EXPECT_EQ(joinRelayVector({}), "");
@@ -43,7 +39,8 @@ TEST(AuthLogger, ResultTexts) {
     EXPECT_STREQ(AuthLogger::authResultToString(CONTINUE), "CONTINUE");
     EXPECT_STREQ(AuthLogger::authResultToString(IGNORED), "IGNORED");
     for (int value : {4, 5, 6, -1, 8, 1000}) {
-        EXPECT_STREQ(AuthLogger::authResultToString(static_cast<AuthResult>(value)), "UNKNOWN") << value;
+        EXPECT_STREQ(AuthLogger::authResultToString(static_cast<AuthResult>(value)), "UNKNOWN")
+            << value;
     }
 }
 
@@ -53,7 +50,8 @@ TEST(AuthLogger, BothLevelsFormatAtErrorPriorityWithNothingAdded) {
     AuthLogger::error("[Probe:%d] count=%zu", 7, static_cast<size_t>(3));
     const std::string hostText = "%s%n%d";  // host text is an argument, never the format
     AuthLogger::info("%s", hostText.c_str());
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"[Probe:42] user=alice", "[Probe:7] count=3", "%s%n%d"}));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{"[Probe:42] user=alice", "[Probe:7] count=3", "%s%n%d"}));
     EXPECT_EQ(log.priorities(), (std::vector<int>{LOG_ERR, LOG_ERR, LOG_ERR}));
     std::string longText(5000, 'x');
     AuthLogger::info("%s", longText.c_str());

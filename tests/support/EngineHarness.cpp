@@ -1,0 +1,179 @@
+#include "support/EngineHarness.h"
+
+#include <chrono>
+#include <thread>
+#include <utility>
+
+namespace auth_engine {
+namespace testing {
+
+ScriptedProcessor::ScriptedProcessor(std::string processorName, Fn decide)
+    : name(std::move(processorName)), fn(std::move(decide)) {}
+
+AuthResult ScriptedProcessor::process(AuthContext& context, IDataProvider& provider) {
+    ++calls;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        lastProvider = &provider;
+        contexts.push_back(context);
+    }
+    return fn ? fn(context) : CONTINUE;
+}
+
+std::vector<AuthContext> ScriptedProcessor::seen() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return contexts;
+}
+
+std::vector<AuthContext> ScriptedProcessor::resumed() {
+    std::vector<AuthContext> out;
+    for (const AuthContext& context : seen()) {
+        if (!context.pendingProcessor.empty()) {
+            out.push_back(context);
+        }
+    }
+    return out;
+}
+
+AuthResult askOnce(const AuthContext& context) {
+    return context.pendingProcessor.empty() ? ASYNC_PENDING : context.response.result;
+}
+
+void Latch::arrive() {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++entered;
+    }
+    changed.notify_all();
+}
+
+void Latch::pass() {
+    arrive();
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait(lock, [this] { return opened; });
+}
+
+void Latch::passWhile(const std::function<bool()>& hold) {
+    arrive();
+    while (hold()) {
+        std::this_thread::yield();
+    }
+}
+
+bool Latch::waitEntered(std::size_t count, int timeoutMs) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                            [&] { return entered >= count; });
+}
+
+void Latch::open() {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        opened = true;
+    }
+    changed.notify_all();
+}
+
+AuthRequest makeRequest(const std::string& credential, OpenDoorType type, ReaderType reader) {
+    AuthRequest request;
+    request.credential = credential;
+    request.openType = type;
+    request.readerType = reader;
+    return request;
+}
+
+AuthResponse responseOf(AuthResult result, int failCode, int remoteFailCode) {
+    AuthResponse response;
+    response.result = result;
+    response.failCode = failCode;
+    response.remoteFailCode = remoteFailCode;
+    return response;
+}
+
+AuthContext tempKeyAnswer(const std::string& key) {
+    AuthContext update;
+    update.tempKeyAuthData = std::make_shared<TempKeyAuthData>();
+    update.tempKeyAuthData->key = key;
+    return update;
+}
+
+void expectFailed(const AuthResponse& response, int failCode, const std::string& reason) {
+    EXPECT_EQ(response.result, FAILED);
+    EXPECT_EQ(response.failCode, failCode);
+    EXPECT_EQ(response.reason, reason);
+    EXPECT_TRUE(response.openedRelays.empty());
+    EXPECT_TRUE(response.targets.empty());
+}
+
+void expectRelays(const AuthResponse& response, const Relays& opened, const Relays& failed) {
+    EXPECT_EQ(response.openedRelays, opened);
+    EXPECT_EQ(response.failedRelays, failed);
+}
+
+void expectNothingParked(AuthEngine& engine) {
+    EXPECT_EQ(engine.parkedChainCount(), 0u);
+    EXPECT_EQ(engine.parkedPhaseCount(), 0u);
+    EXPECT_EQ(engine.subRequestCount(), 0u);
+}
+
+bool EngineHarness::start() {
+    return engine.init(host) == 0;
+}
+
+std::shared_ptr<ScriptedProcessor> EngineHarness::use(const std::string& name,
+                                                      ScriptedProcessor::Fn decide) {
+    auto processor = std::make_shared<ScriptedProcessor>(name, std::move(decide));
+    chain({processor});
+    return processor;
+}
+
+void EngineHarness::chain(const std::vector<std::shared_ptr<IAuthProcessor>>& processors) {
+    std::vector<std::string> names;
+    for (const auto& processor : processors) {
+        engine.registerProcessor(processor);
+        names.push_back(processor->getName());
+    }
+    engine.setProcessorChain(names);
+}
+
+void EngineHarness::configure(const std::function<void(FakeDataProvider&)>& change) {
+    const auto lock = host->lock();
+    change(*host);
+}
+
+AuthResponse EngineHarness::run(const std::string& id, const AuthRequest& request) {
+    return engine.authenticate(request, recorder.callback(), id);
+}
+
+std::string EngineHarness::submit(const AuthRequest& request) {
+    return engine.authenticateAsync(request, recorder.callback());
+}
+
+void EngineHarness::answer(const std::string& id, AuthResult result, int failCode,
+                           const AuthContext& update) {
+    engine.handleAsyncResponse(id, result, responseOf(result, failCode), update);
+    EXPECT_TRUE(idle());
+}
+
+void EngineHarness::sweepAfter(int64_t seconds) {
+    clock.advance(seconds);
+    engine.checkAllPendingTimeouts();
+    EXPECT_TRUE(idle());
+}
+
+AuthResponse EngineHarness::onlyReport(const std::string& id) {
+    const auto calls = recorder.forId(id);
+    EXPECT_EQ(calls.size(), 1u) << id;
+    return calls.size() == 1 ? calls[0].response : AuthResponse();
+}
+
+std::vector<std::string> EngineHarness::calledIds() {
+    std::vector<std::string> ids;
+    for (const auto& call : recorder.all()) {
+        ids.push_back(call.requestId);
+    }
+    return ids;
+}
+
+}  // namespace testing
+}  // namespace auth_engine

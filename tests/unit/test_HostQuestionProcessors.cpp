@@ -1,0 +1,428 @@
+// The processors that ask the host a question and wait for its answer: anti-passback, interlock,
+// parking restriction and temporary keys.
+#include <gtest/gtest.h>
+
+#include "engine/AuthEngine.h"
+#include "processors/AntiPassbackProcessor.h"
+#include "processors/InterlockProcessor.h"
+#include "processors/ParkingRestrictionProcessor.h"
+#include "processors/TempKeyProcessor.h"
+#include "support/CallbackRecorder.h"
+#include "support/ProcessorTest.h"
+
+namespace auth_engine {
+namespace {
+
+using namespace testing;  // NOLINT(google-build-using-namespace)
+
+// A processor whose sub-requests go to an engine that is never initialised: only its sub-request
+// registry is used.
+template <class Processor>
+class WithEngine : public ProcessorTest<Processor> {
+protected:
+    WithEngine() { this->processor.setEngine(&engine); }
+    AuthEngine engine;
+};
+
+// ---- anti-passback ----
+
+AuthContext passer(int userType, const Relays& relays, const std::string& requestId) {
+    return attempt(OPEN_TYPE_NONE, relays, person("", userType), requestId);
+}
+
+class AntiPassbackProcessor : public WithEngine<processors::AntiPassbackProcessor> {
+protected:
+    AntiPassbackProcessor() {
+        provider.config.antiPassbackEnabled = true;
+        provider.config.antiPassbackRelayMap = {{"1", 1}, {"2", 2}, {"3", 0}};
+    }
+};
+
+TEST_F(AntiPassbackProcessor, IneligibleRequestsPassWithoutAsking) {
+    AuthContext remote = passer(1, {"1"}, "r"), noUser = passer(1, {"1"}, "r"),
+                visitor = passer(3, {"1"}, "r"), unchecked = passer(2, {"3", "4"}, "r");
+    remote.request.openType = OPEN_TYPE_REMOTE_CONTROL;
+    noUser.userData.reset();
+    for (AuthContext* context : {&remote, &noUser, &visitor}) {
+        EXPECT_EQ(run(*context), CONTINUE);
+        EXPECT_EQ(processor.processRelays(*context, provider, {"1"}), CONTINUE);
+    }
+    EXPECT_EQ(run(unchecked), CONTINUE);
+    EXPECT_TRUE(log.contains("skip for remote control"));
+    EXPECT_EQ(log.count("user is not eligible"), 2);
+    EXPECT_TRUE(log.contains("result=CONTINUE, no relay needs anti-passback"));
+    provider.config.antiPassbackEnabled = false;
+    AuthContext disabled = passer(1, {"1"}, "r");
+    EXPECT_EQ(run(disabled), CONTINUE);
+    EXPECT_EQ(processor.processRelays(disabled, provider, {"1"}), CONTINUE);
+    EXPECT_TRUE(log.contains("result=CONTINUE, disabled"));
+    EXPECT_EQ(provider.callCount("requestAntiPassback"), 0);
+}
+
+TEST_F(AntiPassbackProcessor, WithoutRequestIdAsksWithoutCallback) {
+    AuthContext online = passer(1, {"1", "3", "2"}, ""), offline = passer(1, {"1", "2"}, "");
+    EXPECT_EQ(
+        decide(online),
+        "ASYNC_PENDING/CONTINUE 0 'Anti-passback verification pending (no callback)' [1,3,2] []");
+    provider.offlineRelays = {"2"};
+    EXPECT_EQ(decide(offline), "CONTINUE 0 'Anti-passback check skipped (offline mode)' [1,2] []");
+    // The independent variant asks once per relay, each time about the whole list.
+    EXPECT_EQ(processor.processRelays(online, provider, {"1", "3"}), CONTINUE);
+
+    const auto questions = provider.questions();
+    ASSERT_EQ(questions.size(), 4u);
+    EXPECT_EQ(questions[0].relay, "1,2");
+    EXPECT_EQ(questions[3].relay, "1,3");
+    for (const auto& question : questions) {
+        EXPECT_FALSE(question.callback);
+    }
+    EXPECT_EQ(engine.subRequestCount(), 0u);
+}
+
+TEST_F(AntiPassbackProcessor, OneSubRequestPerRelayRegisteredBeforeAsking) {
+    provider.offlineRelays = {"2"};
+    Relays parentsAtFirstQuestion;
+    provider.answerAntiPassback = [&](FakeDataProvider::Question&) {
+        if (parentsAtFirstQuestion.empty()) {
+            parentsAtFirstQuestion = {engine.subRequestParent("req_9_ap_1"),
+                                      engine.subRequestParent("req_9_ap_2")};
+        }
+    };
+    AuthContext context = passer(1, {"1", "3", "2", "1"}, "req_9");
+    EXPECT_EQ(run(context), ASYNC_PENDING);
+    EXPECT_EQ(parentsAtFirstQuestion, (Relays{"req_9", "req_9"}));
+    const auto questions = provider.questions();
+    ASSERT_EQ(questions.size(), 2u);
+    EXPECT_EQ(questions[0].relay, "1");  // narrowed to the relay being asked, then restored
+    EXPECT_TRUE(questions[0].callback);
+    EXPECT_EQ(context.antiPassbackRelays, (Relays{"1", "2"}));
+    EXPECT_EQ(context.antiPassbackDirections, provider.config.antiPassbackRelayMap);
+    EXPECT_EQ(context.antiPassbackPending, 1);
+    EXPECT_TRUE(context.antiPassbackResults.at("2").answered);
+    EXPECT_FALSE(context.antiPassbackResults.at("1").answered);
+    EXPECT_TRUE(log.contains("relay=2 offline, skipped"));
+    EXPECT_TRUE(log.contains("relay=1 request sent, subRequestId=req_9_ap_1"));
+    EXPECT_TRUE(log.contains("result=ASYNC_PENDING, pending=1"));
+
+    provider.offlineRelays = {"1", "2", "3"};
+    AuthContext allOffline = passer(1, {"1", "2"}, "req_10");
+    EXPECT_EQ(decide(allOffline),
+              "CONTINUE 0 'Anti-passback check skipped (all relays offline)' [1,2] []");
+    // The independent variant asks about the given relays unfiltered and logs nothing.
+    log.clear();
+    EXPECT_EQ(processor.processRelays(allOffline, provider, {"3"}), CONTINUE);
+    EXPECT_TRUE(allOffline.antiPassbackResults.at("3").answered);
+    provider.offlineRelays.clear();
+    EXPECT_EQ(processor.processRelays(allOffline, provider, {"3"}), ASYNC_PENDING);
+    EXPECT_EQ(engine.subRequestParent("req_10_ap_3"), "req_10");
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(AntiPassbackProcessor, SumsUpAnswersInRelayIdOrder) {
+    auto answered = [](const std::map<std::string, int>& statuses) {
+        AuthContext context = passer(1, {"SA", "3", "2", "1"}, "r");
+        for (const auto& entry : statuses) {
+            context.antiPassbackResults[entry.first] = {entry.first, entry.second, true};
+        }
+        return context;
+    };
+    AuthContext mixed = answered({{"SA", FAILED}, {"2", CONTINUE}, {"1", ASYNC_PENDING}});
+    // Relay 3 was never asked and stays.
+    EXPECT_EQ(decide(mixed), "CONTINUE 5 '' [3,2] [1,SA]");
+    EXPECT_EQ(mixed.response.failedRelays, (Relays{"1", "SA"}));
+    EXPECT_EQ(mixed.relayFailReasons.at("SA"), "AntiPassback");
+    EXPECT_TRUE(log.contains("resume result=CONTINUE, passed=1 failed=2"));
+
+    AuthContext allFailed = answered({{"1", FAILED}, {"2", 7}});
+    EXPECT_EQ(decide(allFailed),
+              "FAILED/CONTINUE 5 'Anti-passback failed for all relays' [SA,3,2,1] [1,2]");
+    EXPECT_EQ(provider.callCount("getAuthConfig"), 0);
+}
+
+// ---- interlock ----
+
+class InterlockProcessor : public WithEngine<processors::InterlockProcessor> {
+protected:
+    Relays asked() {
+        Relays relays;
+        for (const auto& question : provider.questions()) {
+            relays.push_back(question.relay);
+        }
+        return relays;
+    }
+    AuthContext context;
+};
+
+TEST_F(InterlockProcessor, ChainAsksOnlyInterlockedRelays) {
+    context.relays = {"1", "2", "3"};
+    context.requestId = "r";
+    EXPECT_EQ(run(context), CONTINUE);  // disabled
+    provider.config.interlockEnabled = true;
+    provider.config.interlockRelayMap = {{"1", false}, {"4", true}};
+    EXPECT_EQ(run(context), CONTINUE);
+    EXPECT_EQ(processor.processRelays(context, provider, {}), CONTINUE);
+    EXPECT_TRUE(asked().empty());
+
+    provider.config.interlockRelayMap = {{"3", true}, {"1", true}, {"2", false}};
+    EXPECT_EQ(decide(context),
+              "ASYNC_PENDING/CONTINUE 0 'Interlock verification pending' [1,2,3] []");
+    EXPECT_EQ(asked(), (Relays{"1", "3"}));
+    EXPECT_EQ(context.interlockCheckRelays, (Relays{"1", "3"}));
+    EXPECT_EQ(context.interlockRequestedRelays, (Relays{"1", "3"}));
+    EXPECT_EQ(context.interlockPending, 2);
+}
+
+TEST_F(InterlockProcessor, OfflineRelaysFailAndAllOfflineFailsTheCheck) {
+    provider.offlineRelays = {"2"};
+    context.requestId = "req_5";
+    EXPECT_EQ(processor.processRelays(context, provider, {"1", "2", "SA"}), ASYNC_PENDING);
+    EXPECT_EQ(context.interlockPending, 2);
+    EXPECT_EQ(context.relayFailReasons, (std::map<std::string, std::string>{{"2", "Interlock"}}));
+    EXPECT_TRUE(context.interlockResults.at("2").answered);
+    EXPECT_EQ(context.interlockResults.at("2").status, FAILED);
+    EXPECT_FALSE(context.interlockResults.at("SA").answered);
+    EXPECT_EQ(engine.subRequestParent("req_5_il_SA"), "req_5");
+    EXPECT_TRUE(context.failedRelays.empty());
+    EXPECT_TRUE(provider.questions()[0].callback);
+
+    provider.offlineRelays = {"1", "2"};
+    AuthContext allOffline = attempt(OPEN_TYPE_NONE, {}, nullptr, "req_6");
+    EXPECT_EQ(outcome(processor.processRelays(allOffline, provider, {"1", "2"}), allOffline),
+              "FAILED 21 'Interlock request failed' [] [1,2]");
+    EXPECT_EQ(allOffline.response.failedRelays, (Relays{"1", "2"}));
+}
+
+TEST_F(InterlockProcessor, RetryAsksOnlyUnansweredRelays) {
+    context.requestId = "req_7";
+    ASSERT_EQ(processor.processRelays(context, provider, {"1", "2", "3"}), ASYNC_PENDING);
+    context.interlockResults["1"].answered = true;  // as the engine records an answer
+    context.interlockPending = 2;
+    provider.clearLog();
+
+    provider.offlineRelays = {"3"};
+    EXPECT_EQ(processor.retryPendingRelays(context, provider, {"1", "2", "3", "9"}), ASYNC_PENDING);
+    EXPECT_EQ(asked(), (Relays{"2", "3"}));
+    EXPECT_EQ(context.interlockPending, 1);
+    EXPECT_EQ(context.relayFailReasons.at("3"), "Interlock");
+    EXPECT_EQ(engine.subRequestParent("req_7_il_2"), "req_7");
+
+    provider.offlineRelays = {"2"};
+    EXPECT_EQ(processor.retryPendingRelays(context, provider, {"2"}), FAILED);
+    EXPECT_EQ(context.interlockPending, 0);
+    provider.clearLog();
+    EXPECT_EQ(processor.retryPendingRelays(context, provider, {"1", "2", "3"}), FAILED);
+    EXPECT_TRUE(asked().empty());
+}
+
+// ---- parking restriction ----
+
+// A vehicle of `userType` at relay 1, carrying the verdict the chain reached so far.
+AuthContext plate(int userType, const std::string& requestId,
+                  OpenDoorType openType = OPEN_TYPE_LICENSE_PLATE, AuthResult result = CONTINUE,
+                  int failCode = 0) {
+    AuthContext context = attempt(openType, {"1"}, person("", userType), requestId);
+    context.response.result = result;
+    context.response.failCode = failCode;
+    return context;
+}
+
+using ParkingRestrictionProcessor = ProcessorTest<processors::ParkingRestrictionProcessor>;
+
+TEST_F(ParkingRestrictionProcessor, DecidesWithoutAskingWhenItCan) {
+    AuthContext disabled = plate(1, "r");
+    EXPECT_EQ(run(disabled), CONTINUE);
+    EXPECT_EQ(processor.processRelays(disabled, provider, {"1"}), CONTINUE);
+    provider.config.parkingRestrictionEnabled = true;
+
+    // PIN opens pass before the resume test, even carrying a refusal; a resumed SUCCESS passes.
+    AuthContext publicPin = plate(1, "r", OPEN_TYPE_PUBLIC_PIN, FAILED, 23),
+                latchPin = plate(1, "r", OPEN_TYPE_LATCH_PIN, FAILED, 23),
+                allowed = plate(1, "r", OPEN_TYPE_LICENSE_PLATE, SUCCESS), kindTwo = plate(2, "r"),
+                card = plate(1, "r", OPEN_TYPE_CARD), noUser = plate(1, "r");
+    noUser.userData.reset();
+    for (AuthContext* context : {&publicPin, &latchPin, &allowed, &kindTwo, &card, &noUser}) {
+        EXPECT_EQ(run(*context), CONTINUE);
+    }
+    for (AuthContext* context : {&kindTwo, &card, &noUser}) {
+        EXPECT_EQ(processor.processRelays(*context, provider, {"1"}), CONTINUE);
+    }
+    EXPECT_EQ(run(plate(1, "r", OPEN_TYPE_LICENSE_PLATE, FAILED, 23)), FAILED);
+    EXPECT_EQ(provider.callCount("requestParking"), 0);
+    EXPECT_TRUE(log.contains("openType=2, skip"));
+    EXPECT_TRUE(log.contains("openType=3, skip"));
+    EXPECT_EQ(log.count("resume result=CONTINUE"), 1);
+    EXPECT_EQ(log.count("resume result=FAILED"), 1);
+}
+
+TEST_F(ParkingRestrictionProcessor, AsksOnceAndPassesWhenTheHostIsOffline) {
+    provider.config.parkingRestrictionEnabled = true;
+    AuthContext routed = plate(1, "req_3"), unrouted = plate(1, "");
+    EXPECT_EQ(decide(routed),
+              "ASYNC_PENDING/CONTINUE 0 'Parking restriction check pending' [1] []");
+    EXPECT_EQ(decide(unrouted),
+              "ASYNC_PENDING/CONTINUE 0 'Parking restriction check pending (no callback)' [1] []");
+    EXPECT_TRUE(log.contains("result=ASYNC_PENDING"));
+    // The independent variant waits only when an answer can be routed back.
+    AuthContext phase = plate(1, "req_1_ind_parking"), quiet = plate(1, "");
+    EXPECT_EQ(processor.processRelays(phase, provider, {"2"}), ASYNC_PENDING);
+    EXPECT_EQ(processor.processRelays(quiet, provider, {"2"}), CONTINUE);
+    EXPECT_TRUE(phase.response.reason.empty());
+
+    const auto questions = provider.questions();
+    ASSERT_EQ(questions.size(), 4u);
+    EXPECT_EQ(questions[2].relay, "1");  // the host reads the context's relays, not the list
+    for (std::size_t i = 0; i < questions.size(); ++i) {
+        EXPECT_EQ(static_cast<bool>(questions[i].callback), i % 2 == 0) << i;
+    }
+
+    provider.parkingOffline = true;
+    for (const std::string id : {"req_4", ""}) {
+        AuthContext offline = plate(1, id);
+        EXPECT_EQ(decide(offline),
+                  "CONTINUE 0 'Parking restriction check skipped (offline mode)' [1] []");
+        EXPECT_EQ(processor.processRelays(offline, provider, {"1"}), CONTINUE);
+    }
+}
+
+// ---- temporary keys ----
+
+// Without data: a first pass. With data: the context as the engine leaves it after the answer.
+AuthContext tempKey(const std::string& key, std::shared_ptr<TempKeyAuthData> data = nullptr,
+                    AuthResult result = SUCCESS, int failCode = 0) {
+    AuthContext context = presenting(OPEN_TYPE_TEMP_KEY, key);
+    context.requestId = "req_1";
+    context.pendingProcessor = data ? "TempKey" : "";
+    context.response.result = result;
+    context.response.failCode = failCode;
+    context.response.targets = {AuthTarget{0, "1"}};
+    context.tempKeyAuthData = std::move(data);
+    return context;
+}
+
+using TempKeyProcessor = ProcessorTest<processors::TempKeyProcessor>;
+
+TEST_F(TempKeyProcessor, FirstPassAsksOrFails) {
+    AuthContext card = tempKey("K1"), empty = tempKey(""), unsent = tempKey("K1");
+    card.request.openType = OPEN_TYPE_CARD;
+    EXPECT_EQ(run(card), CONTINUE);
+    EXPECT_EQ(decide(empty), "FAILED 1 'Temp key is empty' [] []");
+    EXPECT_TRUE(provider.calls().empty());
+    provider.tempKeySendOk = false;
+    EXPECT_EQ(decide(unsent), "FAILED 24 'Temp key request failed' [] []");
+
+    provider.tempKeySendOk = true;
+    AuthContext sent = tempKey("K1");
+    EXPECT_EQ(decide(sent), "ASYNC_PENDING 0 '' [] []");
+    EXPECT_TRUE(log.contains("request sent, result=ASYNC_PENDING"));
+    provider.answer(0, SUCCESS);  // without an engine the callback exists and drops the answer
+}
+
+TEST_F(TempKeyProcessor, RefusedAnswersFailWithoutTargets) {
+    auto denied = std::make_shared<TempKeyAuthData>();
+    denied->failCode = 7;
+    const auto none = std::make_shared<TempKeyAuthData>();
+    AuthContext byCode = tempKey("K1", denied), hostFailed = tempKey("K1", none, FAILED, 0),
+                codeOnly = tempKey("K1", none, SUCCESS, 9), noData = tempKey("K1", none),
+                unknownUser = tempKey("K1", none);
+    hostFailed.response.reason = "Key expired";
+    noData.tempKeyAuthData.reset();  // the host answered without data: never asked again
+    for (AuthContext* context : {&byCode, &hostFailed, &codeOnly, &noData, &unknownUser}) {
+        EXPECT_EQ(run(*context), FAILED);
+        EXPECT_EQ(context->response.result, FAILED);
+    }
+    EXPECT_EQ(byCode.response.failCode, 7);
+    EXPECT_EQ(byCode.response.reason, "Temp key dclient denied");
+    EXPECT_TRUE(byCode.response.targets.empty());
+    EXPECT_TRUE(log.contains("dclient failCode=7, result=FAILED"));
+    EXPECT_EQ(hostFailed.response.failCode, 1);
+    EXPECT_EQ(hostFailed.response.reason, "Key expired");
+    EXPECT_TRUE(hostFailed.response.targets.empty());
+    EXPECT_EQ(codeOnly.response.failCode, 9);
+    EXPECT_EQ(noData.response.failCode, 24);
+    EXPECT_EQ(provider.callCount("requestTempKey"), 0);
+    EXPECT_EQ(unknownUser.response.reason, "Temp key user not found");
+    EXPECT_FALSE(unknownUser.userData);
+}
+
+TEST_F(TempKeyProcessor, AcceptedKeyBecomesUserTargetsAndFlags) {
+    provider.tempKeyUsers["K1"].userId = "u7";
+    provider.tempKeyTargets = {AuthTarget{0, "4"}};
+    const auto data = std::make_shared<TempKeyAuthData>();  // empty key: the credential is the key
+    data->userText = "visitor";
+    data->requestText = "delivery";
+    data->userText2 = "floor 3";
+    data->sourceCode = 4;
+    // Only relay kinds with an id become relays, once each, after the relays already there.
+    data->targets = {AuthTarget{2, "9"}, AuthTarget{0, ""}, AuthTarget{1, "SA"}, AuthTarget{0, "1"},
+                     AuthTarget{0, "SA"}};
+    AuthContext context = tempKey("K1", data);
+    context.relays = {"1"};
+    context.authTargets = {AuthTarget{0, "2"}};
+
+    EXPECT_EQ(decide(context), "CONTINUE/SUCCESS 0 '' [1,SA] []");
+    EXPECT_TRUE(data->key.empty());  // the answer object shared with the host is left alone
+    EXPECT_EQ(context.request.userText + "|" + context.request.requestText + "|" +
+                  context.request.userText2,
+              "visitor|delivery|floor 3");
+    EXPECT_EQ(context.request.sourceCode, 4);
+    ASSERT_TRUE(context.userData);
+    EXPECT_EQ(context.userData->userId + "|" + context.userData->userText2, "u7|floor 3");
+    EXPECT_EQ(context.response.user, context.userData);
+    EXPECT_TRUE(context.skipUserLookup && context.skipUnlockType);
+    EXPECT_TRUE(context.request.virtualDoorSkipRelaySchedule);
+    EXPECT_TRUE(log.contains("key=K1, targets=5, result=CONTINUE"));
+
+    // With no targets in the answer: the context's, then the request's, then the host's defaults.
+    AuthContext fromContext = tempKey("K1", std::make_shared<TempKeyAuthData>());
+    fromContext.authTargets = {AuthTarget{0, "2"}};
+    fromContext.request.targets = {AuthTarget{0, "3"}};
+    AuthContext fromRequest = fromContext;
+    fromRequest.authTargets.clear();
+    AuthContext fromProvider = fromRequest;
+    fromProvider.request.targets.clear();
+    EXPECT_EQ(decide(fromContext), "CONTINUE/SUCCESS 0 '' [2] []");
+    EXPECT_EQ(decide(fromRequest), "CONTINUE/SUCCESS 0 '' [3] []");
+    EXPECT_EQ(decide(fromProvider), "CONTINUE/SUCCESS 0 '' [4] []");
+    EXPECT_EQ(provider.callCount("getTempKeyTargets"), 1);
+}
+
+// The host answers under its own handle: the answer must reach the request that asked, whether it
+// comes from inside the question or later.
+TEST(TempKeyAnswer, RoutedToTheAskingRequestInlineOrLater) {
+    TestClock clock;  // frozen: the short temp-key wait never expires under test
+    auto provider = std::make_shared<FakeDataProvider>();
+    provider->tempKeyUsers["K1"] = UserData();
+    AuthContext update;
+    update.tempKeyAuthData = std::make_shared<TempKeyAuthData>();
+    update.tempKeyAuthData->targets = {AuthTarget{0, "2"}};
+    CallbackRecorder recorder;  // outlives the engine that calls it
+    AuthEngine engine;
+    ASSERT_EQ(engine.init(provider), 0);
+    engine.setProcessorChain({"TempKey"});
+    AuthRequest request;
+    request.openType = OPEN_TYPE_TEMP_KEY;
+    request.credential = "K1";
+
+    EXPECT_EQ(engine.authenticate(request, recorder.callback(), "later").result, ASYNC_PENDING);
+    provider->answer(0, SUCCESS, 0, update);
+    {
+        const auto lock = provider->lock();
+        provider->answerTempKey = [&](FakeDataProvider::Question& question) {
+            AuthResponse response;
+            response.result = SUCCESS;
+            question.callback(question.handle, response, update);
+        };
+    }
+    EXPECT_EQ(engine.authenticate(request, recorder.callback(), "inline").result, ASYNC_PENDING);
+    ASSERT_TRUE(recorder.waitFor(2));
+    ASSERT_TRUE(engine.waitForIdle(5000));
+    for (const char* id : {"later", "inline"}) {
+        ASSERT_EQ(recorder.forId(id).size(), 1u) << id;
+        EXPECT_EQ(recorder.forId(id)[0].response.result, SUCCESS) << id;
+        EXPECT_EQ(recorder.forId(id)[0].response.openedRelays, (Relays{"2"})) << id;
+    }
+    EXPECT_EQ(engine.parkedChainCount(), 0u);
+}
+
+}  // namespace
+}  // namespace auth_engine
