@@ -42,6 +42,15 @@ HolidayData makeHoliday(int id, const char* start, const char* end) {
     return holiday;
 }
 
+/// An attempt at the site's internal reader.
+AuthRequest requestOf(const char* credential, OpenDoorType openType) {
+    AuthRequest request;
+    request.credential = credential;
+    request.openType = openType;
+    request.readerType = READER_TYPE_INTERNAL;
+    return request;
+}
+
 }  // namespace
 
 BenchProvider::BenchProvider() {
@@ -229,24 +238,15 @@ bool sameDecision(const AuthResponse& a, const AuthResponse& b) {
 }
 
 AuthRequest cardRequest() {
-    AuthRequest request;
-    request.credential = CARD_USER;
-    request.openType = OPEN_TYPE_CARD;
-    request.readerType = READER_TYPE_INTERNAL;
-    return request;
+    return requestOf(CARD_USER, OPEN_TYPE_CARD);
 }
 
 AuthRequest antiPassbackRequest() {
-    AuthRequest request = cardRequest();
-    request.credential = AP_USER;
-    return request;
+    return requestOf(AP_USER, OPEN_TYPE_CARD);
 }
 
 AuthRequest tempKeyRequest() {
-    AuthRequest request;
-    request.credential = TEMP_KEY;
-    request.openType = OPEN_TYPE_TEMP_KEY;
-    return request;
+    return requestOf(TEMP_KEY, OPEN_TYPE_TEMP_KEY);
 }
 
 AuthContext tempKeyAnswer() {

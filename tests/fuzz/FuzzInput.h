@@ -1,16 +1,14 @@
 // Shared by the fuzz targets: a reader that turns the fuzzer's bytes into small decisions, the
-// failure check, and the common set-up (quiet log, UTC calendar).
+// failure check, the entry every target defines, and list helpers for the failure details.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <string>
 #include <vector>
-
-#include "auth_engine/AuthLogger.h"
 
 namespace auth_engine {
 namespace fuzz {
@@ -37,21 +35,9 @@ public:
         return static_cast<int>(static_cast<int64_t>(low) + raw % span);
     }
 
-    int64_t int64() {
-        uint64_t value = 0;
-        for (int i = 0; i < 8; ++i) {
-            value = (value << 8) | byte();
-        }
-        return static_cast<int64_t>(value);
-    }
+    int64_t int64() { return static_cast<int64_t>(bigEndian<uint64_t>()); }
 
-    int32_t int32() {
-        uint32_t value = 0;
-        for (int i = 0; i < 4; ++i) {
-            value = (value << 8) | byte();
-        }
-        return static_cast<int32_t>(value);
-    }
+    int32_t int32() { return static_cast<int32_t>(bigEndian<uint32_t>()); }
 
     template <typename T>
     const T& pick(const std::vector<T>& options) {
@@ -60,25 +46,43 @@ public:
 
     /// Up to `maxLength` raw bytes (NUL and non-ASCII included), length first.
     std::string bytes(std::size_t maxLength) {
-        const std::size_t length = byte() % (maxLength + 1);
-        std::string text;
-        for (std::size_t i = 0; i < length && !empty(); ++i) {
-            text += static_cast<char>(byte());
-        }
-        return text;
+        return text(maxLength, [](uint8_t raw) { return static_cast<char>(raw); });
     }
 
     /// Up to `maxLength` characters drawn from `alphabet`, length first.
     std::string textFrom(const std::string& alphabet, std::size_t maxLength) {
-        const std::size_t length = byte() % (maxLength + 1);
-        std::string text;
-        for (std::size_t i = 0; i < length && !empty(); ++i) {
-            text += alphabet[byte() % alphabet.size()];
-        }
-        return text;
+        return text(maxLength,
+                    [&alphabet](uint8_t raw) { return alphabet[raw % alphabet.size()]; });
+    }
+
+    /// Everything not read yet, as it is.
+    std::string rest() {
+        std::string out(reinterpret_cast<const char*>(data) + position, size - position);
+        position = size;
+        return out;
     }
 
 private:
+    template <typename Unsigned>
+    Unsigned bigEndian() {
+        Unsigned value = 0;
+        for (std::size_t i = 0; i < sizeof(Unsigned); ++i) {
+            value = static_cast<Unsigned>((value << 8) | byte());
+        }
+        return value;
+    }
+
+    /// A length byte, then one byte per character (fewer when the input ends), each mapped.
+    template <typename Map>
+    std::string text(std::size_t maxLength, Map map) {
+        const std::size_t length = byte() % (maxLength + 1);
+        std::string out;
+        for (std::size_t i = 0; i < length && !empty(); ++i) {
+            out += map(byte());
+        }
+        return out;
+    }
+
     const uint8_t* data;
     std::size_t size;
     std::size_t position = 0;
@@ -100,18 +104,13 @@ private:
         }                                                                               \
     } while (0)
 
-/// Calendars in UTC; the library's log goes nowhere unless AUTH_FUZZ_LOG is set (then stderr),
-/// so that a crashing input can be replayed with its log. Lines are still formatted when dropped:
-/// a bad format argument then shows up under the sanitizers.
-inline void fuzzSetUp() {
-    setenv("TZ", "UTC", 1);
-    tzset();
-    if (std::getenv("AUTH_FUZZ_LOG") != nullptr) {
-        AuthLogger::setSink(
-            [](int, const std::string& line) { (void)std::fprintf(stderr, "%s\n", line.c_str()); });
-    } else {
-        AuthLogger::setSink([](int, const std::string&) {});
-    }
+/// The check of one input; each target defines it, and fuzz_entry.cpp hands every input to it.
+void fuzzOne(FuzzInput& in);
+
+using Relays = std::vector<std::string>;
+
+inline bool contains(const Relays& list, const std::string& value) {
+    return std::find(list.begin(), list.end(), value) != list.end();
 }
 
 inline std::string joinForDetail(const std::vector<std::string>& list) {

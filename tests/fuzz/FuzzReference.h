@@ -2,6 +2,7 @@
 // functions the library uses, so that the fuzz targets can compare the two.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -58,35 +59,12 @@ inline std::string clockText(const Civil& civil) {
     return buffer;
 }
 
-/// "YYYYMMDD" (four-digit years only).
-inline std::string compactDate(const Civil& civil) {
-    char buffer[32];
-    std::snprintf(buffer, sizeof(buffer), "%04lld%02d%02d", static_cast<long long>(civil.year),
-                  civil.month, civil.day);
-    return buffer;
-}
-
 /// "YYYY-MM-DD" (four-digit years only).
 inline std::string dashedDate(const Civil& civil) {
     char buffer[32];
     std::snprintf(buffer, sizeof(buffer), "%04lld-%02d-%02d", static_cast<long long>(civil.year),
                   civil.month, civil.day);
     return buffer;
-}
-
-inline bool referenceDailyTime(const std::string& start, const std::string& end, int64_t now) {
-    const std::string current = clockText(civilFromSeconds(now));
-    return start.compare(current) <= 0 && current.compare(end) <= 0;
-}
-
-inline bool referenceWeekly(const std::string& weekly, int64_t now) {
-    const char wanted = static_cast<char>('0' + civilFromSeconds(now).weekday);
-    for (const char c : weekly) {
-        if (c == wanted) {
-            return true;
-        }
-    }
-    return false;
 }
 
 inline std::string withoutDashes(const std::string& text) {
@@ -97,6 +75,20 @@ inline std::string withoutDashes(const std::string& text) {
         }
     }
     return out;
+}
+
+/// "YYYYMMDD" (four-digit years only).
+inline std::string compactDate(const Civil& civil) {
+    return withoutDashes(dashedDate(civil));
+}
+
+inline bool referenceDailyTime(const std::string& start, const std::string& end, int64_t now) {
+    const std::string current = clockText(civilFromSeconds(now));
+    return start.compare(current) <= 0 && current.compare(end) <= 0;
+}
+
+inline bool referenceWeekly(const std::string& weekly, int64_t now) {
+    return weekly.find(static_cast<char>('0' + civilFromSeconds(now).weekday)) != std::string::npos;
 }
 
 /// Dates lose their dashes; an overlong start keeps its first eight characters, an overlong end
@@ -162,11 +154,7 @@ inline std::vector<int> referenceScheduleIds(const std::string& text) {
             }
         }
         if (!negative && !tooLarge && value >= 1) {
-            bool seen = false;
-            for (const int id : ids) {
-                seen = seen || id == value;
-            }
-            if (!seen) {
+            if (std::find(ids.begin(), ids.end(), value) == ids.end()) {
                 ids.push_back(static_cast<int>(value));
             }
         }

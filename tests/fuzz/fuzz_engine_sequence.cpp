@@ -4,11 +4,12 @@
 // asked: no locked-down or forbidden relay opens, no relay opens whose anti-passback, interlock or
 // parking answer did not pass, and a refusal carries nothing to actuate. Once the clocks have been
 // moved far ahead and swept, nothing may be left parked.
-#include <atomic>
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -18,6 +19,7 @@
 
 #include "FuzzInput.h"
 #include "FuzzValues.h"
+#include "auth_engine/AuthLogger.h"
 #include "engine/AuthEngine.h"
 #include "support/CallbackRecorder.h"
 #include "support/FakeDataProvider.h"
@@ -30,25 +32,30 @@ namespace {
 using testing::CallbackRecorder;
 using testing::FakeDataProvider;
 using testing::TestClock;
-using Relays = std::vector<std::string>;
 
 constexpr int kIdleWaitMs = 30000;
 constexpr int kMaxOperations = 40;
 const char* const kPhaseInfix = "_ind_";
+// A per-relay question's id: the request id, one of these, the relay.
+const char* const kApQuestion = "_ind_antipassback_ap_";
+const char* const kIlQuestion = "_ind_interlock_il_";
+
+/// What the engine appends to a request id for the phases it parks; a resume names one of the
+/// first five.
+const std::vector<std::string>& phaseSuffixes() {
+    static const std::vector<std::string> list = {"",
+                                                  "_ind_antipassback",
+                                                  "_ind_interlock",
+                                                  "_ind_parking",
+                                                  "_ind_unlock_options",
+                                                  "_ind_antipassback_ind_parking"};
+    return list;
+}
 
 const std::vector<std::string>& credentials() {
     static const std::vector<std::string> list = {"c0", "c1", "c2", "c3", "p0",
                                                   "l0", "k0", "r0", "",   "zz"};
     return list;
-}
-
-bool contains(const Relays& list, const std::string& value) {
-    for (const std::string& item : list) {
-        if (item == value) {
-            return true;
-        }
-    }
-    return false;
 }
 
 /// The request id a report or question belongs to: its id up to the first phase infix.
@@ -63,6 +70,15 @@ bool passesAntiPassback(int result) {
 
 bool passesStrictly(int result) {
     return result == SUCCESS;
+}
+
+/// Sets each of `members` from one bit of `bits`, the first from the lowest.
+template <typename T>
+void setFromBits(T& object, unsigned bits, std::initializer_list<bool T::*> members) {
+    for (bool T::*member : members) {
+        object.*member = (bits & 1) != 0;
+        bits >>= 1;
+    }
 }
 
 /// What the harness told the engine, per routed id: every result delivered, and for per-relay
@@ -81,21 +97,18 @@ public:
     bool anyPassing(const std::string& id, bool (*passing)(int)) {
         std::lock_guard<std::mutex> guard(mutex);
         const auto found = delivered.find(id);
-        if (found == delivered.end()) {
-            return false;
-        }
-        for (const int result : found->second) {
-            if (passing(result)) {
-                return true;
-            }
-        }
-        return false;
+        return found != delivered.end() &&
+               std::any_of(found->second.begin(), found->second.end(), passing);
     }
 
-    bool decidedFailing(const std::string& id, bool (*passing)(int)) {
+    /// Some answer passed, and so did the deciding one if the question was decided.
+    bool passed(const std::string& id, bool (*passing)(int)) {
+        if (!anyPassing(id, passing)) {
+            return false;
+        }
         std::lock_guard<std::mutex> guard(mutex);
         const auto found = decided.find(id);
-        return found != decided.end() && !passing(found->second);
+        return found == decided.end() || passing(found->second);
     }
 
     void clear() {
@@ -152,29 +165,27 @@ private:
 
     std::shared_ptr<ScheduleData> hostSchedule(const std::string& id) {
         std::shared_ptr<ScheduleData> schedule = scheduleFrom(in);
-        if (schedule && in.range(0, 3) != 0) {
+        if (!schedule) {
+            return schedule;
+        }
+        if (in.range(0, 3) != 0) {
             // Most schedules admit all day, so that attempts reach the later checks.
             schedule->type = 1;
             schedule->startTime = "00:00:00";
             schedule->endTime = "23:59:59";
         }
-        if (schedule) {
-            schedule->scheduleId = id;
-        }
+        schedule->scheduleId = id;
         return schedule;
     }
 
     void configureHost() {
         AuthConfig& config = provider->config;
-        const uint8_t switches = in.byte();
-        config.antiPassbackEnabled = (switches & 1) != 0;
-        config.interlockEnabled = (switches & 2) != 0;
-        config.parkingRestrictionEnabled = (switches & 4) != 0;
-        config.holidayEnabled = (switches & 8) != 0;
-        config.virtualDoorEnabled = (switches & 16) != 0;
-        config.unlockOptionsEnabled = (switches & 32) != 0;
-        config.doubleAuthEnabled = (switches & 64) != 0 && in.flag();  // it holds every card
-        config.cloudVirtualDoorConfigured = (switches & 128) != 0;
+        setFromBits(config, in.byte(),
+                    {&AuthConfig::antiPassbackEnabled, &AuthConfig::interlockEnabled,
+                     &AuthConfig::parkingRestrictionEnabled, &AuthConfig::holidayEnabled,
+                     &AuthConfig::virtualDoorEnabled, &AuthConfig::unlockOptionsEnabled,
+                     &AuthConfig::doubleAuthEnabled, &AuthConfig::cloudVirtualDoorConfigured});
+        config.doubleAuthEnabled = config.doubleAuthEnabled && in.flag();  // it holds every card
         config.virtualDoorMode = in.range(0, 1);
         config.doubleAuthMode = static_cast<DoubleAuthMode>(in.range(0, 4));
         config.antiPassbackTimeout = in.range(-1, 40);
@@ -199,7 +210,7 @@ private:
         for (std::size_t i = 0; i < 6; ++i) {
             const std::string& relay = relayPool()[i];
             const uint8_t bits = in.byte();
-            if ((bits & 3) != 0 || (bits & 4) != 0) {
+            if ((bits & 7) != 0) {  // with bit 4 alone: listed, direction 0
                 config.antiPassbackRelayMap[relay] = bits & 3;
             }
             if ((bits & 8) != 0) {
@@ -259,9 +270,9 @@ private:
             provider->latchPins["l0"] = relaysFrom(in, 3);
         }
         provider->tempKeySendOk = in.range(0, 7) != 0;
-        provider->tempKeyUsers["k0"] = provider->users["c" + std::to_string(in.range(0, 3))];
+        provider->tempKeyUsers["k0"] = provider->users[cardFrom()];
         provider->tempKeyTargets = targetsFrom(in);
-        provider->remoteControlUsers["r0"] = provider->users["c" + std::to_string(in.range(0, 3))];
+        provider->remoteControlUsers["r0"] = provider->users[cardFrom()];
         if (in.flag()) {
             provider->httpConfig = HttpOpenConfig{in.flag(), "admin", "secret"};
         }
@@ -287,11 +298,15 @@ private:
         provider->parkingOffline = in.range(0, 3) == 0;
 
         // Inline answers, given from inside the question: none, passing, failing, or CONTINUE.
-        installHook(provider->answerAntiPassback, in.range(0, 3));
-        installHook(provider->answerInterlock, in.range(0, 3));
-        installHook(provider->answerParking, in.range(0, 3));
-        installHook(provider->answerTempKey, in.range(0, 3));
+        for (FakeDataProvider::QuestionHook* hook :
+             {&provider->answerAntiPassback, &provider->answerInterlock, &provider->answerParking,
+              &provider->answerTempKey}) {
+            installHook(*hook, in.range(0, 3));
+        }
     }
+
+    /// One of the four users' cards.
+    std::string cardFrom() { return "c" + std::to_string(in.range(0, 3)); }
 
     void installHook(FakeDataProvider::QuestionHook& hook, int mode) {
         if (mode == 0) {
@@ -322,11 +337,8 @@ private:
         }
         std::string routed = question.requestId;
         bool perRelay = false;
-        if (question.kind == "antipassback") {
-            routed += "_ap_" + question.relay;
-            perRelay = true;
-        } else if (question.kind == "interlock") {
-            routed += "_il_" + question.relay;
+        if (question.kind == "antipassback" || question.kind == "interlock") {
+            routed += (question.kind == "antipassback" ? "_ap_" : "_il_") + question.relay;
             perRelay = true;
         } else if (routed.empty()) {
             routed = question.handle;  // no id of its own: the host's handle routes the answer
@@ -391,13 +403,10 @@ private:
             update.authTargets = targetsFrom(in);
         }
         if (in.range(0, 3) == 0) {
-            const uint8_t flags = in.byte();
-            update.skipUserLookup = (flags & 1) != 0;
-            update.skipVirtualDoor = (flags & 2) != 0;
-            update.skipUnlockType = (flags & 4) != 0;
-            update.skipTimeCheck = (flags & 8) != 0;
-            update.skipHolidayCheck = (flags & 16) != 0;
-            update.virtualDoorExempt = (flags & 32) != 0;
+            setFromBits(update, in.byte(),
+                        {&AuthContext::skipUserLookup, &AuthContext::skipVirtualDoor,
+                         &AuthContext::skipUnlockType, &AuthContext::skipTimeCheck,
+                         &AuthContext::skipHolidayCheck, &AuthContext::virtualDoorExempt});
         }
         return update;
     }
@@ -405,24 +414,18 @@ private:
     /// Ids the engine holds right now: parked chains and phases of the requests seen so far,
     /// and the per-relay questions still registered.
     Relays liveIds() {
-        static const std::vector<std::string> phases = {"",
-                                                        "_ind_antipassback",
-                                                        "_ind_interlock",
-                                                        "_ind_parking",
-                                                        "_ind_unlock_options",
-                                                        "_ind_antipassback_ind_parking"};
         Relays live;
         AuthEngine::AsyncContext chain;
         AuthEngine::IndependentAsyncContext phase;
         for (const std::string& root : roots) {
-            for (const std::string& suffix : phases) {
+            for (const std::string& suffix : phaseSuffixes()) {
                 const std::string id = root + suffix;
                 if (engine.peekParkedChain(id, chain) || engine.peekParkedPhase(id, phase)) {
                     live.push_back(id);
                 }
             }
             for (std::size_t i = 0; i < 6; ++i) {
-                for (const char* infix : {"_ind_antipassback_ap_", "_ind_interlock_il_"}) {
+                for (const char* infix : {kApQuestion, kIlQuestion}) {
                     const std::string id = root + infix + relayPool()[i];
                     if (!engine.subRequestParent(id).empty()) {
                         live.push_back(id);
@@ -450,26 +453,10 @@ private:
             root = in.range(0, 3) == 0 ? in.bytes(10) : in.pick(junk);
         }
         const std::string& relay = in.pick(relayPool());
-        switch (in.range(0, 8)) {
-            case 0:
-                return root;
-            case 1:
-                return root + "_ind_antipassback_ap_" + relay;
-            case 2:
-                return root + "_ind_interlock_il_" + relay;
-            case 3:
-                return root + "_ind_parking";
-            case 4:
-                return root + "_ind_antipassback_ind_parking";
-            case 5:
-                return root + "_ind_unlock_options";
-            case 6:
-                return root + "_ind_antipassback";
-            case 7:
-                return root + "_ind_interlock";
-            default:
-                return root + "_ap_" + relay;
-        }
+        return in.pick(std::vector<std::string>{
+            root, root + kApQuestion + relay, root + kIlQuestion + relay, root + "_ind_parking",
+            root + "_ind_antipassback_ind_parking", root + "_ind_unlock_options",
+            root + "_ind_antipassback", root + "_ind_interlock", root + "_ap_" + relay});
     }
 
     // ---- attempts ----
@@ -488,7 +475,7 @@ private:
             case OPEN_TYPE_PIN_19:
                 return in.flag() ? "p0" : "l0";
             default:
-                return "c" + std::to_string(in.range(0, 3));
+                return cardFrom();
         }
     }
 
@@ -503,7 +490,7 @@ private:
         request.openType =
             static_cast<OpenDoorType>(userAttempt ? in.pick(userTypes) : in.pick(openTypes));
         if (userAttempt) {
-            request.credential = "c" + std::to_string(in.range(0, 3));
+            request.credential = cardFrom();
         } else if (in.range(0, 3) == 0) {
             request.credential = in.range(0, 3) == 0 ? in.bytes(8) : in.pick(credentials());
         } else {
@@ -519,16 +506,18 @@ private:
         if ((extras & 2) != 0) {
             request.targets = targetsFrom(in);
         }
-        const bool dataOfItsKind = (extras & 4) == 0;
+        // Data of the attempt's own kind is usually there; others' data only when a bit asks.
         const int openType = request.openType;
-        if (openType == OPEN_TYPE_DTMF ? dataOfItsKind : (extras & 8) != 0) {
+        const auto carries = [extras](bool itsKind, unsigned bit) {
+            return itsKind ? (extras & 4) == 0 : (extras & bit) != 0;
+        };
+        if (carries(openType == OPEN_TYPE_DTMF, 8)) {
             static const std::vector<std::string> codes = {"123", "999", ""};
             static const std::vector<std::string> numbers = {"555", "666"};
             request.dtmfData = std::make_shared<DtmfRequestData>(
                 DtmfRequestData{in.pick(codes), in.pick(numbers), "caller", "call1"});
         }
-        if (openType == OPEN_TYPE_HTTP || openType == OPEN_TYPE_HTTP_20 ? dataOfItsKind
-                                                                        : (extras & 16) != 0) {
+        if (carries(openType == OPEN_TYPE_HTTP || openType == OPEN_TYPE_HTTP_20, 16)) {
             request.httpData = std::make_shared<HttpRequestData>();
             request.httpData->source = in.range(0, 2);
             request.httpData->username = in.flag() ? "admin" : "guest";
@@ -536,13 +525,13 @@ private:
             request.httpData->preAuthenticated = in.range(0, 1);
             request.httpData->targets = targetsFrom(in);
         }
-        if (openType == OPEN_TYPE_INPUT ? dataOfItsKind : (extras & 32) != 0) {
+        if (carries(openType == OPEN_TYPE_INPUT, 32)) {
             request.inputData = std::make_shared<InputRequestData>();
             request.inputData->inputId = in.range(0, 3);
             request.inputData->inputState = in.range(0, 1);
             request.inputData->targets = targetsFrom(in);
         }
-        if (openType == OPEN_TYPE_RELAY_KEY ? dataOfItsKind : (extras & 64) != 0) {
+        if (carries(openType == OPEN_TYPE_RELAY_KEY, 64)) {
             request.relayKeyData = std::make_shared<RelayKeyAuthData>();
             request.relayKeyData->scheduleIds = in.textFrom("0123;-", 8);
             request.relayKeyData->targets = targetsFrom(in);
@@ -560,25 +549,25 @@ private:
         return request;
     }
 
-    void checkReturned(const AuthResponse& response) {
-        // The immediate answer is checked fully through the report that accompanies it; here
-        // only what needs no context.
-        checkRefusalCarriesNothing(response, "returned response");
-    }
-
     // ---- the sequence ----
 
+    // The immediate answer of an attempt is checked fully through the report that accompanies it;
+    // on its own only what needs no context: a refusal carries nothing.
     void operate() {
         switch (in.range(0, 13)) {
             case 0:
             case 1: {  // synchronous attempt without id: nothing of it may be parked
-                checkReturned(engine.authenticate(requestFrom(), AuthCallback(), std::string()));
+                checkRefusalCarriesNothing(
+                    engine.authenticate(requestFrom(), AuthCallback(), std::string()),
+                    "returned response");
                 break;
             }
             case 2: {  // synchronous attempt with an id and a callback, as the worker makes it
                 const std::string id = engine.generateRequestId();
                 addRoot(id);
-                checkReturned(engine.authenticate(requestFrom(), recorder.callback(), id));
+                checkRefusalCarriesNothing(
+                    engine.authenticate(requestFrom(), recorder.callback(), id),
+                    "returned response");
                 break;
             }
             case 3:
@@ -656,10 +645,8 @@ private:
                     engine.resumeAuthentication(in.pick(live));
                 } else if (!roots.empty()) {
                     const std::string& root = in.pick(roots);
-                    static const std::vector<std::string> suffixes = {
-                        "", "_ind_antipassback", "_ind_interlock", "_ind_parking",
-                        "_ind_unlock_options"};
-                    engine.resumeAuthentication(root + in.pick(suffixes));
+                    const auto suffix = static_cast<std::size_t>(in.range(0, 4));
+                    engine.resumeAuthentication(root + phaseSuffixes()[suffix]);
                 }
                 break;
             }
@@ -680,8 +667,8 @@ private:
                     engine.verifyInterlockTargets(requestFrom(), targets, recorder.callback());
                 if (!id.empty()) {
                     verifications.insert(id);
-                    addRoot(id);
                 }
+                addRoot(id);
                 break;
             }
             default: {  // double authentication control on a real or made-up pending id
@@ -702,12 +689,36 @@ private:
         }
     }
 
+    /// How far the host's reports and the callbacks have been gone through.
+    struct Seen {
+        std::size_t reports = 0;
+        std::size_t calls = 0;
+    };
+
+    /// Hands each host report, then each callback, not yet `seen` to visit(id, response, context).
+    template <typename Visit>
+    void visitNew(Seen& seen, Visit visit) {
+        const auto reports = provider->reports();
+        for (std::size_t i = seen.reports; i < reports.size(); ++i) {
+            const auto& report = reports[i];
+            FUZZ_CHECK(report.result == report.context.response.result, "report result differs");
+            visit(report.context.requestId, report.context.response, report.context);
+        }
+        seen.reports = reports.size();
+        const auto calls = recorder.all();
+        for (std::size_t i = seen.calls; i < calls.size(); ++i) {
+            visit(calls[i].requestId, calls[i].response, calls[i].context);
+        }
+        seen.calls = calls.size();
+    }
+
     /// Learns ids from what the host saw: request ids, relay choices, pending first factors.
     void collectIds() {
         for (const auto& question : provider->questions()) {
             addRoot(rootOf(question.requestId));
         }
-        const auto learn = [this](const std::string& id, const AuthResponse& response) {
+        visitNew(learned, [this](const std::string& id, const AuthResponse& response,
+                                 const AuthContext&) {
             addRoot(rootOf(id));
             if (response.result == UNLOCK_OPTIONS_PENDING && !response.unlockOptionsId.empty()) {
                 choices.push_back(
@@ -717,17 +728,7 @@ private:
                 !contains(pendingIds, response.doubleAuthPendingId)) {
                 pendingIds.push_back(response.doubleAuthPendingId);
             }
-        };
-        const auto reports = provider->reports();
-        for (std::size_t i = learnedReports; i < reports.size(); ++i) {
-            learn(reports[i].context.requestId, reports[i].context.response);
-        }
-        learnedReports = reports.size();
-        const auto calls = recorder.all();
-        for (std::size_t i = learnedCalls; i < calls.size(); ++i) {
-            learn(calls[i].requestId, calls[i].response);
-        }
-        learnedCalls = calls.size();
+        });
     }
 
     /// Moves both clocks far past every timeout and sweeps until nothing is parked.
@@ -741,12 +742,12 @@ private:
             engine.checkAllPendingTimeouts();
             FUZZ_CHECK(engine.waitForIdle(kIdleWaitMs), "engine did not become idle");
         }
-        FUZZ_CHECK(engine.parkedChainCount() == 0,
-                   std::to_string(engine.parkedChainCount()) + " chains left parked");
-        FUZZ_CHECK(engine.parkedPhaseCount() == 0,
-                   std::to_string(engine.parkedPhaseCount()) + " phases left parked");
-        FUZZ_CHECK(engine.subRequestCount() == 0,
-                   std::to_string(engine.subRequestCount()) + " sub-requests left");
+        const std::size_t chains = engine.parkedChainCount();
+        const std::size_t phases = engine.parkedPhaseCount();
+        const std::size_t subRequests = engine.subRequestCount();
+        FUZZ_CHECK(chains == 0 && phases == 0 && subRequests == 0,
+                   "left parked: " + std::to_string(chains) + " chains, " + std::to_string(phases) +
+                       " phases, " + std::to_string(subRequests) + " sub-requests");
     }
 
     // ---- report checks ----
@@ -759,18 +760,9 @@ private:
     }
 
     void checkReports() {
-        const auto reports = provider->reports();
-        for (std::size_t i = checkedReports; i < reports.size(); ++i) {
-            const auto& report = reports[i];
-            FUZZ_CHECK(report.result == report.context.response.result, "report result differs");
-            checkReport(report.context.requestId, report.context.response, report.context);
-        }
-        checkedReports = reports.size();
-        const auto calls = recorder.all();
-        for (std::size_t i = checkedCalls; i < calls.size(); ++i) {
-            checkReport(calls[i].requestId, calls[i].response, calls[i].context);
-        }
-        checkedCalls = calls.size();
+        visitNew(checked,
+                 [this](const std::string& id, const AuthResponse& response,
+                        const AuthContext& context) { checkReport(id, response, context); });
     }
 
     void checkReport(const std::string& id, const AuthResponse& response,
@@ -826,9 +818,7 @@ private:
                 const auto direction = config.antiPassbackRelayMap.find(relay);
                 if (apApplies && direction != config.antiPassbackRelayMap.end() &&
                     direction->second != 0) {
-                    const std::string sub = root + "_ind_antipassback_ap_" + relay;
-                    FUZZ_CHECK(answers.anyPassing(sub, passesAntiPassback) &&
-                                   !answers.decidedFailing(sub, passesAntiPassback),
+                    FUZZ_CHECK(answers.passed(root + kApQuestion + relay, passesAntiPassback),
                                about + " opened without passing anti-passback");
                 }
                 if (parkingApplies) {
@@ -842,9 +832,7 @@ private:
             const auto interlocked = config.interlockRelayMap.find(relay);
             if (config.interlockEnabled && interlocked != config.interlockRelayMap.end() &&
                 interlocked->second) {
-                const std::string sub = root + "_ind_interlock_il_" + relay;
-                FUZZ_CHECK(answers.anyPassing(sub, passesStrictly) &&
-                               !answers.decidedFailing(sub, passesStrictly),
+                FUZZ_CHECK(answers.passed(root + kIlQuestion + relay, passesStrictly),
                            about + " opened without passing interlock");
             }
         }
@@ -862,28 +850,17 @@ private:
     std::vector<RelayChoice> choices;
     std::set<std::string> verifications;
     std::size_t staleQuestions = 0;
-    std::size_t learnedReports = 0;
-    std::size_t learnedCalls = 0;
-    std::size_t checkedReports = 0;
-    std::size_t checkedCalls = 0;
+    Seen learned;
+    Seen checked;
     /// With AUTH_FUZZ_LOG set, every report is printed too (next to the library's log).
     const bool traceReports = std::getenv("AUTH_FUZZ_LOG") != nullptr;
 };
 
 }  // namespace
+
+void fuzzOne(FuzzInput& in) {
+    Harness(in).run();
+}
+
 }  // namespace fuzz
 }  // namespace auth_engine
-
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    (void)argc;
-    (void)argv;
-    auth_engine::fuzz::fuzzSetUp();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    auth_engine::fuzz::FuzzInput in(data, size);
-    auth_engine::fuzz::Harness harness(in);
-    harness.run();
-    return 0;
-}

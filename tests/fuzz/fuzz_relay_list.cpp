@@ -8,10 +8,8 @@
 #include "FuzzInput.h"
 #include "auth_engine/AuthLogger.h"
 
-using auth_engine::joinRelayVector;
-using auth_engine::parseRelayString;
-using auth_engine::fuzz::joinForDetail;
-
+namespace auth_engine {
+namespace fuzz {
 namespace {
 
 bool isLetter(char c) {
@@ -29,15 +27,9 @@ bool isRelayId(const std::string& id) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    (void)argc;
-    (void)argv;
-    auth_engine::fuzz::fuzzSetUp();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    const std::string text(reinterpret_cast<const char*>(data), size);
+void fuzzOne(FuzzInput& in) {
+    const std::string text = in.rest();
+    const std::size_t size = text.size();
     const std::vector<std::string> relays = parseRelayString(text);
 
     std::string digitsOfText;
@@ -70,5 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     halves.insert(halves.end(), second.begin(), second.end());
     FUZZ_CHECK(parseRelayString(text.substr(0, cut) + "," + text.substr(cut)) == halves,
                "cut at " + std::to_string(cut));
-    return 0;
 }
+
+}  // namespace fuzz
+}  // namespace auth_engine

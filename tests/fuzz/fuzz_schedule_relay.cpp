@@ -26,16 +26,6 @@ namespace fuzz {
 namespace {
 
 using testing::FakeDataProvider;
-using Relays = std::vector<std::string>;
-
-bool contains(const Relays& list, const std::string& value) {
-    for (const std::string& item : list) {
-        if (item == value) {
-            return true;
-        }
-    }
-    return false;
-}
 
 // The schedule-to-relay text as the rules read it: entries split at ';', an entry names relays
 // only after its first '-', the part before it is the schedule id.
@@ -351,22 +341,10 @@ void checkRelayKey(FuzzInput& in) {
 }
 
 }  // namespace
+
+void fuzzOne(FuzzInput& in) {
+    (in.flag() ? checkRelayKey : checkVirtualDoor)(in);
+}
+
 }  // namespace fuzz
 }  // namespace auth_engine
-
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    (void)argc;
-    (void)argv;
-    auth_engine::fuzz::fuzzSetUp();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    auth_engine::fuzz::FuzzInput in(data, size);
-    if (in.flag()) {
-        auth_engine::fuzz::checkRelayKey(in);
-    } else {
-        auth_engine::fuzz::checkVirtualDoor(in);
-    }
-    return 0;
-}

@@ -21,7 +21,6 @@ namespace fuzz {
 namespace {
 
 using testing::FakeDataProvider;
-using Relays = std::vector<std::string>;
 
 // Earliest second whose year has four digits (1000-01-01 00:00:00 UTC).
 constexpr int64_t kFirstFourDigitSecond = -30610224000;
@@ -195,22 +194,10 @@ void checkHoliday(FuzzInput& in) {
 }
 
 }  // namespace
+
+void fuzzOne(FuzzInput& in) {
+    (in.flag() ? checkHoliday : checkComparisons)(in);
+}
+
 }  // namespace fuzz
 }  // namespace auth_engine
-
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    (void)argc;
-    (void)argv;
-    auth_engine::fuzz::fuzzSetUp();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    auth_engine::fuzz::FuzzInput in(data, size);
-    if (in.flag()) {
-        auth_engine::fuzz::checkHoliday(in);
-    } else {
-        auth_engine::fuzz::checkComparisons(in);
-    }
-    return 0;
-}

@@ -1,0 +1,34 @@
+// The libFuzzer entry points of every target: a quiet log and a UTC calendar once, then each input
+// handed to the target's fuzzOne.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "FuzzInput.h"
+#include "auth_engine/AuthLogger.h"
+
+// The library's log goes nowhere unless AUTH_FUZZ_LOG is set (then stderr), so that a crashing
+// input can be replayed with its log. Lines are still formatted when dropped: a bad format
+// argument then shows up under the sanitizers.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+    (void)argc;
+    (void)argv;
+    setenv("TZ", "UTC", 1);
+    tzset();
+    if (std::getenv("AUTH_FUZZ_LOG") != nullptr) {
+        auth_engine::AuthLogger::setSink(
+            [](int, const std::string& line) { (void)std::fprintf(stderr, "%s\n", line.c_str()); });
+    } else {
+        auth_engine::AuthLogger::setSink([](int, const std::string&) {});
+    }
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+    auth_engine::fuzz::FuzzInput in(data, size);
+    auth_engine::fuzz::fuzzOne(in);
+    return 0;
+}
