@@ -1,6 +1,7 @@
 # Runs authsim with the arguments after "--" and checks that it exits with EXIT and prints a line
-# matching MESSAGE (standard output and error together).
-set(command)
+# matching MESSAGE (standard output and error together). EMULATOR, when set, is the command that runs
+# a target program on the build machine, its words separated by "|".
+string(REPLACE "|" ";" command "${EMULATOR}")
 set(collect OFF)
 math(EXPR last "${CMAKE_ARGC} - 1")
 foreach(i RANGE ${last})
