@@ -14,6 +14,14 @@ bool contains(const std::vector<std::string>& list, const std::string& value) {
 
 }  // namespace
 
+AuthResponse failedResponse(const char* reason) {
+    AuthResponse response;
+    response.result = FAILED;
+    response.failCode = 0;
+    response.reason = reason;
+    return response;
+}
+
 void failRequest(AuthContext& context, int failCode, const char* reason) {
     context.response.result = FAILED;
     context.response.failCode = failCode;

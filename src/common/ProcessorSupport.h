@@ -11,6 +11,9 @@ namespace auth_engine {
 
 class AuthEngine;
 
+/// A refusal with fail code 0 and `reason`, for calls that end before any processor runs.
+AuthResponse failedResponse(const char* reason);
+
 /// Marks the request FAILED with `failCode` and `reason`.
 void failRequest(AuthContext& context, int failCode, const char* reason);
 

@@ -11,6 +11,7 @@
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
 #include "common/DecisionLocalTime.h"
+#include "common/ProcessorSupport.h"
 #include "engine/HostCall.h"
 #include "engine/WorkerThread.h"
 #include "processors/AntiPassbackProcessor.h"
@@ -300,11 +301,7 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
     // provider stay until the worker is joined.
     const bool fromWorker = workerEngineOfThread == this;
     if ((!initialized && !fromWorker) || !host) {
-        AuthResponse response;
-        response.result = FAILED;
-        response.failCode = 0;
-        response.reason = "Engine not initialized";
-        return response;
+        return failedResponse("Engine not initialized");
     }
     const HoldProvider holding(this, &host);
 

@@ -7,20 +7,13 @@
 #include <string>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 #include "processors/DoubleAuthProcessor.h"
 
 namespace auth_engine {
 
 namespace {
-
-AuthResponse failedResponse(const char* reason) {
-    AuthResponse response;
-    response.result = FAILED;
-    response.failCode = 0;
-    response.reason = reason;
-    return response;
-}
 
 // The registered "DoubleAuth" processor, provided it is the very object the chain reaches from its
 // head: pending first factors live in the instance that ran, so a registered replacement that is

@@ -8,19 +8,12 @@
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 
 namespace auth_engine {
 
 namespace {
-
-AuthResponse failedResponse(const char* reason) {
-    AuthResponse response;
-    response.result = FAILED;
-    response.failCode = 0;
-    response.reason = reason;
-    return response;
-}
 
 AuthResponse notInitialized() {
     return failedResponse("AuthFacade not initialized");
