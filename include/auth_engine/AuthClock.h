@@ -1,6 +1,6 @@
 /// @file AuthClock.h
-/// @brief The library's clocks. Every wall-clock and uptime reading of the library goes through here,
-/// so that a host simulator or a test can move time.
+/// @brief The library's clocks. Every wall-clock and uptime reading of the library goes through
+/// here, so that a host simulator or a test can move time.
 #pragma once
 
 #include <cstdint>

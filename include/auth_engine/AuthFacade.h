@@ -2,17 +2,17 @@
 /// @brief The host's single entry point: a process-wide singleton that owns at most one engine.
 ///
 /// Every call made before init (or after reset) is answered without touching an engine: FAILED with
-/// "AuthFacade not initialized" where a response is returned, an empty text where an id is returned,
-/// nothing otherwise. No call lets an exception out.
+/// "AuthFacade not initialized" where a response is returned, an empty text where an id is
+/// returned, nothing otherwise. No call lets an exception out.
 ///
-/// Callbacks and re-entry: a completion callback, and the provider's onAuthResult, may run while the
-/// engine holds its lock (a parked chain that timed out, the shutdown drain in reset). Such code must
-/// not call any facade or engine operation; hand the work to another thread instead. Answer callbacks
-/// that the engine hands to the provider (temporary key, anti-passback, interlock, parking) are the
-/// opposite: call them from anywhere, inline included.
+/// Callbacks and re-entry: a completion callback, and the provider's onAuthResult, may run while
+/// the engine holds its lock (a parked chain that timed out, the shutdown drain in reset). Such
+/// code must not call any facade or engine operation; hand the work to another thread instead.
+/// Answer callbacks that the engine hands to the provider (temporary key, anti-passback, interlock,
+/// parking) are the opposite: call them from anywhere, inline included.
 ///
-/// One request may be reported several times (AuthResponse::asyncType names the phase): once at once
-/// for the relays that open immediately or for the failure, and once per held-back phase
+/// One request may be reported several times (AuthResponse::asyncType names the phase): once at
+/// once for the relays that open immediately or for the failure, and once per held-back phase
 /// ("antipassback", "interlock", "parking") when it is decided.
 #pragma once
 
@@ -37,9 +37,9 @@ public:
     AuthFacade& operator=(const AuthFacade&) = delete;
 
     /// Creates the engine, its processors and default chain, and starts its worker thread.
-    /// @return 0 on success (also when already initialised: the running engine is kept), -1 for a null
-    /// provider, -3 when the semaphore could not be created, -4 when the worker could not be started.
-    /// On failure the facade stays uninitialised.
+    /// @return 0 on success (also when already initialised: the running engine is kept), -1 for a
+    /// null provider, -3 when the semaphore could not be created, -4 when the worker could not be
+    /// started. On failure the facade stays uninitialised.
     int init(std::shared_ptr<IDataProvider> provider);
 
     /// Nothing to reload: configuration is fetched from the provider at every use.
@@ -49,15 +49,15 @@ public:
     AuthResponse authenticate(const std::string& credential, OpenDoorType openType,
                               ReaderType readerType);
 
-    /// Runs the attempt on the calling thread, with an empty request id and no callback: a chain that
-    /// must wait for the host returns ASYNC_PENDING and nothing is parked (use authenticateAsync for
-    /// remote checks). The returned response is the immediate report; held-back relay phases are
-    /// reported to the provider's onAuthResult.
+    /// Runs the attempt on the calling thread, with an empty request id and no callback: a chain
+    /// that must wait for the host returns ASYNC_PENDING and nothing is parked (use
+    /// authenticateAsync for remote checks). The returned response is the immediate report;
+    /// held-back relay phases are reported to the provider's onAuthResult.
     AuthResponse authenticate(const AuthRequest& request);
 
-    /// Queues the attempt for the worker thread. @return its request id, or an empty text when refused
-    /// (not initialised, or 100 submissions already waiting). The callback receives that id with every
-    /// report of the request, exactly once per report.
+    /// Queues the attempt for the worker thread. @return its request id, or an empty text when
+    /// refused (not initialised, or 100 submissions already waiting). The callback receives that id
+    /// with every report of the request, exactly once per report.
     std::string authenticateAsync(const AuthRequest& request, AuthCallback callback);
 
     /// authenticateAsync for a credential, open type and reader (timestamp = now).
@@ -65,8 +65,9 @@ public:
                                   ReaderType readerType, AuthCallback callback);
 
     /// Delivers a host's answer to a question the engine asked (temporary key, anti-passback,
-    /// interlock, parking). `requestId` is the id the question was sent under. `type` is ignored: the
-    /// engine knows each question's kind from its id. Unknown ids and repeated answers are dropped.
+    /// interlock, parking). `requestId` is the id the question was sent under. `type` is ignored:
+    /// the engine knows each question's kind from its id. Unknown ids and repeated answers are
+    /// dropped.
     void handleAsyncResult(const std::string& requestId, AsyncRequestType type, AuthResult result,
                            const AuthResponse& response, const AuthContext& context);
 
@@ -75,14 +76,14 @@ public:
                            const AuthResponse& response, const AuthContext& context);
 
     /// The user's choice among the relays offered with UNLOCK_OPTIONS_PENDING. `optionsId` is the
-    /// offer's AuthResponse::unlockOptionsId. Only relays that were offered count; an empty choice (or
-    /// none left) cancels the request with fail code 44.
+    /// offer's AuthResponse::unlockOptionsId. Only relays that were offered count; an empty choice
+    /// (or none left) cancels the request with fail code 44.
     void handleUnlockOptionsResponse(const std::string& optionsId,
                                      const std::vector<std::string>& selectedRelays);
 
     /// Ends a waiting first factor of double authentication as timed out (fail code 19, the user's
-    /// relays in failedRelays). Unknown id: fail code 42. Without a reachable "DoubleAuth" processor:
-    /// FAILED "DoubleAuth processor not available".
+    /// relays in failedRelays). Unknown id: fail code 42. Without a reachable "DoubleAuth"
+    /// processor: FAILED "DoubleAuth processor not available".
     AuthResponse handleDoubleAuthTimeout(const std::string& pendingId);
 
     /// Cancels a waiting first factor (fail code 0, `reasonText` as reason). Unknown id: 42.
@@ -91,19 +92,21 @@ public:
     /// Asks whether interlocked relay targets may open now, without running the credential chain.
     /// @return the id the callback will carry, or an empty text when refused (interlock off, no
     /// targets, a target that is not an interlocked relay). The host's onAuthResult is not told.
-    std::string verifyInterlockTargets(const AuthRequest& request, const std::vector<AuthTarget>& targets,
+    std::string verifyInterlockTargets(const AuthRequest& request,
+                                       const std::vector<AuthTarget>& targets,
                                        AuthCallback callback);
 
-    /// Replaces the chain by processor names. Unknown names are skipped; an unknown first name leaves
-    /// the chain empty (every attempt then fails with "No processor chain configured").
+    /// Replaces the chain by processor names. Unknown names are skipped; an unknown first name
+    /// leaves the chain empty (every attempt then fails with "No processor chain configured").
     void setProcessorChain(const std::vector<std::string>& names);
 
-    /// Registers (or replaces) a processor under its getName(), so that a chain can name it. Does not
-    /// relink the current chain. Ignored before init.
+    /// Registers (or replaces) a processor under its getName(), so that a chain can name it. Does
+    /// not relink the current chain. Ignored before init.
     void registerProcessor(std::shared_ptr<IAuthProcessor> processor);
 
-    /// Stops the worker, fails queued submissions and parked relay phases with "Engine shutdown", drops
-    /// parked chains silently, and destroys the engine. Late answers are dropped. init starts afresh.
+    /// Stops the worker, fails queued submissions and parked relay phases with "Engine shutdown",
+    /// drops parked chains silently, and destroys the engine. Late answers are dropped. init starts
+    /// afresh.
     void reset();
 
     /// True between a successful init and reset.
@@ -113,8 +116,8 @@ private:
     AuthFacade();
     ~AuthFacade();
 
-    /// The engine, copied under `engineMutex` by every call, so that reset cannot pull it from under a
-    /// running call.
+    /// The engine, copied under `engineMutex` by every call, so that reset cannot pull it from
+    /// under a running call.
     std::shared_ptr<AuthEngine> currentEngine() const;
 
     mutable std::mutex engineMutex;

@@ -11,13 +11,14 @@
 namespace auth_engine {
 
 /// Logging of the library. Both levels format printf-style and go to the system log (vsyslog) with
-/// priority 3; nothing is added to the text. setSink redirects every line (tests, hosts with their own
-/// log); an empty function restores vsyslog. Host-supplied text is never used as a format.
+/// priority 3; nothing is added to the text. setSink redirects every line (tests, hosts with their
+/// own log); an empty function restores vsyslog. Host-supplied text is never used as a format.
 class AuthLogger {
 public:
     static void info(const char* format, ...) __attribute__((format(printf, 1, 2)));
     static void error(const char* format, ...) __attribute__((format(printf, 1, 2)));
-    /// "SUCCESS", "FAILED", "ASYNC_PENDING", "CONTINUE", "IGNORED", and "UNKNOWN" for every other value.
+    /// "SUCCESS", "FAILED", "ASYNC_PENDING", "CONTINUE", "IGNORED", and "UNKNOWN" for every other
+    /// value.
     static const char* authResultToString(AuthResult result);
     /// Thread-safe. The sink is called on the logging thread and must not log through AuthLogger.
     /// Any call, with an empty function included, ends a null sink set by setNullSink.

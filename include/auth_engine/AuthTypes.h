@@ -1,7 +1,7 @@
 /// @file AuthTypes.h
 /// @brief Enumerations, the completion callback type and every record that crosses the library
-/// boundary. All records are plain values: copy them freely. Per-kind request data and the user record
-/// are shared through std::shared_ptr, so copying a context shares (never duplicates) them.
+/// boundary. All records are plain values: copy them freely. Per-kind request data and the user
+/// record are shared through std::shared_ptr, so copying a context shares (never duplicates) them.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,8 @@ enum AuthResult : int32_t {
     /// The request (or the relays of this report) is refused; `reason` and `failCode` say why.
     /// A FAILED report never carries `openedRelays` or `targets`.
     FAILED = 1,
-    /// A processor asked the host and the request waits for the answer (see IDataProvider operations
+    /// A processor asked the host and the request waits for the answer (see IDataProvider
+    /// operations
     /// 19, 26, 27, 28). The final answer arrives later through the completion callback.
     ASYNC_PENDING = 2,
     /// A processor has nothing against the request: the chain goes on. Never a final report result
@@ -36,7 +37,8 @@ enum AuthResult : int32_t {
     /// AuthFacade::handleUnlockOptionsResponse(unlockOptionsId, choice). Logged as "UNKNOWN".
     UNLOCK_OPTIONS_PENDING = 6,
     /// The request is dropped quietly: nothing opens and it is not a failure (BLE re-announcements,
-    /// a BLE user outside validity). A synchronous caller's callback hears it; the host is not told.
+    /// a BLE user outside validity). A synchronous caller's callback hears it; the host is not
+    /// told.
     IGNORED = 7,
 };
 
@@ -110,7 +112,8 @@ struct RelayStatus {
     bool holidayExemption = false;
 };
 
-/// Vehicle key record of a user (open type 11). Times are seconds since the epoch; 0 or less: unbounded.
+/// Vehicle key record of a user (open type 11). Times are seconds since the epoch; 0 or less:
+/// unbounded.
 struct KeyData {
     int64_t startTime = 0;
     int64_t endTime = 0;
@@ -174,8 +177,8 @@ struct DtmfVisitorPermissionRequest {
 };
 
 /// A schedule. Times "HH:MM:SS", dates "YYYY-MM-DD" or "YYYYMMDD", compared as zero-padded text in
-/// local time, both ends inclusive. `type`: 1 daily, 2 weekly, 3 date range; `weekly` holds one digit
-/// per weekday, '0' = Sunday.
+/// local time, both ends inclusive. `type`: 1 daily, 2 weekly, 3 date range; `weekly` holds one
+/// digit per weekday, '0' = Sunday.
 struct ScheduleData {
     int id = 0;
     int type = 0;
@@ -250,14 +253,16 @@ struct UserData {
     int userType = 0;           ///< 1 and 2 are under anti-passback, 1 under parking restriction
     std::string userName;       ///< display name
     std::string userId;         ///< identifier; log lines print it as "user=%s"
-    std::string scheduleRelay;  ///< schedule-to-relay text "id-relays;id-relays"; also the schedule owner key
+    std::string scheduleRelay;  ///< schedule-to-relay text "id-relays;id-relays"; also the schedule
+                                ///< owner key
     std::string userTargetId;   ///< non-relay target the user may open
     std::string holidayKey;     ///< owner key handed to getHolidays
     std::string userText;       ///< receives TempKeyAuthData::userText
     std::string userText2;      ///< receives TempKeyAuthData::userText2
     std::string reservedText1;
     std::string reservedText2;
-    int ownerKind = 0;           ///< handed with the owner keys to getRelaySchedules, getHolidays, getKeyData
+    int ownerKind =
+        0;  ///< handed with the owner keys to getRelaySchedules, getHolidays, getKeyData
     int64_t validTimeStart = 0;  ///< 0 or less: unbounded
     int64_t validTimeEnd = 0;    ///< 0 or less: unbounded
     int holidayExempt = 0;       ///< non-zero: holidays never hold this user
@@ -288,7 +293,7 @@ struct AuthRequest {
     std::string userText;             ///< text 4 (temp key)
     bool virtualDoorExempt = false;
     bool virtualDoorSkipRelaySchedule = false;  ///< set for an admitted DTMF visitor
-    std::string doubleAuthPendingId;            ///< explicit "double-N" id of a second factor; empty = none
+    std::string doubleAuthPendingId;  ///< explicit "double-N" id of a second factor; empty = none
     std::string reservedText1;
     int direction = 0;  ///< RELAY_DIRECTION chosen by virtual doors / double auth
 };
@@ -300,7 +305,8 @@ struct AuthResponse {
     std::vector<std::string> failedRelays;
     std::string reason;
     std::shared_ptr<UserData> user;
-    std::string asyncType;  ///< "sync", "antipassback", "interlock", "parking"; "unlock_options" on a timed-out choice
+    std::string asyncType;  ///< "sync", "antipassback", "interlock", "parking"; "unlock_options" on
+                            ///< a timed-out choice
     int allFailed = 0;
     std::vector<std::string> unlockOptionsRelays;
     std::vector<std::string> openedRelays;
@@ -309,9 +315,11 @@ struct AuthResponse {
     int remoteFailCode = -1;
     bool doubleAuthWaiting = false;
     std::string doubleAuthPendingId;
-    int doubleAuthMode = 0, doubleAuthFirstType = 0, doubleAuthNextType = 0, doubleAuthTimeoutSec = 0,
-        doubleAuthUserKey = 0, doubleAuthUserKind = 0;  ///< key = user.userType, kind = user.ownerKind
-    std::string doubleAuthUserText1, doubleAuthUserText2, doubleAuthCredential;  ///< userName, userId
+    int doubleAuthMode = 0, doubleAuthFirstType = 0, doubleAuthNextType = 0,
+        doubleAuthTimeoutSec = 0, doubleAuthUserKey = 0,
+        doubleAuthUserKind = 0;  ///< key = user.userType, kind = user.ownerKind
+    std::string doubleAuthUserText1, doubleAuthUserText2,
+        doubleAuthCredential;  ///< userName, userId
     int doubleAuthReaderType = 0;
     std::string unlockOptionsId;
     std::vector<std::string> relays;  ///< relays carried by a host answer
@@ -346,7 +354,8 @@ struct AuthContext {
     std::vector<std::string> independentParkingRelays;
     std::map<std::string, std::vector<std::string>> relayScheduleMap;
     std::map<std::string, bool> relayHolidayExemption;
-    bool skipUserLookup = false;  ///< flags skipUserLookup..virtualDoorExempt are "the six skip flags"
+    bool skipUserLookup =
+        false;  ///< flags skipUserLookup..virtualDoorExempt are "the six skip flags"
     bool skipVirtualDoor = false;
     bool skipUnlockType = false;  ///< also "the public-PIN flag"
     bool skipTimeCheck = false;
@@ -358,7 +367,8 @@ struct AuthContext {
     std::shared_ptr<TempKeyAuthData> tempKeyAuthData;
     std::shared_ptr<HttpRequestData> httpRequestData;
     std::shared_ptr<InputRequestData> inputRequestData;
-    std::vector<AuthTarget> authTargets;  ///< targets gathered by processors; starts as the request's
+    std::vector<AuthTarget>
+        authTargets;  ///< targets gathered by processors; starts as the request's
     int virtualDoorDirection = -1;
     std::vector<std::string> readerRelays;  ///< informational: the reader's configured relays
     int readerDirection = 0;

@@ -11,12 +11,12 @@ namespace auth_engine {
 
 class IDataProvider;
 
-/// One authentication step. Processors hold no per-request state: everything per request lives in the
-/// AuthContext, and configuration is fetched from the provider at each use.
+/// One authentication step. Processors hold no per-request state: everything per request lives in
+/// the AuthContext, and configuration is fetched from the provider at each use.
 ///
-/// process() returns CONTINUE to hand the context on, ASYNC_PENDING after asking the host (it is then
-/// called again with the answer in the context), or a final result that ends the chain.
-/// A host may add its own processor with AuthFacade::registerProcessor and name it in setProcessorChain.
+/// process() returns CONTINUE to hand the context on, ASYNC_PENDING after asking the host (it is
+/// then called again with the answer in the context), or a final result that ends the chain. A host
+/// may add its own processor with AuthFacade::registerProcessor and name it in setProcessorChain.
 class IAuthProcessor {
 public:
     virtual ~IAuthProcessor() = default;

@@ -1,22 +1,24 @@
 /// @file IDataProvider.h
-/// @brief The host interface. The engine keeps no data of its own: users, keys, schedules, holidays,
-/// configuration and every remote check come through this class, which the host implements.
+/// @brief The host interface. The engine keeps no data of its own: users, keys, schedules,
+/// holidays, configuration and every remote check come through this class, which the host
+/// implements.
 ///
-/// Threads: operations are called from the host thread that calls a synchronous authenticate and from
-/// the engine's single worker thread; an implementation must be safe for both at once.
+/// Threads: operations are called from the host thread that calls a synchronous authenticate and
+/// from the engine's single worker thread; an implementation must be safe for both at once.
 ///
 /// Absence is reported by the result (empty pointer, false, empty list), never by an exception. An
-/// exception that escapes an operation anyway is caught and logged by the engine; the request it served
-/// ends FAILED with fail code 0 and reason "Internal error".
+/// exception that escapes an operation anyway is caught and logged by the engine; the request it
+/// served ends FAILED with fail code 0 and reason "Internal error".
 ///
-/// Answer callbacks (handed to operations 19, 26, 27 and 28) may be called on any thread, at any time,
-/// inline from inside the operation included, and more than once (repeats are ignored). They only
-/// forward to the engine. An empty callback means that no answer is expected. An empty returned handle
-/// (26, 27, 28) means the question was not sent (device offline). A parking refusal carries fail code 23.
+/// Answer callbacks (handed to operations 19, 26, 27 and 28) may be called on any thread, at any
+/// time, inline from inside the operation included, and more than once (repeats are ignored). They
+/// only forward to the engine. An empty callback means that no answer is expected. An empty
+/// returned handle (26, 27, 28) means the question was not sent (device offline). A parking refusal
+/// carries fail code 23.
 ///
-/// Completion callbacks and onAuthResult may run while the engine holds its lock (a timed-out parked
-/// chain, the shutdown drain): they must not call any facade or engine operation, inspection included;
-/// hand such work to another thread.
+/// Completion callbacks and onAuthResult may run while the engine holds its lock (a timed-out
+/// parked chain, the shutdown drain): they must not call any facade or engine operation, inspection
+/// included; hand such work to another thread.
 ///
 /// The order of the operations is part of the binary contract with the host; never reorder them.
 #pragma once
@@ -41,15 +43,15 @@ public:
     virtual std::shared_ptr<UserData> getUserByCredential(const char* credential,
                                                           const OpenDoorType& openType) = 0;
 
-    /// 3. The vehicle key record of the user of a plate attempt (open type 11). `keyKind` is always 0,
-    /// `ownerKind` is UserData::ownerKind. An empty pointer fails the attempt (fail code 22).
+    /// 3. The vehicle key record of the user of a plate attempt (open type 11). `keyKind` is always
+    /// 0, `ownerKind` is UserData::ownerKind. An empty pointer fails the attempt (fail code 22).
     virtual std::shared_ptr<KeyData> getKeyData(const AuthContext& context, int keyKind,
                                                 int ownerKind) = 0;
 
-    /// 4. The schedules of an owner: a user's UserData::scheduleRelay text with its owner kind, or for a
-    /// relay key an "id-relay;id-relay" text with owner kind 0. Null entries are skipped.
-    virtual std::vector<std::shared_ptr<ScheduleData>> getRelaySchedules(const std::string& ownerKey,
-                                                                         int ownerKind) = 0;
+    /// 4. The schedules of an owner: a user's UserData::scheduleRelay text with its owner kind, or
+    /// for a relay key an "id-relay;id-relay" text with owner kind 0. Null entries are skipped.
+    virtual std::vector<std::shared_ptr<ScheduleData>> getRelaySchedules(
+        const std::string& ownerKey, int ownerKind) = 0;
 
     /// 5. The holidays that apply to an owner (UserData::holidayKey, UserData::ownerKind).
     virtual std::vector<HolidayData> getHolidays(const std::string& ownerKey, int ownerKind) = 0;
@@ -58,7 +60,8 @@ public:
     virtual bool isPublicPin(const AuthContext& context) = 0;
 
     /// 7. True when the PIN is a latch PIN; the relays to latch are written to `relays`.
-    virtual bool getLatchPinRelays(const AuthContext& context, std::vector<std::string>& relays) = 0;
+    virtual bool getLatchPinRelays(const AuthContext& context,
+                                   std::vector<std::string>& relays) = 0;
 
     /// 8. Reserved; never called.
     virtual void reservedOperation8() {}
@@ -71,23 +74,26 @@ public:
     virtual AuthConfig getAuthConfig() = 0;
 
     /// 11. Those of `relays` that are in lockdown.
-    virtual std::vector<std::string> getLockedDownRelays(const std::vector<std::string>& relays) = 0;
+    virtual std::vector<std::string> getLockedDownRelays(
+        const std::vector<std::string>& relays) = 0;
 
     /// 12. True when `relay` ignores holidays.
     virtual bool isRelayHolidayExempt(const std::string& relay) = 0;
 
     /// 13. Those of `relays` on which `openType` is forbidden. An empty list forbids nothing.
-    virtual std::vector<std::string> getForbiddenUnlockTypeRelays(const std::vector<std::string>& relays,
-                                                                  OpenDoorType openType) = 0;
+    virtual std::vector<std::string> getForbiddenUnlockTypeRelays(
+        const std::vector<std::string>& relays, OpenDoorType openType) = 0;
 
     /// 14. The DTMF configuration; false when there is none (DTMF opening disabled).
     virtual bool getDtmfConfig(DtmfConfig& config, const AuthContext& context) = 0;
 
-    /// 15. Whether a DTMF caller is whitelisted; false or `result.allowed` false refuses the caller.
+    /// 15. Whether a DTMF caller is whitelisted; false or `result.allowed` false refuses the
+    /// caller.
     virtual bool requestDtmfWhitelist(const DtmfWhitelistRequest& request,
                                       DtmfWhitelistResult& result) = 0;
 
-    /// 16. The user behind a DTMF caller's number; false lets the user lookup decide (visitor path).
+    /// 16. The user behind a DTMF caller's number; false lets the user lookup decide (visitor
+    /// path).
     virtual bool getDtmfUser(const std::string& remoteNumber, UserData& user,
                              const AuthContext& context) = 0;
 
@@ -100,12 +106,14 @@ public:
     virtual bool getRemoteControlUser(const std::string& remoteUserId, UserData& user,
                                       AuthContext& context) = 0;
 
-    /// 19. Send a temporary key (context.request.credential) for remote validation. Return true when the
-    /// question was sent; the answer comes through `callback` (or AuthFacade::handleAsyncResult with the
-    /// request id), its context carrying `tempKeyAuthData`. False fails the attempt (fail code 24).
+    /// 19. Send a temporary key (context.request.credential) for remote validation. Return true
+    /// when the question was sent; the answer comes through `callback` (or
+    /// AuthFacade::handleAsyncResult with the request id), its context carrying `tempKeyAuthData`.
+    /// False fails the attempt (fail code 24).
     virtual bool requestTempKey(const AuthContext& context, AuthCallback callback) = 0;
 
-    /// 20. The user behind a validated temporary key; false fails the attempt ("Temp key user not found").
+    /// 20. The user behind a validated temporary key; false fails the attempt ("Temp key user not
+    /// found").
     virtual bool getTempKeyUser(const TempKeyAuthData& data, UserData& user) = 0;
 
     /// 21. The default targets a temporary key opens when the answer names none.
@@ -118,13 +126,14 @@ public:
     virtual void reservedOperation23() {}
 
     /// 24. False when the user opened these relays by BLE too recently (the attempt is IGNORED).
-    virtual bool checkBleOpenInterval(const UserData& user, const std::vector<std::string>& relays) = 0;
+    virtual bool checkBleOpenInterval(const UserData& user,
+                                      const std::vector<std::string>& relays) = 0;
 
     /// 25. Remember the time of this BLE open (called when the interval check passes).
     virtual void recordBleOpen(const UserData& user, const std::vector<std::string>& relays) = 0;
 
-    /// 26. Send an anti-passback question for the relays in context.antiPassbackRelays (one relay per
-    /// call while answers are routed; context.antiPassbackDirections holds the directions).
+    /// 26. Send an anti-passback question for the relays in context.antiPassbackRelays (one relay
+    /// per call while answers are routed; context.antiPassbackDirections holds the directions).
     /// @return a handle of the sent question, or an empty text when the relay is offline.
     /// The answer's `result` 0 or 3 passes; `remoteFailCode` 0 or more is kept for the report.
     virtual std::string requestAntiPassback(const AuthRequest& request, const UserData& user,
@@ -136,19 +145,19 @@ public:
                                          AuthContext& context, AuthCallback callback) = 0;
 
     /// 28. Send a parking-restriction question for the relays in context.relays.
-    /// @return a handle, or an empty text when offline (the restriction is skipped). Answer SUCCESS to
-    /// pass; any other answer refuses with fail code 23.
+    /// @return a handle, or an empty text when offline (the restriction is skipped). Answer SUCCESS
+    /// to pass; any other answer refuses with fail code 23.
     virtual std::string requestParking(const AuthRequest& request, const UserData& user,
                                        std::string credential, AuthContext& context,
                                        AuthCallback callback) = 0;
 
-    /// 29. The engine's report of a verdict (final, partial or per phase). One request may be reported
-    /// several times: context.response.asyncType names the phase. May run under the engine lock (see
-    /// the file comment): do not call back into the engine from here.
+    /// 29. The engine's report of a verdict (final, partial or per phase). One request may be
+    /// reported several times: context.response.asyncType names the phase. May run under the engine
+    /// lock (see the file comment): do not call back into the engine from here.
     virtual void onAuthResult(const AuthContext& context, const AuthResult& result) = 0;
 
-    /// 30. The reader priority used to compose the reader of a two-factor opening. False or an empty
-    /// list means the priority 2, 1, 0.
+    /// 30. The reader priority used to compose the reader of a two-factor opening. False or an
+    /// empty list means the priority 2, 1, 0.
     virtual bool getReaderPriority(std::vector<ReaderType>& priority) {
         (void)priority;
         return false;

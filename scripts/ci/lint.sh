@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# Static analysis of the library sources: clang-tidy with the committed .clang-tidy, then cppcheck.
-# Exits non-zero on any finding of either.
+# Static analysis of the library sources: clang-tidy with the committed .clang-tidy, then cppcheck,
+# then the layout of every C++ file against the committed .clang-format. Exits non-zero on any
+# finding.
 #   AUTH_ENGINE_LINT_BUILD_DIR  where compile_commands.json is generated (default build/lint)
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 cd "$root"
-"$root/scripts/setup" clang-tidy cppcheck
+"$root/scripts/setup" clang-tidy cppcheck clang-format
 
 build=${AUTH_ENGINE_LINT_BUILD_DIR:-build/lint}
 jobs=$(nproc)
@@ -36,6 +37,10 @@ start=$SECONDS
 cppcheck --enable=warning,performance,portability --std=c++17 --language=c++ \
     --error-exitcode=1 --inline-suppr --quiet -j "$jobs" -I include -I src src || failed=1
 echo "== lint: cppcheck took $((SECONDS - start)) s"
+
+echo "== lint: clang-format"
+mapfile -t cxx < <(find src include tests tools bench examples -name '*.cpp' -o -name '*.h' | sort)
+clang-format --dry-run --Werror "${cxx[@]}" || failed=1
 
 if [ "$failed" -ne 0 ]; then
     echo "== lint: FAILED"

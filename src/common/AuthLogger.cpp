@@ -16,7 +16,8 @@
 namespace auth_engine {
 namespace {
 
-// Both levels go to syslog with priority 3: info-level lines are deliberately logged at error priority.
+// Both levels go to syslog with priority 3: info-level lines are deliberately logged at error
+// priority.
 constexpr int kLogPriority = LOG_ERR;
 
 using Sink = std::function<void(int, const std::string&)>;

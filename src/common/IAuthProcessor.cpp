@@ -8,6 +8,8 @@ void IAuthProcessor::setNext(std::shared_ptr<IAuthProcessor> nextProcessor) {
     next = std::move(nextProcessor);
 }
 
-std::shared_ptr<IAuthProcessor> IAuthProcessor::getNext() const { return next; }
+std::shared_ptr<IAuthProcessor> IAuthProcessor::getNext() const {
+    return next;
+}
 
 }  // namespace auth_engine

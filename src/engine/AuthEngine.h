@@ -1,6 +1,6 @@
-// AuthEngine: the processor registry and chain, the synchronous run, the worker thread, parked chains
-// and their resume, the independent relay phase, timeouts and reset. Private to the library; tests and
-// tools include it from src/.
+// AuthEngine: the processor registry and chain, the synchronous run, the worker thread, parked
+// chains and their resume, the independent relay phase, timeouts and reset. Private to the library;
+// tests and tools include it from src/.
 #pragma once
 
 #include <semaphore.h>
@@ -51,7 +51,8 @@ public:
         uint64_t startTime = 0;
         int32_t timeoutSeconds = 30;
         std::string parentRequestId;
-        std::map<std::string, std::vector<int>> relayChecks;  ///< relay -> checks still needed (0, 1, 2)
+        std::map<std::string, std::vector<int>>
+            relayChecks;  ///< relay -> checks still needed (0, 1, 2)
         std::vector<std::string> interlockRelays;
         std::vector<std::string> parkingRelays;
         std::vector<std::string> apAndParkingRelays;
@@ -94,7 +95,8 @@ public:
                              const AuthResponse& response, const AuthContext& contextUpdate);
     void resumeAuthentication(const std::string& requestId);
 
-    // ---- timeouts and reset (AuthEngineAsync.cpp; the independent sweep in AuthEngineIndependent.cpp) ----
+    // ---- timeouts and reset (AuthEngineAsync.cpp; the independent sweep in
+    // AuthEngineIndependent.cpp) ----
     void checkTimeoutRequests();
     void checkAllPendingTimeouts();
     void checkTimeoutForChainRequests();
@@ -104,7 +106,8 @@ public:
     // ---- double authentication control and interlock verification ----
     AuthResponse handleDoubleAuthTimeout(const std::string& pendingId);
     AuthResponse cancelDoubleAuth(const std::string& pendingId, const std::string& reasonText);
-    std::string verifyInterlockTargets(const AuthRequest& request, const std::vector<AuthTarget>& targets,
+    std::string verifyInterlockTargets(const AuthRequest& request,
+                                       const std::vector<AuthTarget>& targets,
                                        const AuthCallback& callback);
 
     // ---- independent relay phase (AuthEngineIndependent.cpp) ----
@@ -163,15 +166,16 @@ private:
         AuthContext contextUpdate;
     };
 
-    // Chain walk shared by authenticate and the resume: runs from `start` until a non-CONTINUE result,
-    // stopping at a processor already visited. Sets pendingProcessor on ASYNC_PENDING. A throw from a
-    // processor ends the request FAILED, fail code 0, "Internal error".
+    // Chain walk shared by authenticate and the resume: runs from `start` until a non-CONTINUE
+    // result, stopping at a processor already visited. Sets pendingProcessor on ASYNC_PENDING. A
+    // throw from a processor ends the request FAILED, fail code 0, "Internal error".
     AuthResult runChainFrom(std::shared_ptr<IAuthProcessor> start, AuthContext& context);
 
     // ---- ids under construction (all *Locked calls require queueMutex) ----
     void beginConstructionLocked(const std::string& id);
     /// Ends construction of `id` after its state was stored: applies the answers that waited, in
-    /// arrival order, and returns the ids to resume (to be passed to enqueueResume after unlocking).
+    /// arrival order, and returns the ids to resume (to be passed to enqueueResume after
+    /// unlocking).
     std::vector<std::string> finishConstructionLocked(const std::string& id);
     /// Ends construction without storing: the waiting answers are dropped.
     void abandonConstructionLocked(const std::string& id);
@@ -180,15 +184,16 @@ private:
     std::string applyAnswerLocked(const std::string& requestId, AuthResult result,
                                   const AuthResponse& response, const AuthContext& contextUpdate);
 
-    /// Calls host code (provider operation, onAuthResult, callback); a throw is caught and logged with
-    /// `what`, and false is returned so that the caller goes on with its next step.
+    /// Calls host code (provider operation, onAuthResult, callback); a throw is caught and logged
+    /// with `what`, and false is returned so that the caller goes on with its next step.
     static bool guardHostCall(const char* what, const std::function<void()>& fn);
 
     /// onAuthResult(context, context.response.result), then the callback if set, each guarded.
     void reportToHost(const AuthContext& context, const AuthCallback& callback);
 
     /// The processors met walking from `start`, stopping at one already visited (takes chainMutex).
-    std::vector<std::shared_ptr<IAuthProcessor>> collectChain(std::shared_ptr<IAuthProcessor> start);
+    std::vector<std::shared_ptr<IAuthProcessor>> collectChain(
+        std::shared_ptr<IAuthProcessor> start);
     /// Recomputes chainWalk from chainHead after a link changed. Caller holds chainMutex.
     void refreshChainWalkLocked();
     /// Runs `list` from position `first` as the chain runner does, without any engine lock.
@@ -233,7 +238,8 @@ private:
     bool semaphoreReady = false;
     bool workerStarted = false;
     bool workerBusy = false;  ///< guarded by queueMutex: the worker is inside a pass
-    /// Notified (with queueMutex) whenever the worker ends a pass or stops; waitForIdle waits on it.
+    /// Notified (with queueMutex) whenever the worker ends a pass or stops; waitForIdle waits on
+    /// it.
     std::condition_variable idleChanged;
     std::shared_ptr<Gate> gate;  ///< guarded by chainMutex; null before init and after reset
     std::map<std::string, std::vector<EarlyAnswer>> underConstruction;  ///< guarded by queueMutex

@@ -1,6 +1,6 @@
-// Asks the host, relay by relay, whether the user may pass a relay under anti-passback. In the chain
-// (process) it sends the questions and later sums the answers up; in the independent relay phase
-// (processRelays) it only sends them and the engine sums them up.
+// Asks the host, relay by relay, whether the user may pass a relay under anti-passback. In the
+// chain (process) it sends the questions and later sums the answers up; in the independent relay
+// phase (processRelays) it only sends them and the engine sums them up.
 #pragma once
 
 #include <string>

@@ -1,6 +1,6 @@
 // Has a temporary key validated by a remote service through the host: the first pass asks and parks
-// the request, the second pass (resumed with the answer in context.tempKeyAuthData) turns the answer
-// into a user and targets, or a failure.
+// the request, the second pass (resumed with the answer in context.tempKeyAuthData) turns the
+// answer into a user and targets, or a failure.
 #pragma once
 
 #include <string>

@@ -1,6 +1,6 @@
 // Decides whether the user, the vehicle plate or the relay key is valid now, and which candidate
-// relays their schedules open at this time of day, weekday and date. Also records, per relay, whether
-// the admitting schedule grants a holiday exemption (read by the holiday check).
+// relays their schedules open at this time of day, weekday and date. Also records, per relay,
+// whether the admitting schedule grants a holiday exemption (read by the holiday check).
 #pragma once
 
 #include <cstdint>

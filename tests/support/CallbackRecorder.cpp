@@ -7,7 +7,8 @@ namespace auth_engine {
 namespace testing {
 
 AuthCallback CallbackRecorder::callback() {
-    return [this](const std::string& requestId, const AuthResponse& response, const AuthContext& context) {
+    return [this](const std::string& requestId, const AuthResponse& response,
+                  const AuthContext& context) {
         {
             std::lock_guard<std::mutex> guard(mutex);
             calls.push_back(Call{requestId, response, context});

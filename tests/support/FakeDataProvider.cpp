@@ -124,8 +124,8 @@ std::shared_ptr<KeyData> FakeDataProvider::getKeyData(const AuthContext& context
     return keyData ? std::make_shared<KeyData>(*keyData) : nullptr;
 }
 
-std::vector<std::shared_ptr<ScheduleData>> FakeDataProvider::getRelaySchedules(const std::string& ownerKey,
-                                                                               int ownerKind) {
+std::vector<std::shared_ptr<ScheduleData>> FakeDataProvider::getRelaySchedules(
+    const std::string& ownerKey, int ownerKind) {
     (void)ownerKind;
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getRelaySchedules");
@@ -147,7 +147,8 @@ bool FakeDataProvider::isPublicPin(const AuthContext& context) {
     return !publicPin.empty() && context.request.credential == publicPin;
 }
 
-bool FakeDataProvider::getLatchPinRelays(const AuthContext& context, std::vector<std::string>& relays) {
+bool FakeDataProvider::getLatchPinRelays(const AuthContext& context,
+                                         std::vector<std::string>& relays) {
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getLatchPinRelays");
     const auto found = latchPins.find(context.request.credential);
@@ -171,7 +172,8 @@ AuthConfig FakeDataProvider::getAuthConfig() {
     return config;
 }
 
-std::vector<std::string> FakeDataProvider::getLockedDownRelays(const std::vector<std::string>& relays) {
+std::vector<std::string> FakeDataProvider::getLockedDownRelays(
+    const std::vector<std::string>& relays) {
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getLockedDownRelays");
     std::vector<std::string> locked;
@@ -314,7 +316,8 @@ bool FakeDataProvider::getHttpOpenConfig(HttpOpenConfig& out) {
     return true;
 }
 
-bool FakeDataProvider::checkBleOpenInterval(const UserData& user, const std::vector<std::string>& relays) {
+bool FakeDataProvider::checkBleOpenInterval(const UserData& user,
+                                            const std::vector<std::string>& relays) {
     (void)user;
     (void)relays;
     std::lock_guard<std::mutex> guard(mutex);
@@ -363,8 +366,8 @@ std::string FakeDataProvider::requestInterlock(const AuthRequest& request, const
         enterLocked("requestInterlock");
         question.kind = "interlock";
         question.relay = relay;
-        question.handle =
-            offlineRelays.count(relay) != 0 ? std::string() : "il" + std::to_string(++handleCounter);
+        question.handle = offlineRelays.count(relay) != 0 ? std::string()
+                                                          : "il" + std::to_string(++handleCounter);
         question.requestId = context.requestId;
         question.callback = std::move(callback);
         question.context = context;

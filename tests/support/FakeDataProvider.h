@@ -1,11 +1,12 @@
 // A scripted, thread-safe IDataProvider for tests.
 //
 // Set the public data members before the engine runs, or under `lock()` while it runs. Every
-// operation records its name in the call log. The four questions to the host (temp key, anti-passback,
-// interlock, parking) are recorded with their answer callback; by default they are "sent" (a handle is
-// returned) and left unanswered, so a test can answer later through the callback or the engine. A
-// test can instead answer inline (from inside the operation) with the `answer*` hooks, or make a relay
-// offline. No hook or callback is called while the fake's mutex is held.
+// operation records its name in the call log. The four questions to the host (temp key,
+// anti-passback, interlock, parking) are recorded with their answer callback; by default they are
+// "sent" (a handle is returned) and left unanswered, so a test can answer later through the
+// callback or the engine. A test can instead answer inline (from inside the operation) with the
+// `answer*` hooks, or make a relay offline. No hook or callback is called while the fake's mutex is
+// held.
 #pragma once
 
 #include <chrono>
@@ -28,9 +29,9 @@ class FakeDataProvider : public IDataProvider {
 public:
     /// One question the engine asked the host.
     struct Question {
-        std::string kind;    ///< "tempkey", "antipassback", "interlock", "parking"
-        std::string handle;  ///< what the fake returned ("" when offline)
-        std::string relay;   ///< interlock: the relay; anti-passback: joined antiPassbackRelays
+        std::string kind;       ///< "tempkey", "antipassback", "interlock", "parking"
+        std::string handle;     ///< what the fake returned ("" when offline)
+        std::string relay;      ///< interlock: the relay; anti-passback: joined antiPassbackRelays
         std::string requestId;  ///< context.requestId at the time of the question
         AuthCallback callback;
         AuthContext context;  ///< copy of the context handed over
@@ -42,12 +43,13 @@ public:
         AuthResult result = CONTINUE;
     };
 
-    /// A hook that may answer a question inline; it runs without the fake's lock, inside the operation.
+    /// A hook that may answer a question inline; it runs without the fake's lock, inside the
+    /// operation.
     using QuestionHook = std::function<void(Question& question)>;
 
     // ---- scripted data (guarded by lock() once the engine runs) ----
-    std::map<std::string, UserData> users;  ///< credential -> user
-    std::shared_ptr<KeyData> keyData;       ///< answer of getKeyData
+    std::map<std::string, UserData> users;                 ///< credential -> user
+    std::shared_ptr<KeyData> keyData;                      ///< answer of getKeyData
     std::vector<std::shared_ptr<ScheduleData>> schedules;  ///< answer of getRelaySchedules
     std::vector<HolidayData> holidays;
     std::string publicPin;  ///< empty: no public PIN
@@ -56,22 +58,24 @@ public:
     AuthConfig config;
     std::set<std::string> lockedDownRelays;
     std::set<std::string> holidayExemptRelays;
-    std::map<int, std::set<std::string>> forbiddenRelays;  ///< open type -> relays where it is forbidden
+    std::map<int, std::set<std::string>>
+        forbiddenRelays;  ///< open type -> relays where it is forbidden
     std::optional<DtmfConfig> dtmfConfig;
     std::map<std::string, DtmfWhitelistResult> dtmfWhitelist;  ///< remote number -> answer
     std::map<std::string, UserData> dtmfUsers;                 ///< remote number -> user
     std::optional<UserData> dtmfVisitor;                       ///< admitted visitor, if any
     std::map<std::string, UserData> remoteControlUsers;
-    bool tempKeySendOk = true;                  ///< requestTempKey's result
+    bool tempKeySendOk = true;                     ///< requestTempKey's result
     std::map<std::string, UserData> tempKeyUsers;  ///< key -> user
     std::vector<AuthTarget> tempKeyTargets;
     std::optional<HttpOpenConfig> httpConfig;
     bool bleAllowed = true;
     std::vector<std::vector<std::string>> bleRecords;
-    std::set<std::string> offlineRelays;  ///< anti-passback and interlock questions for these fail to send
+    std::set<std::string>
+        offlineRelays;  ///< anti-passback and interlock questions for these fail to send
     bool parkingOffline = false;
     std::vector<ReaderType> readerPriority;  ///< empty: getReaderPriority answers false
-    std::set<std::string> throwFrom;  ///< operation names that throw std::runtime_error
+    std::set<std::string> throwFrom;         ///< operation names that throw std::runtime_error
 
     QuestionHook answerTempKey;
     QuestionHook answerAntiPassback;
@@ -101,7 +105,8 @@ public:
     // ---- IDataProvider ----
     std::shared_ptr<UserData> getUserByCredential(const char* credential,
                                                   const OpenDoorType& openType) override;
-    std::shared_ptr<KeyData> getKeyData(const AuthContext& context, int keyKind, int ownerKind) override;
+    std::shared_ptr<KeyData> getKeyData(const AuthContext& context, int keyKind,
+                                        int ownerKind) override;
     std::vector<std::shared_ptr<ScheduleData>> getRelaySchedules(const std::string& ownerKey,
                                                                  int ownerKind) override;
     std::vector<HolidayData> getHolidays(const std::string& ownerKey, int ownerKind) override;
@@ -114,8 +119,10 @@ public:
     std::vector<std::string> getForbiddenUnlockTypeRelays(const std::vector<std::string>& relays,
                                                           OpenDoorType openType) override;
     bool getDtmfConfig(DtmfConfig& out, const AuthContext& context) override;
-    bool requestDtmfWhitelist(const DtmfWhitelistRequest& request, DtmfWhitelistResult& result) override;
-    bool getDtmfUser(const std::string& remoteNumber, UserData& user, const AuthContext& context) override;
+    bool requestDtmfWhitelist(const DtmfWhitelistRequest& request,
+                              DtmfWhitelistResult& result) override;
+    bool getDtmfUser(const std::string& remoteNumber, UserData& user,
+                     const AuthContext& context) override;
     bool requestDtmfVisitorPermission(const DtmfVisitorPermissionRequest& request,
                                       UserData& user) override;
     bool getRemoteControlUser(const std::string& remoteUserId, UserData& user,
@@ -124,14 +131,16 @@ public:
     bool getTempKeyUser(const TempKeyAuthData& data, UserData& user) override;
     void getTempKeyTargets(std::vector<AuthTarget>& targets) override;
     bool getHttpOpenConfig(HttpOpenConfig& out) override;
-    bool checkBleOpenInterval(const UserData& user, const std::vector<std::string>& relays) override;
+    bool checkBleOpenInterval(const UserData& user,
+                              const std::vector<std::string>& relays) override;
     void recordBleOpen(const UserData& user, const std::vector<std::string>& relays) override;
-    std::string requestAntiPassback(const AuthRequest& request, const UserData& user, AuthContext& context,
-                                    AuthCallback callback) override;
+    std::string requestAntiPassback(const AuthRequest& request, const UserData& user,
+                                    AuthContext& context, AuthCallback callback) override;
     std::string requestInterlock(const AuthRequest& request, const std::string& relay,
                                  AuthContext& context, AuthCallback callback) override;
-    std::string requestParking(const AuthRequest& request, const UserData& user, std::string credential,
-                               AuthContext& context, AuthCallback callback) override;
+    std::string requestParking(const AuthRequest& request, const UserData& user,
+                               std::string credential, AuthContext& context,
+                               AuthCallback callback) override;
     void onAuthResult(const AuthContext& context, const AuthResult& result) override;
     bool getReaderPriority(std::vector<ReaderType>& priority) override;
 

@@ -13,14 +13,18 @@ LogCapture::LogCapture() {
     });
 }
 
-LogCapture::~LogCapture() { AuthLogger::setSink(nullptr); }
+LogCapture::~LogCapture() {
+    AuthLogger::setSink(nullptr);
+}
 
 std::vector<std::string> LogCapture::lines() {
     std::lock_guard<std::mutex> guard(mutex);
     return captured;
 }
 
-bool LogCapture::contains(const std::string& text) { return count(text) > 0; }
+bool LogCapture::contains(const std::string& text) {
+    return count(text) > 0;
+}
 
 int LogCapture::count(const std::string& text) {
     std::lock_guard<std::mutex> guard(mutex);
