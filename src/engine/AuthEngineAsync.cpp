@@ -9,6 +9,7 @@
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 #include "engine/WorkerThread.h"
 
@@ -102,11 +103,7 @@ void keepFirstRemoteFailCode(AuthContext& context, const AuthResponse& answer) {
 }
 
 AuthResponse shutdownResponse() {
-    AuthResponse response;
-    response.result = FAILED;
-    response.failCode = 0;
-    response.reason = "Engine shutdown";
-    return response;
+    return failedResponse("Engine shutdown");
 }
 
 }  // namespace

@@ -6,17 +6,12 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/ProcessorSupport.h"
 
 namespace auth_engine {
 namespace processors {
 
 namespace {
-
-void fail(AuthContext& context, int failCode, const char* reason) {
-    context.response.result = FAILED;
-    context.response.failCode = failCode;
-    context.response.reason = reason;
-}
 
 // Targets of a code's relays: "S" plus a letter is a kind-1 relay, anything else kind 0. Empty ids
 // and repeats are dropped.
@@ -49,7 +44,7 @@ AuthResult DtmfProcessor::process(AuthContext& context, IDataProvider& provider)
     }
     const std::shared_ptr<DtmfRequestData> dtmfData = context.request.dtmfData;
     if (!dtmfData) {
-        fail(context, 0, "Invalid DTMF data");
+        failRequest(context, 0, "Invalid DTMF data");
         AuthLogger::info("[DtmfProcessor:%d] missing dtmf data, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -57,7 +52,7 @@ AuthResult DtmfProcessor::process(AuthContext& context, IDataProvider& provider)
 
     DtmfConfig config;
     if (!provider.getDtmfConfig(config, context) || !config.enabled) {
-        fail(context, 1, "DTMF open disabled");
+        failRequest(context, 1, "DTMF open disabled");
         AuthLogger::info("[DtmfProcessor:%d] disabled, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -71,7 +66,7 @@ AuthResult DtmfProcessor::process(AuthContext& context, IDataProvider& provider)
                                                 ? std::vector<AuthTarget>()
                                                 : targetsForRelays(code->second);
     if (targets.empty()) {
-        fail(context, 1, "Invalid DTMF code");
+        failRequest(context, 1, "Invalid DTMF code");
         AuthLogger::info("[DtmfProcessor:%d] unknown code, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -88,7 +83,7 @@ AuthResult DtmfProcessor::process(AuthContext& context, IDataProvider& provider)
         question.dtmfCode = dtmfData->dtmfCode;
         DtmfWhitelistResult answer;
         if (!provider.requestDtmfWhitelist(question, answer) || !answer.allowed) {
-            fail(context, 1, "DTMF caller not whitelisted");
+            failRequest(context, 1, "DTMF caller not whitelisted");
             AuthLogger::info("[DtmfProcessor:%d] caller not whitelisted, result=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED));
             return FAILED;

@@ -9,6 +9,7 @@
 #include "auth_engine/AuthLogger.h"
 #include "common/DecisionLocalTime.h"
 #include "common/LogSwitch.h"
+#include "common/ProcessorSupport.h"
 
 namespace auth_engine {
 namespace processors {
@@ -185,9 +186,7 @@ AuthResult HolidayCheckProcessor::process(AuthContext& context, IDataProvider& p
         }
         return CONTINUE;
     }
-    context.response.result = FAILED;
-    context.response.failCode = 2;
-    context.response.reason = "Access denied: no relay with holiday exemption";
+    failRequest(context, 2, "Access denied: no relay with holiday exemption");
     AuthLogger::info("[HolidayCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                      AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
     return FAILED;

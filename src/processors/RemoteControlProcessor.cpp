@@ -5,6 +5,7 @@
 #include <string>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/ProcessorSupport.h"
 
 namespace auth_engine {
 namespace processors {
@@ -17,9 +18,7 @@ AuthResult RemoteControlProcessor::process(AuthContext& context, IDataProvider& 
     }
     const std::string remoteUserId = context.request.credential;
     if (remoteUserId.empty()) {
-        context.response.result = FAILED;
-        context.response.failCode = 1;
-        context.response.reason = "Remote control user id is empty";
+        failRequest(context, 1, "Remote control user id is empty");
         AuthLogger::info("[RemoteControlProcessor:%d] empty remote user id, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -30,9 +29,7 @@ AuthResult RemoteControlProcessor::process(AuthContext& context, IDataProvider& 
         // The remote side vouches for the command; without a known user it must at least say what
         // to open.
         if (context.request.targets.empty()) {
-            context.response.result = FAILED;
-            context.response.failCode = 32;
-            context.response.reason = "Remote control target invalid";
+            failRequest(context, 32, "Remote control target invalid");
             AuthLogger::info("[RemoteControlProcessor:%d] fallback target invalid, result=%s",
                              __LINE__, AuthLogger::authResultToString(FAILED));
             return FAILED;

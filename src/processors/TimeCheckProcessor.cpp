@@ -16,6 +16,7 @@
 #include "auth_engine/AuthLogger.h"
 #include "common/DecisionLocalTime.h"
 #include "common/LogSwitch.h"
+#include "common/ProcessorSupport.h"
 
 namespace auth_engine {
 namespace processors {
@@ -127,12 +128,6 @@ void setHolidayExemption(AuthContext& context, const std::string& relay, bool ex
     context.relayStatusMap[relay].holidayExemption = exempt;
 }
 
-void setFailure(AuthContext& context, int failCode, const char* reason) {
-    context.response.result = FAILED;
-    context.response.failCode = failCode;
-    context.response.reason = reason;
-}
-
 }  // namespace
 
 void TimeCheckProcessor::markAllRelaysFailed(AuthContext& context, const char* word) {
@@ -186,7 +181,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
             relayList = request.relays;
         }
         if (relayList.empty()) {
-            setFailure(context, 32, "Relay key target invalid");
+            failRequest(context, 32, "Relay key target invalid");
             AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED),
                              context.response.reason.c_str());
@@ -199,7 +194,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
         context.authTargets = source;
         if (scheduleIds.empty()) {
             markAllRelaysFailed(context, "TimeCheck");
-            setFailure(context, 3, "Relay key schedule invalid");
+            failRequest(context, 3, "Relay key schedule invalid");
             AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED),
                              context.response.reason.c_str());
@@ -233,7 +228,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
     const std::shared_ptr<UserData> user = context.userData;
     if (!user) {
         markAllRelaysFailed(context, "TimeCheck");
-        setFailure(context, 1, "No user data");
+        failRequest(context, 1, "No user data");
         AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
         return FAILED;
@@ -245,7 +240,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
         const std::shared_ptr<KeyData> plate = context.keyData;
         if (!plate) {
             markAllRelaysFailed(context, "TimeCheck");
-            setFailure(context, 22, "License plate key data not found");
+            failRequest(context, 22, "License plate key data not found");
             AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED),
                              context.response.reason.c_str());
@@ -269,7 +264,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
             }
             if (reason != nullptr) {
                 markAllRelaysFailed(context, "InvalidTimeRange");
-                setFailure(context, 7, reason);
+                failRequest(context, 7, reason);
                 AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                                  AuthLogger::authResultToString(FAILED), reason);
                 return FAILED;
@@ -279,7 +274,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
 
     if (user->validTimeStart >= 1 && now < user->validTimeStart) {
         markAllRelaysFailed(context, "InvalidUserTime");
-        setFailure(context, 22, "User not yet valid");
+        failRequest(context, 22, "User not yet valid");
         AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
         return failureResult(context);
@@ -290,7 +285,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
         static_cast<long long>(user->validTimeEnd));
     if (user->validTimeEnd >= 1 && now > user->validTimeEnd) {
         markAllRelaysFailed(context, "InvalidUserTime");
-        setFailure(context, 22, "User expired");
+        failRequest(context, 22, "User expired");
         AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
         return failureResult(context);
@@ -387,7 +382,7 @@ AuthResult TimeCheckProcessor::checkRelaySchedules(AuthContext& context, IDataPr
     if (keptCount == 0) {
         // Nothing was moved: the candidate list is left as it was so later reporting still sees
         // what was asked for.
-        setFailure(context, 3, "Not in scheduled time");
+        failRequest(context, 3, "Not in scheduled time");
         AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
         return failureResult(context);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/ProcessorSupport.h"
 
 namespace auth_engine {
 namespace processors {
@@ -118,9 +119,7 @@ AuthResult UserLookupProcessor::process(AuthContext& context, IDataProvider& pro
         return CONTINUE;
     }
 
-    context.response.result = FAILED;
-    context.response.failCode = 1;
-    context.response.reason = "User not found";
+    failRequest(context, 1, "User not found");
     AuthLogger::info("[UserLookupProcessor:%d] result=%s, reason=%s", __LINE__,
                      AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
     return FAILED;

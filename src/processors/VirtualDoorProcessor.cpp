@@ -8,6 +8,7 @@
 
 #include "auth_engine/AuthLogger.h"
 #include "common/LogSwitch.h"
+#include "common/ProcessorSupport.h"
 #include "common/RelayScan.h"
 
 namespace auth_engine {
@@ -131,9 +132,7 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
         }
         context.relays = std::move(kept);
         if (context.relays.empty()) {
-            context.response.result = FAILED;
-            context.response.failCode = 3;
-            context.response.reason = "Requested relay is not in schedule";
+            failRequest(context, 3, "Requested relay is not in schedule");
             context.response.failedRelays = std::move(requested);
             AuthLogger::info("[VirtualDoorProcessor:%d] no requested relays in schedule, result=%s",
                              __LINE__, failedText);
@@ -161,9 +160,7 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
     if (reader == config.readerRelayMap.end() || reader->second.empty()) {
         // With doors managed remotely, the internal reader may open nothing it was not given.
         if (config.cloudVirtualDoorConfigured && readerType == READER_TYPE_INTERNAL) {
-            context.response.result = FAILED;
-            context.response.failCode = 3;
-            context.response.reason = "Virtual door reader access denied";
+            failRequest(context, 3, "Virtual door reader access denied");
             context.response.failedRelays = context.relays;
             AuthLogger::info(
                 "[VirtualDoorProcessor:%d] no virtualDoor for reader, result=%s, "
@@ -248,9 +245,7 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
         AuthLogger::info("[VirtualDoorProcessor:%d] result=%s", __LINE__, continueText);
         return CONTINUE;
     }
-    context.response.result = FAILED;
-    context.response.failCode = 3;
-    context.response.reason = "Virtual door access denied";
+    failRequest(context, 3, "Virtual door access denied");
     context.response.failedRelays = std::move(beforeFilter);
     AuthLogger::info("[VirtualDoorProcessor:%d] result=%s, reason=%s", __LINE__, failedText,
                      context.response.reason.c_str());
