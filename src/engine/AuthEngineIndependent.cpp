@@ -11,6 +11,7 @@
 
 #include "auth_engine/AuthLogger.h"
 #include "engine/AuthEngine.h"
+#include "engine/HostCall.h"
 #include "processors/AntiPassbackProcessor.h"
 #include "processors/InterlockProcessor.h"
 #include "processors/ParkingRestrictionProcessor.h"
@@ -91,21 +92,6 @@ AuthEngine::IndependentAsyncContext newPhase(const AuthContext& context, const c
     wrapper.timeoutSeconds = timeoutSeconds;
     wrapper.parentRequestId = parentId;
     return wrapper;
-}
-
-/// Runs `ask`, a question to the host through a processor. A throw is logged as
-/// "<what> failed: <reason>" and false is returned, so that the phase can decide without it.
-template <typename Ask>
-bool askGuarded(const char* what, Ask&& ask) {
-    try {
-        std::forward<Ask>(ask)();
-        return true;
-    } catch (const std::exception& e) {
-        AuthLogger::error("%s failed: %s", what, e.what());
-    } catch (...) {
-        AuthLogger::error("%s failed", what);
-    }
-    return false;
 }
 
 /// A response that carries no outcome yet, only the phase it belongs to.
@@ -373,10 +359,10 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         AuthResult apResult = ASYNC_PENDING;
         if (processor) {
             const std::shared_ptr<IDataProvider> host = provider();
-            const bool asked =
-                host && askGuarded("[AuthEngine::processPostSyncPhase] anti-passback", [&] {
-                    apResult = processor->processRelays(wrapper.context, *host, apRelays);
-                });
+            const bool asked = host && callHost("anti-passback phase question", [&] {
+                                   apResult =
+                                       processor->processRelays(wrapper.context, *host, apRelays);
+                               });
             if (!asked) {
                 // Nothing reliable was sent: every relay of the phase fails, once, on resume.
                 for (const std::string& relay : apRelays) {
@@ -457,10 +443,9 @@ void AuthEngine::launchInterlockPhase(const AuthContext& context, const AuthCall
     const auto processor =
         std::dynamic_pointer_cast<processors::InterlockProcessor>(getProcessor(chain::INTERLOCK));
     const std::shared_ptr<IDataProvider> host = provider();
-    const bool asked =
-        processor && host && askGuarded("[AuthEngine::launchInterlockPhase] interlock", [&] {
-            processor->processRelays(wrapper.context, *host, relays);
-        });
+    const bool asked = processor && host && callHost("interlock phase question", [&] {
+                           processor->processRelays(wrapper.context, *host, relays);
+                       });
     if (!asked) {
         // Nobody can vouch for these relays: they stay shut.
         for (auto& entry : wrapper.context.interlockResults) {
@@ -516,8 +501,8 @@ void AuthEngine::launchParkingPhase(const AuthContext& context, const AuthCallba
     AuthResult result = FAILED;
     if (processor && host) {
         // A throw leaves the result FAILED.
-        askGuarded("[AuthEngine::launchParkingPhase] parking",
-                   [&] { result = processor->processRelays(wrapper.context, *host, relays); });
+        callHost("parking phase question",
+                 [&] { result = processor->processRelays(wrapper.context, *host, relays); });
     }
     if (result != ASYNC_PENDING) {
         // Decided without an answer: an offline host (or a check that does not apply) lets the
@@ -860,8 +845,8 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
         if (!processor || !host || unanswered.empty()) {
             continue;
         }
-        if (!askGuarded("[AuthEngine::checkTimeoutForIndependentRequests] retry",
-                        [&] { processor->retryPendingRelays(copy, *host, unanswered); })) {
+        if (!callHost("interlock retry",
+                      [&] { processor->retryPendingRelays(copy, *host, unanswered); })) {
             continue;
         }
         bool ready = false;
