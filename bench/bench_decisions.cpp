@@ -73,6 +73,28 @@ void reportPercentiles(benchmark::State& state, std::vector<double>& microsecond
     state.counters["p99_us"] = at(0.99);
 }
 
+// Times each iteration from authenticateAsync to the completion's signal, with `answer` (the host
+// answering its questions) in between, and reports the percentiles. False when a submission was
+// refused.
+template <typename Answer>
+bool timeRoundTrips(benchmark::State& state, const AuthRequest& request,
+                    const AuthCallback& callback, Completion& completion, Answer&& answer) {
+    std::vector<double> samples;
+    for (auto _ : state) {
+        const Clock::time_point start = Clock::now();
+        if (facade().authenticateAsync(request, callback).empty()) {
+            state.SkipWithError("submission refused");
+            return false;
+        }
+        answer();
+        const std::chrono::duration<double> elapsed = completion.wait() - start;
+        state.SetIterationTime(elapsed.count());
+        samples.push_back(elapsed.count() * 1e6);
+    }
+    reportPercentiles(state, samples);
+    return true;
+}
+
 // ---- synchronous decisions ----
 
 void decision(benchmark::State& state, Logging logging) {
@@ -127,18 +149,7 @@ void BM_AsyncRoundTrip(benchmark::State& state) {
     Completion completion;
     const AuthCallback callback = [&completion](const std::string&, const AuthResponse&,
                                                 const AuthContext&) { completion.signal(); };
-    std::vector<double> samples;
-    for (auto _ : state) {
-        const Clock::time_point start = Clock::now();
-        if (facade().authenticateAsync(request, callback).empty()) {
-            state.SkipWithError("submission refused");
-            break;
-        }
-        const std::chrono::duration<double> elapsed = completion.wait() - start;
-        state.SetIterationTime(elapsed.count());
-        samples.push_back(elapsed.count() * 1e6);
-    }
-    reportPercentiles(state, samples);
+    timeRoundTrips(state, request, callback, completion, [] {});
 }
 
 // A temporary-key attempt: the chain parks on the host's question, the host answers from its own
@@ -158,21 +169,14 @@ void BM_TempKeyRoundTrip(benchmark::State& state) {
         opened = opened && response.result == SUCCESS && response.openedRelays.size() == 2;
         completion.signal();
     };
-    std::vector<double> samples;
-    for (auto _ : state) {
-        const Clock::time_point start = Clock::now();
-        facade().authenticateAsync(request, callback);
+    const bool ran = timeRoundTrips(state, request, callback, completion, [&] {
         for (auto& question : provider->takeQuestions(1)) {
             question.callback("", granted, answer);
         }
-        const std::chrono::duration<double> elapsed = completion.wait() - start;
-        state.SetIterationTime(elapsed.count());
-        samples.push_back(elapsed.count() * 1e6);
-    }
-    if (!opened) {
+    });
+    if (ran && !opened) {
         state.SkipWithError("a temporary key was not granted");
     }
-    reportPercentiles(state, samples);
 }
 
 // A user under anti-passback on both relays: the chain passes, the relays are held back in an
@@ -196,21 +200,14 @@ void BM_AntiPassbackRoundTrip(benchmark::State& state) {
             completion.signal();
         }
     };
-    std::vector<double> samples;
-    for (auto _ : state) {
-        const Clock::time_point start = Clock::now();
-        facade().authenticateAsync(request, callback);
+    const bool ran = timeRoundTrips(state, request, callback, completion, [&] {
         for (auto& question : provider->takeQuestions(2)) {
             question.callback("", passed, AuthContext());
         }
-        const std::chrono::duration<double> elapsed = completion.wait() - start;
-        state.SetIterationTime(elapsed.count());
-        samples.push_back(elapsed.count() * 1e6);
-    }
-    if (!opened) {
+    });
+    if (ran && !opened) {
         state.SkipWithError("the anti-passback phase did not open both relays");
     }
-    reportPercentiles(state, samples);
 }
 
 // ---- throughput ----
