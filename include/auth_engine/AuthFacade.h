@@ -112,6 +112,16 @@ public:
     /// True between a successful init and reset.
     bool isReady() const;
 
+    /// Waits until the engine has nothing left to do for now: every queued attempt and every
+    /// answered request handled, and one timeout sweep run at the clocks' present reading (the
+    /// worker is woken for it instead of waiting up to its one-second tick). For an orderly
+    /// shut-down (let the last decisions finish before reset) and for hosts that drive the clocks
+    /// through AuthClock. Questions still waiting for a peer do not count: only the host can
+    /// answer them. @return true when idle (at once when not initialised), false when
+    /// `timeoutMs` passed first, and false at once, with an error log line, when called on the
+    /// engine's worker thread (from a callback or a provider operation), where it could never end.
+    bool waitForIdle(int timeoutMs);
+
 private:
     AuthFacade();
     ~AuthFacade();

@@ -578,4 +578,26 @@ bool AuthEngine::waitForIdle(int timeoutMs) {
         [&] { return !running || (resumeQueue.empty() && requestQueue.empty() && !workerBusy); });
 }
 
+bool AuthEngine::settle(int timeoutMs) {
+    if (workerEngineOfThread == this) {
+        AuthLogger::error("[AuthEngine] waitForIdle refused: called on the engine's own worker");
+        return false;
+    }
+    std::unique_lock<std::mutex> lock(queueMutex);
+    if (!running) {
+        return true;
+    }
+    // A pass already under way may have read the clocks before the caller moved them: only a pass
+    // that starts after this point counts.
+    const uint64_t target = passesStarted + 1;
+    lock.unlock();
+    sem_post(&queueSemaphore);
+    lock.lock();
+    return idleChanged.wait_for(
+        lock, std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs), [&] {
+            return !running || (passesCompleted >= target && resumeQueue.empty() &&
+                                requestQueue.empty() && !workerBusy);
+        });
+}
+
 }  // namespace auth_engine

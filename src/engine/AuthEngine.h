@@ -141,6 +141,11 @@ public:
     std::string subRequestParent(const std::string& subRequestId);
     /// True once both queues are empty and the worker waits after a whole pass (or no worker runs).
     bool waitForIdle(int timeoutMs);
+    /// Wakes the worker for one more pass (its timeout sweep reads the clocks as they are now) and
+    /// waits until that pass is complete with both queues empty. True at once when no worker runs;
+    /// false on timeout, and at once (with an error log line) on the worker's own thread, where
+    /// waiting for the worker could never end.
+    bool settle(int timeoutMs);
 
     // ---- host answer routing, used by the processors that ask the host ----
 
@@ -237,7 +242,9 @@ private:
 
     bool semaphoreReady = false;
     bool workerStarted = false;
-    bool workerBusy = false;  ///< guarded by queueMutex: the worker is inside a pass
+    bool workerBusy = false;       ///< guarded by queueMutex: the worker is inside a pass
+    uint64_t passesStarted = 0;    ///< guarded by queueMutex
+    uint64_t passesCompleted = 0;  ///< guarded by queueMutex
     /// Notified (with queueMutex) whenever the worker ends a pass or stops; waitForIdle waits on
     /// it.
     std::condition_variable idleChanged;

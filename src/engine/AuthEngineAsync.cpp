@@ -166,6 +166,7 @@ void* AuthEngine::asyncThreadFunc(void* arg) {
         {
             std::lock_guard<std::mutex> lock(self->queueMutex);
             self->workerBusy = true;
+            ++self->passesStarted;
             if (!self->resumeQueue.empty()) {
                 resumeId = std::move(self->resumeQueue.front());
                 self->resumeQueue.pop_front();
@@ -186,6 +187,7 @@ void* AuthEngine::asyncThreadFunc(void* arg) {
         {
             std::lock_guard<std::mutex> lock(self->queueMutex);
             self->workerBusy = false;
+            ++self->passesCompleted;
         }
         self->idleChanged.notify_all();
     }

@@ -228,6 +228,14 @@ void AuthFacade::reset() {
     }
 }
 
+bool AuthFacade::waitForIdle(int timeoutMs) {
+    const auto current = currentEngine();
+    if (!current) {
+        return true;
+    }
+    return shielded<bool>("waitForIdle", false, [&] { return current->settle(timeoutMs); });
+}
+
 bool AuthFacade::isReady() const {
     const auto current = currentEngine();
     return current && current->isReady();

@@ -1,5 +1,6 @@
 // The host's entry point: answers without an engine, init and reset, the convenience overloads.
 #include "support/EngineHarness.h"
+#include "support/LogCapture.h"
 
 namespace auth_engine {
 namespace testing {
@@ -93,6 +94,33 @@ TEST_F(Facade, UnlockOptionsAnswerIsAHostAnswerById) {
     expectFailed(recorder.at(0).response, 44, "User canceled relay selection");
     EXPECT_EQ(recorder.at(1).response.result, SUCCESS);
     EXPECT_EQ(recorder.at(1).response.unlockOptionsRelays, (Relays{"2", "1"}));
+}
+
+TEST_F(Facade, WaitForIdleSweepsAtTheClockAsItIsNowAndRefusesTheWorker) {
+    EXPECT_TRUE(facade.waitForIdle(0));  // no engine: nothing to wait for
+    ASSERT_EQ(facade.init(host), 0);
+    useParker();
+    ASSERT_FALSE(facade.authenticateAsync(makeRequest("park"), recorder.callback()).empty());
+    ASSERT_TRUE(parked.waitEntered());
+    ASSERT_TRUE(facade.waitForIdle(kWaitMs));
+    EXPECT_EQ(recorder.count(), 0u);
+    // The sweep that ends the parked chain must run before waitForIdle returns, not at the
+    // worker's next tick.
+    clock.advance(31);
+    ASSERT_TRUE(facade.waitForIdle(kWaitMs));
+    ASSERT_EQ(recorder.count(), 1u);
+    expectFailed(recorder.at(0).response, 0, "Async request timeout");
+
+    // On the worker's own thread the wait could never end: refused at once.
+    LogCapture log;
+    std::atomic<int> fromCallback{-1};
+    facade.authenticateAsync(makeRequest("other"),
+                             [&](const std::string&, const AuthResponse&, const AuthContext&) {
+                                 fromCallback = facade.waitForIdle(kWaitMs) ? 1 : 0;
+                             });
+    ASSERT_TRUE(facade.waitForIdle(kWaitMs));
+    EXPECT_EQ(fromCallback.load(), 0);
+    EXPECT_TRUE(log.contains("waitForIdle refused"));
 }
 
 }  // namespace
