@@ -8,3 +8,4 @@
 #include "auth_engine/AuthTypes.h"
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
+#include "auth_engine/version.h"
