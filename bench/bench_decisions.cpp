@@ -137,6 +137,39 @@ void BM_Floor(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 
+// A relay key naming 160,000 schedules (with repeats) for one relay, the host answering with 1,000
+// of them: the work of a decision must grow with the host's data, not with its square.
+void BM_RelayKey160kSchedules(benchmark::State& state) {
+    auto provider = std::make_shared<BenchProvider>();
+    provider->schedules.clear();
+    for (int id = 1; id <= 1000; ++id) {
+        auto schedule = std::make_shared<ScheduleData>();
+        schedule->id = id * 160;
+        schedule->type = 1;
+        schedule->scheduleId = std::to_string(id * 160);
+        schedule->startTime = "00:00:00";
+        schedule->endTime = "23:59:59";
+        provider->schedules.push_back(schedule);
+    }
+    FacadeSession session(provider);
+    useLogging(Logging::NULL_SINK);
+    AuthRequest request;
+    request.openType = OPEN_TYPE_RELAY_KEY;
+    request.relayKeyData = std::make_shared<RelayKeyAuthData>();
+    for (int id = 1; id <= 160000; ++id) {
+        request.relayKeyData->scheduleIds += std::to_string(id % 150000 + 1) + ";";
+    }
+    request.relayKeyData->targets = {{0, "1"}};
+    for (auto _ : state) {
+        AuthResponse response = facade().authenticate(request);
+        if (response.result != SUCCESS || response.openedRelays.size() != 1) {
+            state.SkipWithError("the relay key was not granted");
+            break;
+        }
+        benchmark::DoNotOptimize(response);
+    }
+}
+
 // ---- asynchronous round trips ----
 
 // authenticateAsync to the completion callback: the queue, the worker's wake-up through the
@@ -237,6 +270,7 @@ BENCHMARK(BM_Decision_NullSink);
 BENCHMARK(BM_Decision_EmptySink);
 BENCHMARK(BM_Decision_Syslog);
 BENCHMARK(BM_Floor);
+BENCHMARK(BM_RelayKey160kSchedules)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_AsyncRoundTrip)->UseManualTime();
 BENCHMARK(BM_TempKeyRoundTrip)->UseManualTime();
 BENCHMARK(BM_AntiPassbackRoundTrip)->UseManualTime();

@@ -2,17 +2,10 @@
 
 #include <algorithm>
 
+#include "common/Distinct.h"
 #include "engine/AuthEngine.h"
 
 namespace auth_engine {
-
-namespace {
-
-bool contains(const std::vector<std::string>& list, const std::string& value) {
-    return std::find(list.begin(), list.end(), value) != list.end();
-}
-
-}  // namespace
 
 AuthResponse failedResponse(const char* reason) {
     AuthResponse response;
@@ -38,8 +31,9 @@ AuthCallback answerCallbackFor(AuthEngine* engine, const std::string& routedId) 
 void refuseRelays(AuthContext& context, const std::vector<std::string>& refused,
                   const char* failName, int failCode) {
     std::vector<std::string> remaining;
+    const ListLookup refusedLookup(refused);
     for (const std::string& relay : context.relays) {
-        if (contains(refused, relay)) {
+        if (refusedLookup.contains(relay)) {
             context.failedRelays.push_back(relay);
             context.relayFailReasons[relay] = failName;
         } else {
@@ -60,11 +54,7 @@ const char* targetListRefusal(const std::vector<AuthTarget>& targets,
 }
 
 void adoptCommandTargets(AuthContext& context, const std::vector<AuthTarget>& targets) {
-    for (const AuthTarget& target : targets) {
-        if ((target.type == 0 || target.type == 1) && !contains(context.relays, target.relay)) {
-            context.relays.push_back(target.relay);
-        }
-    }
+    appendTargetRelays(context.relays, targets);
     context.authTargets = targets;
     context.skipUserLookup = true;
     context.skipVirtualDoor = true;

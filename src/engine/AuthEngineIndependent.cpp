@@ -6,10 +6,12 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/Distinct.h"
 #include "engine/AuthEngine.h"
 #include "engine/HostCall.h"
 #include "processors/AntiPassbackProcessor.h"
@@ -43,20 +45,6 @@ constexpr int32_t CHOICE_TIMEOUT_SECONDS = 30;
 
 bool contains(const std::vector<std::string>& list, const std::string& value) {
     return std::find(list.begin(), list.end(), value) != list.end();
-}
-
-void appendOnce(std::vector<std::string>& list, const std::string& value) {
-    if (!contains(list, value)) {
-        list.push_back(value);
-    }
-}
-
-std::vector<std::string> uniqueRelays(const std::vector<std::string>& relays) {
-    std::vector<std::string> unique;
-    for (const std::string& relay : relays) {
-        appendOnce(unique, relay);
-    }
-    return unique;
 }
 
 bool isRelayTarget(const AuthTarget& target) {
@@ -115,30 +103,22 @@ void AuthEngine::buildAuthTargets(AuthContext& context) {
 void AuthEngine::buildAuthTargetsForRelays(AuthContext& context,
                                            const std::vector<std::string>& relays,
                                            bool includeUserTarget) {
-    // A report names a handful of targets: a linear search for repeats beats a set, which would
-    // allocate a node per target.
     std::vector<AuthTarget> targets;
     targets.reserve(context.authTargets.size() + relays.size() + 1);
-    const auto add = [&targets](int type, const std::string& id) {
-        const auto same = [&](const AuthTarget& target) {
-            return target.type == type && target.relay == id;
-        };
-        if (std::none_of(targets.begin(), targets.end(), same)) {
-            targets.push_back(AuthTarget{type, id});
-        }
-    };
+    DistinctTargets add(targets);
+    const ListLookup opened(relays);
     // Targets gathered by the chain keep their kind; a relay target is only actuated for a relay
     // that this report opens.
     for (const AuthTarget& target : context.authTargets) {
-        if (isRelayTarget(target) ? contains(relays, target.relay) : includeUserTarget) {
-            add(target.type, target.relay);
+        if (isRelayTarget(target) ? opened.contains(target.relay) : includeUserTarget) {
+            add.add(target.type, target.relay);
         }
     }
     for (const std::string& relay : relays) {
-        add(relay.size() > 1 && relay[0] == 'S' ? 1 : 0, relay);
+        add.add(relay.size() > 1 && relay[0] == 'S' ? 1 : 0, relay);
     }
     if (includeUserTarget && context.userData && !context.userData->userTargetId.empty()) {
-        add(2, context.userData->userTargetId);
+        add.add(2, context.userData->userTargetId);
     }
     context.response.targets = std::move(targets);
 }
@@ -183,17 +163,24 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
     // A relay refused only by the virtual-door policy is not this reader's door: it is neither
     // reported as failed nor opened.
     std::vector<std::string> failed;
+    LazyIndex<std::string> failedIndex;
     for (const std::string& relay : context.failedRelays) {
         const auto reason = context.relayFailReasons.find(relay);
         if (reason != context.relayFailReasons.end() && reason->second != chain::VIRTUAL_DOOR) {
-            appendOnce(failed, relay);
+            appendDistinct(
+                failed, [&]() -> auto& { return failedIndex; }, relay);
         }
     }
     std::vector<std::string> candidates;
     candidates.reserve(context.relays.size());
-    for (const std::string& relay : context.relays) {
-        if (!contains(failed, relay)) {
-            appendOnce(candidates, relay);
+    {
+        const ListLookup failedLookup(failed);
+        LazyIndex<std::string> candidateIndex;
+        for (const std::string& relay : context.relays) {
+            if (!failedLookup.contains(relay)) {
+                appendDistinct(
+                    candidates, [&]() -> auto& { return candidateIndex; }, relay);
+            }
         }
     }
     if (chainFailed) {
@@ -286,14 +273,16 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         }
     }
     std::vector<std::string> apAndParkingRelays;
+    const ListLookup parkingLookup(parkingRelays);
     for (const std::string& relay : apRelays) {
-        if (contains(parkingRelays, relay)) {
+        if (parkingLookup.contains(relay)) {
             apAndParkingRelays.push_back(relay);
         }
     }
     std::vector<std::string> parkingOnlyRelays;
+    const ListLookup apLookup(apRelays);
     for (const std::string& relay : parkingRelays) {
-        if (!contains(apRelays, relay)) {
+        if (!apLookup.contains(relay)) {
             parkingOnlyRelays.push_back(relay);
         }
     }
@@ -414,7 +403,7 @@ void AuthEngine::launchInterlockPhase(const AuthContext& context, const AuthCall
                                       const std::vector<std::string>& requested,
                                       bool notifyProvider) {
     // Each relay is asked once, so that the pending count can reach zero.
-    const std::vector<std::string> relays = uniqueRelays(requested);
+    const std::vector<std::string> relays = distinctInOrder(requested);
     if (relays.empty()) {
         return;
     }
@@ -477,7 +466,7 @@ void AuthEngine::launchParkingPhase(const AuthContext& context, const AuthCallba
                                     const std::map<std::string, std::vector<int>>& relayChecks,
                                     const std::string& parentRequestId,
                                     const std::vector<std::string>& requested) {
-    const std::vector<std::string> relays = uniqueRelays(requested);
+    const std::vector<std::string> relays = distinctInOrder(requested);
     if (relays.empty()) {
         return;
     }
@@ -554,9 +543,14 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
                                                      ? context.response.unlockOptionsRelays
                                                      : context.response.openedRelays;
         std::vector<std::string> chosen;
-        for (const std::string& relay : answer) {
-            if (contains(context.relays, relay)) {
-                appendOnce(chosen, relay);
+        {
+            const ListLookup offered(context.relays);
+            LazyIndex<std::string> chosenIndex;
+            for (const std::string& relay : answer) {
+                if (offered.contains(relay)) {
+                    appendDistinct(
+                        chosen, [&]() -> auto& { return chosenIndex; }, relay);
+                }
             }
         }
         if (context.response.result == SUCCESS && !chosen.empty()) {
@@ -667,7 +661,7 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
     }
     // A relay of the phase that was never asked cannot have passed.
     for (const std::string& relay : context.relays) {
-        if (!contains(passed, relay) && !contains(failed, relay)) {
+        if (context.antiPassbackResults.count(relay) == 0) {
             failed.push_back(relay);
         }
     }
@@ -717,8 +711,9 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
     // Summary form: a phase parked without a check map reports everything it knows at once.
     std::vector<std::string> passedOnly;
     std::vector<std::string> passedAndParking;
+    const ListLookup apAndParking(wrapper.apAndParkingRelays);
     for (const std::string& relay : passed) {
-        if (contains(wrapper.apAndParkingRelays, relay)) {
+        if (apAndParking.contains(relay)) {
             passedAndParking.push_back(relay);
         } else {
             passedOnly.push_back(relay);
@@ -907,9 +902,10 @@ std::string AuthEngine::verifyInterlockTargets(const AuthRequest& request,
     }
     std::vector<AuthTarget> unique;
     std::vector<std::string> relays;
+    LazyIndex<std::string> relayIndex;
     for (const AuthTarget& target : targets) {
-        if (!contains(relays, target.relay)) {
-            relays.push_back(target.relay);
+        if (appendDistinct(
+                relays, [&]() -> auto& { return relayIndex; }, target.relay)) {
             unique.push_back(target);
         }
     }

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <memory>
+#include <unordered_set>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/Distinct.h"
 #include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 
@@ -27,12 +29,6 @@ bool isEligibleUser(const AuthContext& context) {
 
 bool isPassingStatus(int status) {
     return status == SUCCESS || status == CONTINUE;
-}
-
-void appendOnce(std::vector<std::string>& list, const std::string& relay) {
-    if (std::find(list.begin(), list.end(), relay) == list.end()) {
-        list.push_back(relay);
-    }
 }
 
 // Sends one question per relay of context.antiPassbackRelays, each under its own sub-request id.
@@ -145,6 +141,7 @@ AuthResult AntiPassbackProcessor::process(AuthContext& context, IDataProvider& p
     }
 
     context.antiPassbackRelays.clear();
+    LazyIndex<std::string> asked;
     for (const auto& entry : config.antiPassbackRelayMap) {
         AuthLogger::info("[AntiPassbackProcessor:%d] antiPassbackRelayMap relay=%s, direction=%d",
                          __LINE__, entry.first.c_str(), entry.second);
@@ -153,7 +150,8 @@ AuthResult AntiPassbackProcessor::process(AuthContext& context, IDataProvider& p
         const auto found = config.antiPassbackRelayMap.find(relay);
         if (found != config.antiPassbackRelayMap.end() && found->second != 0) {
             // A relay listed twice is still one question with one answer.
-            appendOnce(context.antiPassbackRelays, relay);
+            appendDistinct(
+                context.antiPassbackRelays, [&asked]() -> auto& { return asked; }, relay);
         }
     }
     context.antiPassbackDirections = config.antiPassbackRelayMap;
@@ -203,10 +201,7 @@ AuthResult AntiPassbackProcessor::processRelays(AuthContext& context, IDataProvi
     }
 
     context.antiPassbackDirections = config.antiPassbackRelayMap;
-    context.antiPassbackRelays.clear();
-    for (const std::string& relay : relays) {
-        appendOnce(context.antiPassbackRelays, relay);
-    }
+    context.antiPassbackRelays = distinctInOrder(relays);
 
     if (context.requestId.empty()) {
         const std::shared_ptr<UserData> user = context.userData;

@@ -6,6 +6,7 @@
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "common/Distinct.h"
 
 namespace auth_engine {
 namespace processors {
@@ -24,6 +25,7 @@ void writeBlock(AuthResponse& response, int mode, int first, int second, int rea
 // without '-' names no relay.
 std::vector<std::string> scheduleRelays(const std::string& scheduleRelay) {
     std::vector<std::string> relays;
+    LazyIndex<std::string> index;
     std::size_t start = 0;
     while (start <= scheduleRelay.size()) {
         std::size_t end = scheduleRelay.find(';', start);
@@ -34,9 +36,8 @@ std::vector<std::string> scheduleRelays(const std::string& scheduleRelay) {
         const std::size_t dash = entry.find('-');
         if (dash != std::string::npos) {
             for (const std::string& relay : parseRelayString(entry.substr(dash + 1))) {
-                if (std::find(relays.begin(), relays.end(), relay) == relays.end()) {
-                    relays.push_back(relay);
-                }
+                appendDistinct(
+                    relays, [&index]() -> auto& { return index; }, relay);
             }
         }
         start = end + 1;

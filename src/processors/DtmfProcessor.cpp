@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/Distinct.h"
 #include "common/ProcessorSupport.h"
 
 namespace auth_engine {
@@ -17,19 +19,10 @@ namespace {
 // and repeats are dropped.
 std::vector<AuthTarget> targetsForRelays(const std::vector<std::string>& relays) {
     std::vector<AuthTarget> targets;
-    for (const std::string& relay : relays) {
-        if (relay.empty()) {
-            continue;
+    for (const std::string& relay : distinctInOrder(relays)) {
+        if (!relay.empty()) {
+            targets.push_back(AuthTarget{(relay.size() > 1 && relay[0] == 'S') ? 1 : 0, relay});
         }
-        const bool seen = std::any_of(targets.begin(), targets.end(),
-                                      [&relay](const AuthTarget& t) { return t.relay == relay; });
-        if (seen) {
-            continue;
-        }
-        AuthTarget target;
-        target.type = (relay.size() > 1 && relay[0] == 'S') ? 1 : 0;
-        target.relay = relay;
-        targets.push_back(target);
     }
     return targets;
 }
@@ -95,18 +88,12 @@ AuthResult DtmfProcessor::process(AuthContext& context, IDataProvider& provider)
     data->targets = targets;
     context.dtmfAuthData = data;
 
+    DistinctTargets authTargets(context.authTargets);
+    LazyIndex<std::string> relayIndex;
     for (const AuthTarget& target : targets) {
-        const bool known = std::any_of(context.authTargets.begin(), context.authTargets.end(),
-                                       [&target](const AuthTarget& t) {
-                                           return t.type == target.type && t.relay == target.relay;
-                                       });
-        if (!known) {
-            context.authTargets.push_back(target);
-        }
-        if (std::find(context.relays.begin(), context.relays.end(), target.relay) ==
-            context.relays.end()) {
-            context.relays.push_back(target.relay);
-        }
+        authTargets.add(target.type, target.relay);
+        appendDistinct(
+            context.relays, [&relayIndex]() -> auto& { return relayIndex; }, target.relay);
     }
 
     UserData user;

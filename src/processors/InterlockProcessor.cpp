@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "common/Distinct.h"
 #include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 
@@ -60,12 +61,7 @@ AuthResult InterlockProcessor::processRelays(AuthContext& context, IDataProvider
                                              const std::vector<std::string>& relays) {
     // A relay listed twice is still one question with one answer; counting it twice would leave
     // the pending count above zero forever.
-    std::vector<std::string> asked;
-    for (const std::string& relay : relays) {
-        if (std::find(asked.begin(), asked.end(), relay) == asked.end()) {
-            asked.push_back(relay);
-        }
-    }
+    const std::vector<std::string> asked = distinctInOrder(relays);
     if (asked.empty()) {
         return CONTINUE;
     }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/Distinct.h"
 #include "common/ProcessorSupport.h"
 
 namespace auth_engine {
@@ -52,13 +53,7 @@ AuthResult RemoteControlProcessor::process(AuthContext& context, IDataProvider& 
     context.remoteControlAuthData = data;
 
     context.authTargets = context.request.targets;
-    for (const AuthTarget& target : context.authTargets) {
-        if ((target.type == 0 || target.type == 1) && !target.relay.empty() &&
-            std::find(context.relays.begin(), context.relays.end(), target.relay) ==
-                context.relays.end()) {
-            context.relays.push_back(target.relay);
-        }
-    }
+    appendTargetRelays(context.relays, context.authTargets);
 
     // The user is settled here, and the remote side already chose how the door may be opened.
     context.skipUserLookup = true;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/Distinct.h"
 #include "common/ProcessorSupport.h"
 
 namespace auth_engine {
@@ -130,15 +131,7 @@ AuthResult TempKeyProcessor::process(AuthContext& context, IDataProvider& provid
     }
     context.authTargets = targets;
 
-    for (const AuthTarget& target : targets) {
-        if ((target.type != 0 && target.type != 1) || target.relay.empty()) {
-            continue;
-        }
-        if (std::find(context.relays.begin(), context.relays.end(), target.relay) ==
-            context.relays.end()) {
-            context.relays.push_back(target.relay);
-        }
-    }
+    appendTargetRelays(context.relays, targets);
 
     // The key already identified the user: the lookup and its PIN rules must not run again.
     context.skipUserLookup = true;

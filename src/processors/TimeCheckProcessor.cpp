@@ -9,12 +9,14 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
 #include "common/DecisionLocalTime.h"
+#include "common/Distinct.h"
 #include "common/LogSwitch.h"
 #include "common/ProcessorSupport.h"
 
@@ -22,10 +24,6 @@ namespace auth_engine {
 namespace processors {
 
 namespace {
-
-bool contains(const std::vector<std::string>& list, const std::string& value) {
-    return std::find(list.begin(), list.end(), value) != list.end();
-}
 
 // The local calendar view of one instant. A decision reads it once and tests every schedule against
 // it, instead of converting the same instant again for every schedule of every relay.
@@ -74,21 +72,24 @@ LocalView localView(int64_t now) {
 // unreadable pieces and repeats are dropped, first appearance wins.
 std::vector<int> parseScheduleIds(const std::string& text) {
     std::vector<int> ids;
+    SeenSet<int> seen;
     std::string::size_type start = 0;
     while (start <= text.size()) {
         std::string::size_type end = text.find(';', start);
         if (end == std::string::npos) {
             end = text.size();
         }
-        const std::string piece = text.substr(start, end - start);
+        // Read in place: strtol stops at the ';' that ends the piece (it is no blank and no
+        // digit), or at the text's terminating zero.
+        const char* const piece = text.c_str() + start;
         char* parsedEnd = nullptr;
         errno = 0;
         // Held as long long: where long is 32 bits a bound test on it would be always true.
-        const long long value = std::strtol(piece.c_str(), &parsedEnd, 10);
+        const long long value = std::strtol(piece, &parsedEnd, 10);
         // ERANGE: on 32-bit targets an overlong id would otherwise saturate to INT32_MAX.
         if (errno != ERANGE && value >= 1 && value <= INT32_MAX) {
             const int id = static_cast<int>(value);
-            if (std::find(ids.begin(), ids.end(), id) == ids.end()) {
+            if (seen.insert(id)) {
                 ids.push_back(id);
             }
         }
@@ -99,28 +100,76 @@ std::vector<int> parseScheduleIds(const std::string& text) {
 
 bool scheduleValid(const ScheduleData& schedule, int64_t now, const LocalView& view);
 
-// The schedule a relay's id names: the last record with that id (a later duplicate replaces the
-// earlier). A user has few schedules, so a scan beats building an index for each decision.
-const ScheduleData* findSchedule(const std::vector<std::shared_ptr<ScheduleData>>& schedules,
-                                 const std::string& id) {
-    for (auto it = schedules.rbegin(); it != schedules.rend(); ++it) {
-        if (*it && (*it)->scheduleId == id) {
-            return it->get();
+// The schedules of one lookup by id: the last record with an id wins (a later duplicate replaces
+// the earlier). A user has a few records, which a scan finds fastest; a host that answers with
+// thousands gets an index, so that a relay key naming as many schedules stays linear.
+class ScheduleIndex {
+public:
+    explicit ScheduleIndex(const std::vector<std::shared_ptr<ScheduleData>>& records)
+        : schedules(records) {
+        if (schedules.size() > kDistinctInPlace) {
+            byId = std::make_unique<std::unordered_map<std::string, const ScheduleData*>>();
+            byId->reserve(schedules.size());
+            for (const std::shared_ptr<ScheduleData>& schedule : schedules) {
+                if (schedule) {
+                    (*byId)[schedule->scheduleId] = schedule.get();
+                }
+            }
         }
     }
-    return nullptr;
-}
 
-// How many different ids the records carry (null records left out).
-int distinctScheduleIds(const std::vector<std::shared_ptr<ScheduleData>>& schedules) {
-    int count = 0;
-    for (std::size_t i = 0; i < schedules.size(); ++i) {
-        if (schedules[i] &&
-            findSchedule(schedules, schedules[i]->scheduleId) == schedules[i].get()) {
-            ++count;
+    const ScheduleData* find(const std::string& id) const {
+        if (!byId) {
+            for (auto it = schedules.rbegin(); it != schedules.rend(); ++it) {
+                if (*it && (*it)->scheduleId == id) {
+                    return it->get();
+                }
+            }
+            return nullptr;
+        }
+        const auto found = byId->find(id);
+        return found == byId->end() ? nullptr : found->second;
+    }
+
+    /// How many different ids the records carry (null records left out).
+    int distinctIds() const {
+        int count = 0;
+        for (const std::shared_ptr<ScheduleData>& schedule : schedules) {
+            if (schedule && find(schedule->scheduleId) == schedule.get()) {
+                ++count;
+            }
+        }
+        return count;
+    }
+
+private:
+    const std::vector<std::shared_ptr<ScheduleData>>& schedules;
+    std::unique_ptr<std::unordered_map<std::string, const ScheduleData*>> byId;
+};
+
+// The owner key of a relay key: for each schedule id, for each relay, "id-relay", joined by ';'.
+// Written into a buffer sized once: a key may name a hundred thousand ids.
+std::string relayKeyOwner(const std::vector<std::string>& ids,
+                          const std::vector<std::string>& relays) {
+    std::size_t relayText = 0;
+    for (const std::string& relay : relays) {
+        relayText += relay.size() + 2;  // with its '-' and ';'
+    }
+    std::size_t length = 0;
+    for (const std::string& id : ids) {
+        length += id.size() * relays.size() + relayText;
+    }
+    std::string key(length, ';');
+    char* out = &key[0];
+    for (const std::string& id : ids) {
+        for (const std::string& relay : relays) {
+            out = std::copy(id.begin(), id.end(), out);
+            *out++ = '-';
+            out = std::copy(relay.begin(), relay.end(), out) + 1;  // the ';' is already there
         }
     }
-    return count;
+    key.resize(length == 0 ? 0 : length - 1);  // no separator after the last piece
+    return key;
 }
 
 void setHolidayExemption(AuthContext& context, const std::string& relay, bool exempt) {
@@ -131,8 +180,9 @@ void setHolidayExemption(AuthContext& context, const std::string& relay, bool ex
 }  // namespace
 
 void TimeCheckProcessor::markAllRelaysFailed(AuthContext& context, const char* word) {
+    SeenSet<std::string> failed(context.failedRelays);
     for (const std::string& relay : context.relays) {
-        if (!contains(context.failedRelays, relay)) {
+        if (failed.insert(relay)) {
             context.failedRelays.push_back(relay);
             context.relayFailReasons[relay] = word;
         }
@@ -171,12 +221,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
         const std::vector<AuthTarget>& source =
             (keyData != nullptr && !keyData->targets.empty()) ? keyData->targets : request.targets;
         std::vector<std::string> relayList;
-        for (const AuthTarget& target : source) {
-            if ((target.type == 0 || target.type == 1) && !target.relay.empty() &&
-                !contains(relayList, target.relay)) {
-                relayList.push_back(target.relay);
-            }
-        }
+        appendTargetRelays(relayList, source);
         if (relayList.empty()) {
             relayList = request.relays;
         }
@@ -206,20 +251,16 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
         for (const int id : scheduleIds) {
             idTexts.push_back(std::to_string(id));
         }
-        context.relayScheduleMap.clear();
-        for (const std::string& relay : context.relays) {
-            context.relayScheduleMap[relay] = idTexts;
-        }
         // Same "id-relay;id-relay" form as a user's scheduleRelay, so the host answers both alike.
-        std::string ownerKey;
-        for (const std::string& id : idTexts) {
-            for (const std::string& relay : context.relays) {
-                if (!ownerKey.empty()) {
-                    ownerKey += ';';
-                }
-                ownerKey += id;
-                ownerKey += '-';
-                ownerKey += relay;
+        const std::string ownerKey = relayKeyOwner(idTexts, context.relays);
+        // Every relay is governed by every id: the last relay takes the list itself.
+        context.relayScheduleMap.clear();
+        for (std::size_t i = 0; i < context.relays.size(); ++i) {
+            std::vector<std::string>& governing = context.relayScheduleMap[context.relays[i]];
+            if (i + 1 < context.relays.size()) {
+                governing = idTexts;
+            } else {
+                governing = std::move(idTexts);
             }
         }
         return checkRelaySchedules(context, provider, ownerKey, 0, now);
@@ -306,6 +347,7 @@ AuthResult TimeCheckProcessor::checkRelaySchedules(AuthContext& context, IDataPr
     // `schedules` keeps the records alive for the whole call: lookups hand out plain pointers.
     const std::vector<std::shared_ptr<ScheduleData>> schedules =
         provider.getRelaySchedules(ownerKey, ownerKind);
+    const ScheduleIndex index(schedules);
     const bool logging = logLinesWanted();
     if (logging) {
         for (const std::shared_ptr<ScheduleData>& schedule : schedules) {
@@ -315,8 +357,7 @@ AuthResult TimeCheckProcessor::checkRelaySchedules(AuthContext& context, IDataPr
             }
         }
         AuthLogger::info("[TimeCheckProcessor:%d] loaded %d schedules, scheduleById size=%d",
-                         __LINE__, static_cast<int>(schedules.size()),
-                         distinctScheduleIds(schedules));
+                         __LINE__, static_cast<int>(schedules.size()), index.distinctIds());
     }
 
     // The relays that pass are moved to the front of the list as it is walked, in their order; a
@@ -340,7 +381,7 @@ AuthResult TimeCheckProcessor::checkRelaySchedules(AuthContext& context, IDataPr
                     AuthLogger::info("[TimeCheckProcessor:%d] relay=%s schedule=%s", __LINE__,
                                      relay.c_str(), id.c_str());
                 }
-                const ScheduleData* const found = findSchedule(schedules, id);
+                const ScheduleData* const found = index.find(id);
                 if (found == nullptr || !scheduleValid(*found, now, view)) {
                     continue;
                 }

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cstddef>
 #include <map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "common/Distinct.h"
 #include "common/LogSwitch.h"
 #include "common/ProcessorSupport.h"
 #include "common/RelayScan.h"
@@ -16,21 +18,15 @@ namespace processors {
 
 namespace {
 
-bool contains(const std::vector<std::string>& list, const std::string& value) {
-    return std::find(list.begin(), list.end(), value) != list.end();
-}
-
-void appendOnce(std::vector<std::string>& list, const std::string& value) {
-    if (!contains(list, value)) {
-        list.push_back(value);
-    }
-}
-
 // The user's "scheduleId-relays;scheduleId-relays" text read into the relays it names (in order of
 // first appearance) and, per relay, the schedules that govern it.
 struct ScheduleRelays {
     std::vector<std::string> relayUnion;
     std::map<std::string, std::vector<std::string>> relaySchedules;
+    // Indexes of the lists above once they grow long: a text may repeat a relay's schedule many
+    // thousand times.
+    LazyIndex<std::string> unionIndex;
+    std::map<std::string, LazyIndex<std::string>> scheduleIndex;
 };
 
 ScheduleRelays parseScheduleRelay(const std::string& text) {
@@ -56,12 +52,14 @@ ScheduleRelays parseScheduleRelay(const std::string& text) {
             const auto dash = static_cast<std::size_t>(dashAt - text.begin());
             const std::string scheduleId = text.substr(start, dash - start);
             forEachRelayId(text, dash + 1, end, [&](const std::string& relay) {
-                appendOnce(parsed.relayUnion, relay);
+                appendDistinct(
+                    parsed.relayUnion, [&]() -> auto& { return parsed.unionIndex; }, relay);
                 std::vector<std::string>& schedules = parsed.relaySchedules[relay];
                 if (schedules.empty()) {
                     schedules.reserve(expected);
                 }
-                appendOnce(schedules, scheduleId);
+                appendDistinct(
+                    schedules, [&]() -> auto& { return parsed.scheduleIndex[relay]; }, scheduleId);
             });
         }
         start = end + 1;
@@ -120,8 +118,9 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
     } else {
         std::vector<std::string> requested = std::move(context.relays);
         std::vector<std::string> kept;
+        const ListLookup unionLookup(parsed.relayUnion);
         for (const std::string& relay : requested) {
-            if (contains(parsed.relayUnion, relay)) {
+            if (unionLookup.contains(relay)) {
                 kept.push_back(relay);
                 continue;
             }
@@ -207,9 +206,11 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
         (readerType == READER_TYPE_EXTERNAL_1 || readerType == READER_TYPE_EXTERNAL_2)) {
         // Blank ids and repeats in the host's door list name no further door.
         std::vector<std::string> overridden;
+        LazyIndex<std::string> index;
         for (const std::string& door : context.accessibleDoors) {
             if (!door.empty()) {
-                appendOnce(overridden, door);
+                appendDistinct(
+                    overridden, [&]() -> auto& { return index; }, door);
             }
         }
         context.relays = std::move(overridden);
@@ -228,8 +229,9 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
     // The list before filtering is kept for the refusal, which reports it.
     std::vector<std::string> beforeFilter = std::move(context.relays);
     std::vector<std::string> valid;
+    const ListLookup accessible(context.accessibleDoors);
     for (const std::string& relay : beforeFilter) {
-        if (contains(context.accessibleDoors, relay)) {
+        if (accessible.contains(relay)) {
             valid.push_back(relay);
         } else {
             AuthLogger::info("[VirtualDoorProcessor:%d] relay=%s not accessible", __LINE__,

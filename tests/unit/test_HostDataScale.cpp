@@ -1,0 +1,92 @@
+// A host may hand over far more data than a door ever needs: a relay key naming a million
+// schedules, a schedule text repeating one relay half a million times, two hundred thousand relays
+// of which half are locked. Each decision must still finish (its work grows with the data, not with
+// its square: this test's time limit is a few seconds where a quadratic pass would take hours) and
+// decide exactly as it would on small data.
+#include "auth_engine/AuthLogger.h"
+#include "support/EngineHarness.h"
+
+namespace auth_engine {
+namespace testing {
+namespace {
+
+std::shared_ptr<ScheduleData> allDay(const std::string& id) {
+    return std::make_shared<ScheduleData>(ScheduleData{std::atoi(id.c_str()), 1, id, "", "00:00:00",
+                                                       "23:59:59", "", "", "", "", false});
+}
+
+class HostDataScale : public EngineTest {
+protected:
+    void SetUp() override {
+        AuthLogger::setNullSink();  // millions of trace lines are not what is measured
+        EngineTest::SetUp();
+    }
+    void TearDown() override {
+        EngineTest::TearDown();
+        AuthLogger::setSink({});
+    }
+};
+
+TEST_F(HostDataScale, RelayKeyWithAMillionScheduleIds) {
+    std::string ids;
+    for (int id = 1; id <= 1000000; ++id) {
+        ids += std::to_string(id) + ";";
+    }
+    ids += "7;7;7";  // repeats are dropped
+    configure([](FakeDataProvider& fake) {
+        for (int id = 200000; id >= 1; --id) {  // the one that admits is found among thousands
+            fake.schedules.push_back(allDay(id == 7 ? "7" : std::to_string(id + 2000000)));
+        }
+    });
+    AuthRequest request = makeRequest("", OPEN_TYPE_RELAY_KEY);
+    request.relayKeyData = std::make_shared<RelayKeyAuthData>();
+    request.relayKeyData->scheduleIds = ids;
+    request.relayKeyData->targets = {{0, "1"}, {0, "1"}};
+    const AuthResponse decided = engine.authenticate(request, AuthCallback(), "");
+    EXPECT_EQ(decided.result, SUCCESS);
+    expectRelays(decided, {"1"}, {});
+}
+
+TEST_F(HostDataScale, ScheduleTextRepeatingOneRelay) {
+    std::string text;
+    for (int entry = 0; entry < 500000; ++entry) {
+        text += std::to_string(entry % 250000 + 10) + "-1;";
+    }
+    text += "9-2";
+    configure([&text](FakeDataProvider& fake) {
+        UserData user;
+        user.userId = "u1";
+        user.scheduleRelay = text;
+        fake.users["card"] = user;
+        fake.schedules = {allDay("9"), allDay("249999")};
+    });
+    const AuthResponse decided =
+        engine.authenticate(makeRequest("card", OPEN_TYPE_CARD), AuthCallback(), "");
+    EXPECT_EQ(decided.result, SUCCESS);
+    expectRelays(decided, {"1", "2"}, {});
+}
+
+TEST_F(HostDataScale, TwoHundredThousandRelaysHalfLockedDown) {
+    configure([](FakeDataProvider& fake) {
+        fake.publicPin = "0000";
+        for (int relay = 0; relay < 200000; ++relay) {
+            fake.publicPinRelays.push_back("R" + std::to_string(relay));
+            if (relay % 2 == 1) {
+                fake.lockedDownRelays.insert("R" + std::to_string(relay));
+            }
+        }
+        fake.publicPinRelays.push_back("R0");  // a repeat opens nothing twice
+    });
+    const AuthResponse decided =
+        engine.authenticate(makeRequest("0000", OPEN_TYPE_CARD), AuthCallback(), "");
+    EXPECT_EQ(decided.result, SUCCESS);
+    EXPECT_EQ(decided.openedRelays.size(), 100000u);
+    EXPECT_EQ(decided.failedRelays.size(), 100000u);
+    EXPECT_EQ(decided.targets.size(), 100000u);
+    EXPECT_EQ(decided.openedRelays.front(), "R0");
+    EXPECT_EQ(decided.failedRelays.back(), "R199999");
+}
+
+}  // namespace
+}  // namespace testing
+}  // namespace auth_engine
