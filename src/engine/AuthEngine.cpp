@@ -134,7 +134,10 @@ void attachEngine(const std::shared_ptr<IAuthProcessor>& processor, AuthEngine* 
 
 }  // namespace
 
-AuthEngine::AuthEngine() {
+AuthEngine::AuthEngine() : AuthEngine(std::make_shared<std::atomic<uint32_t>>(0)) {}
+
+AuthEngine::AuthEngine(std::shared_ptr<std::atomic<uint32_t>> numbers)
+    : requestCounter(numbers ? std::move(numbers) : std::make_shared<std::atomic<uint32_t>>(0)) {
     // The semaphore lives as long as the engine, so that a late post from a host thread never
     // touches a destroyed semaphore; init reports -3 if it could not be created.
     semaphoreReady = sem_init(&queueSemaphore, 0, 0) == 0;
@@ -315,9 +318,25 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
     if (!requestId.empty()) {
         // Visible by id while the chain runs; answers that arrive meanwhile wait for the park.
         AsyncContext early = makeAsyncContext(context, ASYNC_TYPE_SYNC, callback);
-        std::lock_guard<std::mutex> lock(queueMutex);
-        asyncContexts[requestId] = std::move(early);
-        beginConstructionLocked(requestId);
+        bool inUse = false;
+        {
+            std::lock_guard<std::mutex> lock(queueMutex);
+            // A caller's id that still names a request, a phase or a question would let the
+            // answers of one decide the other.
+            inUse = isLiveOwnerLocked(requestId) || subRequests.count(requestId) != 0 ||
+                    ownQuestions.count(requestId) != 0;
+            if (!inUse) {
+                asyncContexts[requestId] = std::move(early);
+                beginConstructionLocked(requestId, true);
+            }
+        }
+        if (inUse) {
+            AuthLogger::error("[AuthEngine:%d] requestId=%s is already in use, refused", __LINE__,
+                              requestId.c_str());
+            context.response.reason = "Request id already in use";
+            reportToHost(context, callback);
+            return context.response;
+        }
     }
 
     const AuthResult result = runSnapshot(chain, context);
@@ -350,7 +369,6 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
         }
         std::lock_guard<std::mutex> lock(queueMutex);
         asyncContexts.erase(requestId);
-        unregisterSubRequests(requestId);
         abandonConstructionLocked(requestId);
     };
 
@@ -369,7 +387,6 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
                         // A reset ran while the chain did: it drops parked chains silently, and
                         // this one, parked after its sweep, must not outlive it either.
                         asyncContexts.erase(requestId);
-                        unregisterSubRequests(requestId);
                         abandonConstructionLocked(requestId);
                     }
                 }
@@ -415,7 +432,7 @@ AuthResult AuthEngine::executeProcessorChain(AuthContext& context) {
 }
 
 std::string AuthEngine::generateRequestId() {
-    const uint32_t number = requestCounter.fetch_add(1);
+    const uint32_t number = requestCounter->fetch_add(1);
     return "req_" + std::to_string(number) + "_" + std::to_string(AuthClock::now());
 }
 
@@ -569,6 +586,25 @@ std::string AuthEngine::subRequestParent(const std::string& subRequestId) {
     std::lock_guard<std::mutex> lock(queueMutex);
     const auto found = subRequests.find(subRequestId);
     return found == subRequests.end() ? std::string() : found->second;
+}
+
+std::size_t AuthEngine::openQuestionCount() {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    return subRequests.size() + ownQuestions.size();
+}
+
+std::size_t AuthEngine::heldAnswerCount() {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    std::size_t held = 0;
+    for (const auto& entry : underConstruction) {
+        held += entry.second.size();
+    }
+    return held;
+}
+
+uint64_t AuthEngine::droppedAnswerCount() {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    return droppedAnswers;
 }
 
 bool AuthEngine::waitForIdle(int timeoutMs) {

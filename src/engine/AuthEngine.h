@@ -62,6 +62,9 @@ public:
     };
 
     AuthEngine();
+    /// An engine that draws its request ids from `numbers`, shared with the engines before and
+    /// after it (the facade's, across reset and init), so that no id is ever issued twice.
+    explicit AuthEngine(std::shared_ptr<std::atomic<uint32_t>> numbers);
     ~AuthEngine();
     AuthEngine(const AuthEngine&) = delete;
     AuthEngine& operator=(const AuthEngine&) = delete;
@@ -139,6 +142,14 @@ public:
     bool peekParkedChain(const std::string& requestId, AsyncContext& out);
     bool peekParkedPhase(const std::string& phaseId, IndependentAsyncContext& out);
     std::string subRequestParent(const std::string& subRequestId);
+    /// Questions asked and not yet answered: per-relay sub-requests and questions asked under a
+    /// request's or phase's own id.
+    std::size_t openQuestionCount();
+    /// Answers that wait for their request or phase to be stored.
+    std::size_t heldAnswerCount();
+    /// Answers dropped since the engine was made: unknown ids, repeats, answers to questions that
+    /// were never asked or whose request had already ended.
+    uint64_t droppedAnswerCount();
     /// True once both queues are empty and the worker waits after a whole pass (or no worker runs).
     bool waitForIdle(int timeoutMs);
     /// Wakes the worker for one more pass (its timeout sweep reads the clocks as they are now) and
@@ -163,9 +174,11 @@ private:
         AuthEngine* engine = nullptr;  ///< null once closed
     };
 
-    /// An answer that arrived while its request or phase was under construction.
+    /// A host answer to one open question: the question's id and the request or phase it belongs
+    /// to (the same id for a question asked under the owner's own id).
     struct EarlyAnswer {
-        std::string requestId;
+        std::string id;
+        std::string owner;
         AuthResult result = FAILED;
         AuthResponse response;
         AuthContext contextUpdate;
@@ -176,16 +189,26 @@ private:
     // throw from a processor ends the request FAILED, fail code 0, "Internal error".
     AuthResult runChainFrom(std::shared_ptr<IAuthProcessor> start, AuthContext& context);
 
-    // ---- ids under construction (all *Locked calls require queueMutex) ----
-    void beginConstructionLocked(const std::string& id);
+    // ---- questions, answers and ids under construction (*Locked calls require queueMutex) ----
+
+    /// A request or phase that is being built or is parked: questions may be asked for it.
+    bool isLiveOwnerLocked(const std::string& id) const;
+    /// Closes every question of `owner` and drops the answers held for it.
+    void forgetQuestionsLocked(const std::string& owner);
+    /// Applies one answer to its parked owner; returns the id to resume, or empty.
+    std::string deliverLocked(const EarlyAnswer& answer);
+    /// Starts building `id`; answers to its questions are held until it is stored. A request
+    /// (unlike a phase) is asked under its own id from the start: a processor of its chain may
+    /// wait for an answer to it.
+    void beginConstructionLocked(const std::string& id, bool askedUnderOwnId);
     /// Ends construction of `id` after its state was stored: applies the answers that waited, in
     /// arrival order, and returns the ids to resume (to be passed to enqueueResume after
     /// unlocking).
     std::vector<std::string> finishConstructionLocked(const std::string& id);
-    /// Ends construction without storing: the waiting answers are dropped.
+    /// Ends construction without storing: its questions are closed and waiting answers dropped.
     void abandonConstructionLocked(const std::string& id);
-    /// Applies one answer as handleAsyncResponse describes; returns the id to resume, or empty.
-    /// An answer whose id or parent is under construction is queued instead.
+    /// Takes one answer to an open question (closing it): applied to a parked owner (returns the
+    /// id to resume, or empty), held for an owner under construction, dropped otherwise.
     std::string applyAnswerLocked(const std::string& requestId, AuthResult result,
                                   const AuthResponse& response, const AuthContext& contextUpdate);
 
@@ -233,7 +256,8 @@ private:
     std::map<std::string, IndependentAsyncContext> independentContexts;
     std::map<std::string, std::string> subRequests;
     std::deque<std::string> resumeQueue;
-    std::atomic<uint32_t> requestCounter{0};
+    /// Never set back, not even by reset: an id is issued once in the engine's life.
+    std::shared_ptr<std::atomic<uint32_t>> requestCounter;
     std::atomic<bool> running{false};
     pthread_t workerThread{};
     std::deque<AsyncAuthRequest> requestQueue;
@@ -250,6 +274,9 @@ private:
     std::condition_variable idleChanged;
     std::shared_ptr<Gate> gate;  ///< guarded by chainMutex; null before init and after reset
     std::map<std::string, std::vector<EarlyAnswer>> underConstruction;  ///< guarded by queueMutex
+    /// Ids asked under a request's or phase's own id, not yet answered; guarded by queueMutex.
+    std::set<std::string> ownQuestions;
+    uint64_t droppedAnswers = 0;  ///< guarded by queueMutex
     /// The walk from chainHead (what a decision runs), recomputed under chainMutex whenever a link
     /// or the head changes, so that a decision takes its chain with one reference count instead of
     /// walking and counting every link. Null when there is no chain.

@@ -228,12 +228,25 @@ void AuthEngine::saveAsyncContext(const std::string& requestId, const AuthContex
     AsyncContext parked = makeAsyncContext(context, type, std::move(callback));
     std::lock_guard<std::mutex> lock(queueMutex);
     asyncContexts[requestId] = std::move(parked);
+    // A parked chain waits for an answer under its id.
+    if (!requestId.empty() && underConstruction.count(requestId) == 0) {
+        ownQuestions.insert(requestId);
+    }
 }
 
 void AuthEngine::registerSubRequest(const std::string& subRequestId,
                                     const std::string& parentRequestId) {
     std::lock_guard<std::mutex> lock(queueMutex);
-    subRequests[subRequestId] = parentRequestId;
+    // A question belongs to a request or phase that is being built or is parked; one registered
+    // for anything else could never be released.
+    const bool perRelay =
+        subRequestId.size() >= parentRequestId.size() + kInfixLength &&
+        subRequestId.compare(0, parentRequestId.size(), parentRequestId) == 0 &&
+        (subRequestId.compare(parentRequestId.size(), kInfixLength, kAntiPassbackInfix) == 0 ||
+         subRequestId.compare(parentRequestId.size(), kInfixLength, kInterlockInfix) == 0);
+    if (perRelay && isLiveOwnerLocked(parentRequestId)) {
+        subRequests[subRequestId] = parentRequestId;
+    }
 }
 
 void AuthEngine::unregisterSubRequests(const std::string& parentRequestId) {
@@ -253,6 +266,14 @@ AuthCallback AuthEngine::makeAnswerCallback(const std::string& routedId) {
     {
         std::lock_guard<std::mutex> lock(chainMutex);
         current = gate;
+    }
+    {
+        // Handing the host a callback for an id asks a question under it (a per-relay question was
+        // registered before): its first answer counts.
+        std::lock_guard<std::mutex> lock(queueMutex);
+        if (subRequests.count(routedId) == 0 && isLiveOwnerLocked(routedId)) {
+            ownQuestions.insert(routedId);
+        }
     }
     return [current, routedId](const std::string& calledId, const AuthResponse& response,
                                const AuthContext& context) {
@@ -290,114 +311,82 @@ void AuthEngine::handleAsyncResponse(const std::string& requestId, AuthResult re
 std::string AuthEngine::applyAnswerLocked(const std::string& requestId, AuthResult result,
                                           const AuthResponse& response,
                                           const AuthContext& contextUpdate) {
-    if (requestId.empty()) {
-        return {};
-    }
-
-    // An answer that overtakes the store of its request or phase waits until the state exists.
-    std::string holdKey;
-    const auto building = [&](const std::string& id) {
-        return !id.empty() && underConstruction.count(id) != 0;
-    };
-    if (building(requestId)) {
-        holdKey = requestId;
-    }
-    for (const char* infix : {kAntiPassbackInfix, kInterlockInfix}) {
-        const std::size_t pos = requestId.find(infix);
-        if (holdKey.empty() && pos != std::string::npos && building(requestId.substr(0, pos))) {
-            holdKey = requestId.substr(0, pos);
-        }
-    }
-    if (holdKey.empty()) {
-        const auto parent = subRequests.find(requestId);
-        if (parent != subRequests.end() && building(parent->second)) {
-            holdKey = parent->second;
-        }
-    }
-    if (!holdKey.empty()) {
-        underConstruction[holdKey].push_back(
-            EarlyAnswer{requestId, result, response, contextUpdate});
-        return {};
-    }
-
-    // Per-relay answer of a parked independent phase.
-    const std::size_t apPos = requestId.find(kAntiPassbackInfix);
-    if (apPos != std::string::npos) {
-        const std::string parentId = requestId.substr(0, apPos);
-        const auto phase = independentContexts.find(parentId);
-        if (phase != independentContexts.end()) {
-            AuthContext& context = phase->second.context;
-            mergeUpdate(context, contextUpdate);
-            keepFirstRemoteFailCode(context, response);
-            const bool counted =
-                recordRelayAnswer(context.antiPassbackResults, context.antiPassbackPending,
-                                  requestId.substr(apPos + kInfixLength), result);
-            subRequests.erase(requestId);
-            // Only the answer that brings the count to zero resumes; a repeat resumes nothing.
-            return counted && context.antiPassbackPending == 0 ? parentId : std::string();
-        }
-    }
-    const std::size_t ilPos = requestId.find(kInterlockInfix);
-    if (ilPos != std::string::npos) {
-        const std::string parentId = requestId.substr(0, ilPos);
-        const auto phase = independentContexts.find(parentId);
-        if (phase != independentContexts.end()) {
-            AuthContext& context = phase->second.context;
-            mergeUpdate(context, contextUpdate);
-            const bool counted =
-                recordRelayAnswer(context.interlockResults, context.interlockPending,
-                                  requestId.substr(ilPos + kInfixLength), result);
-            subRequests.erase(requestId);
-            return counted && context.interlockPending == 0 ? parentId : std::string();
-        }
-    }
-
-    // Answer to a parked phase or a parked chain itself.
-    const auto phase = independentContexts.find(requestId);
-    if (phase != independentContexts.end()) {
-        applyResponse(phase->second.context.response, result, response);
-        mergeUpdate(phase->second.context, contextUpdate);
-        return requestId;
-    }
-    const auto parked = asyncContexts.find(requestId);
-    if (parked != asyncContexts.end()) {
-        applyResponse(parked->second.context.response, result, response);
-        mergeUpdate(parked->second.context, contextUpdate);
-        return requestId;
-    }
-
-    // Anti-passback question sent from inside a parked chain.
+    // Only a question the engine asked is answered, and only once: the first answer closes it.
+    std::string owner;
     const auto sub = subRequests.find(requestId);
-    if (sub == subRequests.end()) {
-        return {};  // unknown: dropped
-    }
-    const std::string parentId = sub->second;
-    const auto owner = asyncContexts.find(parentId);
-    if (owner == asyncContexts.end()) {
-        return {};  // the parent is not parked (running or gone): keep the entry
-    }
-    const std::string interlockPrefix = parentId + kInterlockInfix;
-    if (requestId.compare(0, interlockPrefix.size(), interlockPrefix) == 0) {
-        // A parked chain sums up only anti-passback answers; an interlock answer is not for it.
+    if (sub != subRequests.end()) {
+        owner = sub->second;
+        subRequests.erase(sub);
+    } else if (!requestId.empty() && ownQuestions.erase(requestId) != 0) {
+        owner = requestId;
+    } else {
+        ++droppedAnswers;
         return {};
     }
-    AuthContext& context = owner->second.context;
-    mergeUpdate(context, contextUpdate);
-    const std::string prefix = parentId + kAntiPassbackInfix;
-    if (requestId.size() > prefix.size() && requestId.compare(0, prefix.size(), prefix) == 0) {
-        keepFirstRemoteFailCode(context, response);
-        recordRelayAnswer(context.antiPassbackResults, context.antiPassbackPending,
-                          requestId.substr(prefix.size()), result);
+    EarlyAnswer answer{requestId, owner, result, response, contextUpdate};
+    // An answer that overtakes the store of its request or phase waits until the state exists.
+    const auto building = underConstruction.find(owner);
+    if (building != underConstruction.end()) {
+        building->second.push_back(std::move(answer));
+        return {};
     }
-    subRequests.erase(sub);
-    return context.antiPassbackPending < 1 ? parentId : std::string();
+    return deliverLocked(answer);
 }
 
-// ---- ids under construction ----
+std::string AuthEngine::deliverLocked(const EarlyAnswer& answer) {
+    const auto phase = independentContexts.find(answer.owner);
+    const auto chain = asyncContexts.find(answer.owner);
+    AuthContext* const context = phase != independentContexts.end() ? &phase->second.context
+                                 : chain != asyncContexts.end()     ? &chain->second.context
+                                                                    : nullptr;
+    if (context == nullptr) {
+        ++droppedAnswers;  // its owner ended while the answer travelled
+        return {};
+    }
+    mergeUpdate(*context, answer.contextUpdate);
+    if (answer.id == answer.owner) {
+        applyResponse(context->response, answer.result, answer.response);
+        return answer.owner;
+    }
+    // A per-relay question: "<owner>_ap_<relay>" or "<owner>_il_<relay>". Only the answer that
+    // brings the count to zero resumes.
+    const std::string infix = answer.id.substr(answer.owner.size(), kInfixLength);
+    const std::string relay = answer.id.substr(answer.owner.size() + kInfixLength);
+    if (infix == kAntiPassbackInfix) {
+        keepFirstRemoteFailCode(*context, answer.response);
+        const bool counted = recordRelayAnswer(context->antiPassbackResults,
+                                               context->antiPassbackPending, relay, answer.result);
+        return counted && context->antiPassbackPending == 0 ? answer.owner : std::string();
+    }
+    const bool counted = recordRelayAnswer(context->interlockResults, context->interlockPending,
+                                           relay, answer.result);
+    return counted && context->interlockPending == 0 ? answer.owner : std::string();
+}
 
-void AuthEngine::beginConstructionLocked(const std::string& id) {
-    if (!id.empty()) {
-        underConstruction.emplace(id, std::vector<EarlyAnswer>());
+// ---- questions and ids under construction ----
+
+bool AuthEngine::isLiveOwnerLocked(const std::string& id) const {
+    return !id.empty() && (underConstruction.count(id) != 0 || asyncContexts.count(id) != 0 ||
+                           independentContexts.count(id) != 0);
+}
+
+void AuthEngine::forgetQuestionsLocked(const std::string& owner) {
+    unregisterSubRequests(owner);
+    ownQuestions.erase(owner);
+    const auto building = underConstruction.find(owner);
+    if (building != underConstruction.end()) {
+        droppedAnswers += building->second.size();
+        building->second.clear();
+    }
+}
+
+void AuthEngine::beginConstructionLocked(const std::string& id, bool askedUnderOwnId) {
+    if (id.empty()) {
+        return;
+    }
+    underConstruction.emplace(id, std::vector<EarlyAnswer>());
+    if (askedUnderOwnId) {
+        ownQuestions.insert(id);
     }
 }
 
@@ -410,8 +399,7 @@ std::vector<std::string> AuthEngine::finishConstructionLocked(const std::string&
     const std::vector<EarlyAnswer> answers = std::move(found->second);
     underConstruction.erase(found);
     for (const auto& answer : answers) {
-        const std::string resumeId = applyAnswerLocked(answer.requestId, answer.result,
-                                                       answer.response, answer.contextUpdate);
+        const std::string resumeId = deliverLocked(answer);
         if (!resumeId.empty() && std::find(ready.begin(), ready.end(), resumeId) == ready.end()) {
             ready.push_back(resumeId);
         }
@@ -420,6 +408,7 @@ std::vector<std::string> AuthEngine::finishConstructionLocked(const std::string&
 }
 
 void AuthEngine::abandonConstructionLocked(const std::string& id) {
+    forgetQuestionsLocked(id);
     underConstruction.erase(id);
 }
 
@@ -440,8 +429,9 @@ void AuthEngine::resumeAuthentication(const std::string& requestId) {
         }
         parked = std::move(found->second);
         asyncContexts.erase(found);
-        unregisterSubRequests(requestId);
-        beginConstructionLocked(requestId);
+        // Questions of the run that parked are settled now; the rerun asks afresh.
+        forgetQuestionsLocked(requestId);
+        beginConstructionLocked(requestId, true);
     }
     AuthContext& context = parked.context;
     const AuthCallback& callback = parked.callback;
@@ -562,7 +552,7 @@ void AuthEngine::checkTimeoutForChainRequests() {
             guardHostCall("callback",
                           [&] { parked.callback(context.requestId, context.response, context); });
         }
-        unregisterSubRequests(id);
+        forgetQuestionsLocked(id);
         it = asyncContexts.erase(it);
     }
 }
@@ -612,6 +602,7 @@ void AuthEngine::reset() {
         phases = std::move(independentContexts);
         independentContexts.clear();
         subRequests.clear();
+        ownQuestions.clear();
         resumeQueue.clear();
         underConstruction.clear();
     }
@@ -646,7 +637,6 @@ void AuthEngine::reset() {
         std::lock_guard<std::mutex> lock(chainMutex);
         dataProvider.reset();
     }
-    requestCounter = 0;
 }
 
 }  // namespace auth_engine

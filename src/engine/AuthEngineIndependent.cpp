@@ -218,7 +218,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         std::vector<std::string> resumes;
         {
             std::lock_guard<std::mutex> lock(queueMutex);
-            beginConstructionLocked(optionsId);
+            beginConstructionLocked(optionsId, true);
             independentContexts[optionsId] = std::move(wrapper);
             resumes = finishConstructionLocked(optionsId);
         }
@@ -341,7 +341,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
 
         {
             std::lock_guard<std::mutex> lock(queueMutex);
-            beginConstructionLocked(phaseId);
+            beginConstructionLocked(phaseId, false);
         }
         const auto processor = std::dynamic_pointer_cast<processors::AntiPassbackProcessor>(
             getProcessor(chain::ANTI_PASSBACK));
@@ -427,7 +427,7 @@ void AuthEngine::launchInterlockPhase(const AuthContext& context, const AuthCall
 
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        beginConstructionLocked(phaseId);
+        beginConstructionLocked(phaseId, false);
     }
     const auto processor =
         std::dynamic_pointer_cast<processors::InterlockProcessor>(getProcessor(chain::INTERLOCK));
@@ -482,7 +482,7 @@ void AuthEngine::launchParkingPhase(const AuthContext& context, const AuthCallba
 
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        beginConstructionLocked(phaseId);
+        beginConstructionLocked(phaseId, false);
     }
     const auto processor = std::dynamic_pointer_cast<processors::ParkingRestrictionProcessor>(
         getProcessor(chain::PARKING_RESTRICTION));
@@ -526,8 +526,8 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
         }
         wrapper = entry->second;
         independentContexts.erase(entry);
-        // Questions still registered (offline relays, late answers) can no longer be applied.
-        unregisterSubRequests(requestId);
+        // Questions still open (offline relays, late answers) can no longer be applied.
+        forgetQuestionsLocked(requestId);
     }
     AuthContext& context = wrapper.context;
     if (context.response.result == DROPPED) {
@@ -817,7 +817,7 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
             response.failedRelays = phase.context.relays;
             response.allFailed = 1;
             timedOut.push_back(phase);
-            unregisterSubRequests(entry->first);
+            forgetQuestionsLocked(entry->first);
             entry = independentContexts.erase(entry);
         }
     }

@@ -3,6 +3,8 @@
 // from under a call that is still running. No exception leaves a facade call.
 #include "auth_engine/AuthFacade.h"
 
+#include <atomic>
+#include <cstdint>
 #include <exception>
 #include <utility>
 
@@ -17,6 +19,13 @@ namespace {
 
 AuthResponse notInitialized() {
     return failedResponse("AuthFacade not initialized");
+}
+
+// One sequence of request numbers for every engine the facade makes: an answer to a question asked
+// before a reset must never find a request of the next engine under the same id.
+const std::shared_ptr<std::atomic<uint32_t>>& requestNumbers() {
+    static const auto numbers = std::make_shared<std::atomic<uint32_t>>(0);
+    return numbers;
 }
 
 AuthRequest buildRequest(const std::string& credential, OpenDoorType openType,
@@ -83,7 +92,7 @@ int AuthFacade::init(std::shared_ptr<IDataProvider> provider) {
         if (engine) {
             return 0;  // already running: a second init keeps the engine and its provider
         }
-        auto created = std::make_shared<AuthEngine>();
+        auto created = std::make_shared<AuthEngine>(requestNumbers());
         const int code = created->init(std::move(provider));
         if (code != 0) {
             return code;

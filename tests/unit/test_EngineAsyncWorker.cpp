@@ -143,18 +143,20 @@ TEST_F(EngineAsyncWorker, ResetFailsQueuedWorkDropsParkedChainsAndLateAnswers) {
     lateAnswer("", responseOf(SUCCESS), AuthContext());
     EXPECT_EQ(submitAs("n"), "");
 
-    // A new run reuses the id of the old parked request; the old answer must not reach it.
+    // A new run never reissues the old id; parked under it all the same (a caller's own id), it
+    // is still out of reach of the callback handed out before the reset.
     ASSERT_TRUE(start());
     wire();
-    ASSERT_EQ(submitAs("park"), parked);
+    EXPECT_NE(submitAs("n"), parked);
+    ASSERT_EQ(park(parked), ASYNC_PENDING);
     ASSERT_TRUE(idle());
     lateAnswer("", responseOf(SUCCESS), AuthContext());
     ASSERT_TRUE(idle());
     EXPECT_EQ(engine.parkedChainCount(), 1u);
     engine.makeAnswerCallback(parked)("", responseOf(SUCCESS), AuthContext());
-    ASSERT_TRUE(recorder.waitFor(4));
-    EXPECT_EQ(recorder.at(3).requestId, parked);
-    EXPECT_EQ(recorder.at(3).response.result, SUCCESS);
+    ASSERT_TRUE(recorder.waitFor(5));
+    EXPECT_EQ(recorder.at(4).requestId, parked);
+    EXPECT_EQ(recorder.at(4).response.result, SUCCESS);
 }
 
 }  // namespace

@@ -152,13 +152,14 @@ TEST_F(EngineSync, ReaderDefaultRelaysPreferDirectionOut) {
     EXPECT_TRUE(recorder.at(2).context.readerRelays.empty());
 }
 
-TEST_F(EngineSync, RequestIdsCountFromZeroPerEngineRun) {
+TEST_F(EngineSync, RequestIdsCountFromZeroAndAreNeverIssuedTwice) {
     AuthEngine fresh;
     const std::string suffix = "_" + std::to_string(clock.wall());
     EXPECT_EQ(fresh.generateRequestId(), "req_0" + suffix);
     EXPECT_EQ(fresh.generateRequestId(), "req_1" + suffix);
+    // A reset does not count again: an answer to a question of before could match a new id.
     fresh.reset();
-    EXPECT_EQ(fresh.generateRequestId(), "req_0" + suffix);
+    EXPECT_EQ(fresh.generateRequestId(), "req_2" + suffix);
     EXPECT_EQ(fresh.getUptimeSeconds(), clock.up());
 }
 

@@ -96,6 +96,27 @@ TEST_F(Facade, UnlockOptionsAnswerIsAHostAnswerById) {
     EXPECT_EQ(recorder.at(1).response.unlockOptionsRelays, (Relays{"2", "1"}));
 }
 
+TEST_F(Facade, AnAnswerFromBeforeAResetDecidesNothingAfterIt) {
+    ASSERT_EQ(facade.init(host), 0);
+    useParker();
+    const std::string before = facade.authenticateAsync(makeRequest("park"), recorder.callback());
+    ASSERT_TRUE(parked.waitEntered());
+    facade.reset();
+    ASSERT_EQ(facade.init(host), 0);
+    useParker();
+    // Same second, new engine: the id is not issued again.
+    const std::string after = facade.authenticateAsync(makeRequest("park"), recorder.callback());
+    ASSERT_TRUE(parked.waitEntered(2));
+    ASSERT_NE(after, before);
+    facade.handleAsyncResult(before, SUCCESS, responseOf(SUCCESS), AuthContext());
+    ASSERT_TRUE(facade.waitForIdle(kWaitMs));
+    EXPECT_EQ(recorder.count(), 0u);
+    facade.handleAsyncResult(after, FAILED, responseOf(FAILED, 7), AuthContext());
+    ASSERT_TRUE(recorder.waitFor(1));
+    EXPECT_EQ(recorder.at(0).requestId, after);
+    EXPECT_EQ(recorder.at(0).response.failCode, 7);
+}
+
 TEST_F(Facade, WaitForIdleSweepsAtTheClockAsItIsNowAndRefusesTheWorker) {
     EXPECT_TRUE(facade.waitForIdle(0));  // no engine: nothing to wait for
     ASSERT_EQ(facade.init(host), 0);

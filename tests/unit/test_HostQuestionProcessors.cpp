@@ -16,11 +16,14 @@ namespace {
 using namespace testing;  // NOLINT(google-build-using-namespace)
 
 // A processor whose sub-requests go to an engine that is never initialised: only its sub-request
-// registry is used.
+// registry is used. A question is registered only for a request the engine holds: `own` parks one.
 template <class Processor>
 class WithEngine : public ProcessorTest<Processor> {
 protected:
     WithEngine() { this->processor.setEngine(&engine); }
+    void own(const std::string& requestId) {
+        engine.saveAsyncContext(requestId, AuthContext(), ASYNC_TYPE_SYNC, AuthCallback());
+    }
     AuthEngine engine;
 };
 
@@ -88,6 +91,7 @@ TEST_F(AntiPassbackProcessor, OneSubRequestPerRelayRegisteredBeforeAsking) {
                                       engine.subRequestParent("req_9_ap_2")};
         }
     };
+    own("req_9");
     AuthContext context = passer(1, {"1", "3", "2", "1"}, "req_9");
     EXPECT_EQ(run(context), ASYNC_PENDING);
     EXPECT_EQ(parentsAtFirstQuestion, (Relays{"req_9", "req_9"}));
@@ -113,6 +117,9 @@ TEST_F(AntiPassbackProcessor, OneSubRequestPerRelayRegisteredBeforeAsking) {
     EXPECT_EQ(processor.processRelays(allOffline, provider, {"3"}), CONTINUE);
     EXPECT_TRUE(allOffline.antiPassbackResults.at("3").answered);
     provider.offlineRelays.clear();
+    EXPECT_EQ(processor.processRelays(allOffline, provider, {"3"}), ASYNC_PENDING);
+    EXPECT_EQ(engine.subRequestParent("req_10_ap_3"), "");  // no such request: nothing kept
+    own("req_10");
     EXPECT_EQ(processor.processRelays(allOffline, provider, {"3"}), ASYNC_PENDING);
     EXPECT_EQ(engine.subRequestParent("req_10_ap_3"), "req_10");
     EXPECT_TRUE(log.lines().empty());
@@ -175,6 +182,7 @@ TEST_F(InterlockProcessor, ChainAsksOnlyInterlockedRelays) {
 TEST_F(InterlockProcessor, OfflineRelaysFailAndAllOfflineFailsTheCheck) {
     provider.offlineRelays = {"2"};
     context.requestId = "req_5";
+    own("req_5");
     EXPECT_EQ(processor.processRelays(context, provider, {"1", "2", "SA"}), ASYNC_PENDING);
     EXPECT_EQ(context.interlockPending, 2);
     EXPECT_EQ(context.relayFailReasons, (std::map<std::string, std::string>{{"2", "Interlock"}}));
@@ -194,6 +202,7 @@ TEST_F(InterlockProcessor, OfflineRelaysFailAndAllOfflineFailsTheCheck) {
 
 TEST_F(InterlockProcessor, RetryAsksOnlyUnansweredRelays) {
     context.requestId = "req_7";
+    own("req_7");
     ASSERT_EQ(processor.processRelays(context, provider, {"1", "2", "3"}), ASYNC_PENDING);
     context.interlockResults["1"].answered = true;  // as the engine records an answer
     context.interlockPending = 2;
