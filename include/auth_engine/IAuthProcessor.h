@@ -14,9 +14,17 @@ class IDataProvider;
 /// One authentication step. Processors hold no per-request state: everything per request lives in
 /// the AuthContext, and configuration is fetched from the provider at each use.
 ///
-/// process() returns CONTINUE to hand the context on, ASYNC_PENDING after asking the host (it is
-/// then called again with the answer in the context), or a final result that ends the chain. A host
-/// may add its own processor with AuthFacade::registerProcessor and name it in setProcessorChain.
+/// process() returns CONTINUE to hand the context on, ASYNC_PENDING after asking the host, or a
+/// final result that ends the chain. A host may add its own processor with
+/// AuthFacade::registerProcessor and name it in setProcessorChain.
+///
+/// Re-entry: after ASYNC_PENDING the engine parks the request under its id; once the host has
+/// answered (through the callback it was handed, or AuthFacade::handleAsyncResult under the
+/// request's id) the same processor's process() is called again with the answer merged into the
+/// context and context.pendingProcessor equal to its getName(). That, and nothing else, means
+/// "resumed with the answer": the response's result and fail code are also written by earlier
+/// processors and by answers to other questions, so a processor never infers from them that its own
+/// question was answered. A request that is not answered in time ends FAILED without a second call.
 class IAuthProcessor {
 public:
     virtual ~IAuthProcessor() = default;

@@ -35,6 +35,10 @@ namespace auth_engine {
 
 namespace {
 
+// What a synchronous attempt made from a callback the engine runs under its lock is answered.
+constexpr const char* REFUSED_UNDER_LOCK =
+    "Refused: called from a callback made under the engine's lock";
+
 // The fixed default order: credential processors first, so that a DTMF, remote-control,
 // temporary-key, HTTP or input open resolves its user before the generic lookup; policies follow.
 // The three per-relay checks are registered but run only in the independent relay phase.
@@ -149,14 +153,87 @@ AuthEngine::~AuthEngine() {
     } catch (...) {
         AuthLogger::error("[AuthEngine] reset threw during destruction");
     }
+    if (workerStarted && pthread_equal(pthread_self(), workerThread) != 0) {
+        // The worker dropped the last reference after its own shutdown: it cannot join itself,
+        // so it leaves as a detached thread.
+        pthread_detach(workerThread);
+        workerStarted = false;
+    }
     if (semaphoreReady) {
         sem_destroy(&queueSemaphore);
     }
 }
 
+// ---- host code that calls back in ----
+
+thread_local const AuthEngine::Inside* AuthEngine::Inside::innermost = nullptr;
+thread_local const AuthEngine* AuthEngine::CallbacksUnderLock::current = nullptr;
+
+AuthEngine::Inside::Inside(AuthEngine& owner) : engine(owner), outer(innermost) {
+    innermost = this;
+}
+
+AuthEngine::Inside::~Inside() {
+    innermost = outer;
+    // The host code that asked for a reset has returned and this thread no longer runs anything
+    // of the engine: the reset completes here. The worker completes one it asked in its loop.
+    if (engine.shutdownDeferred && !nested() && workerEngineOfThread != &engine) {
+        try {
+            engine.completeShutdown();
+        } catch (...) {
+            AuthLogger::error("[AuthEngine] reset threw while completing");
+        }
+    }
+}
+
+bool AuthEngine::Inside::onThisThread(const AuthEngine& engine) {
+    for (const Inside* frame = innermost; frame != nullptr; frame = frame->outer) {
+        if (&frame->engine == &engine) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool AuthEngine::Inside::nested() const {
+    for (const Inside* frame = outer; frame != nullptr; frame = frame->outer) {
+        if (&frame->engine == &engine) {
+            return true;
+        }
+    }
+    return false;
+}
+
+AuthEngine::CallbacksUnderLock::CallbacksUnderLock(const AuthEngine& engine) : previous(current) {
+    current = &engine;
+}
+
+AuthEngine::CallbacksUnderLock::~CallbacksUnderLock() {
+    current = previous;
+}
+
+bool AuthEngine::refusedUnderLock(const char* call) const {
+    if (CallbacksUnderLock::engineOfThread() != this) {
+        return false;
+    }
+    AuthLogger::error(
+        "[AuthEngine] %s refused: called from a callback the engine makes while holding its lock",
+        call);
+    return true;
+}
+
 int AuthEngine::init(std::shared_ptr<IDataProvider> newProvider) {
     if (!newProvider) {
         return -1;
+    }
+    if (shutdownPending) {
+        // A reset asked from host code has not completed: from inside that code a new worker
+        // could not be started beside the old one; from outside, the reset completes first.
+        if (workerEngineOfThread == this || Inside::onThisThread(*this)) {
+            AuthLogger::error("[AuthEngine] init refused: a reset asked from host code is pending");
+            return -4;
+        }
+        completeShutdown();
     }
     {
         std::lock_guard<std::mutex> lock(chainMutex);
@@ -174,6 +251,13 @@ int AuthEngine::init(std::shared_ptr<IDataProvider> newProvider) {
     if (!semaphoreReady) {
         return -3;
     }
+    std::lock_guard<std::mutex> starting(lifecycleMutex);
+    if (workerStarted) {
+        // The worker of the run before ended its loop by itself (a reset asked on it).
+        pthread_join(workerThread, nullptr);
+        workerStarted = false;
+    }
+    workerHold = weak_from_this().lock();
     std::shared_ptr<Gate> opened = std::make_shared<Gate>();
     opened->engine = this;
     {
@@ -183,6 +267,7 @@ int AuthEngine::init(std::shared_ptr<IDataProvider> newProvider) {
     running = true;
     if (pthread_create(&workerThread, nullptr, &AuthEngine::asyncThreadFunc, this) != 0) {
         running = false;
+        workerHold.reset();
         {
             std::unique_lock<std::shared_mutex> closing(opened->mutex);
             opened->engine = nullptr;
@@ -271,6 +356,7 @@ void AuthEngine::registerProcessor(std::shared_ptr<IAuthProcessor> processor) {
     if (!processor) {
         return;
     }
+    const Inside inside(*this);
     std::string name;
     if (!guardHostCall("getName", [&] { name = processor->getName(); })) {
         return;
@@ -306,6 +392,10 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
     if ((!initialized && !fromWorker) || !host) {
         return failedResponse("Engine not initialized");
     }
+    if (refusedUnderLock("authenticate")) {
+        return failedResponse(REFUSED_UNDER_LOCK);
+    }
+    const Inside inside(*this);
     const HoldProvider holding(this, &host);
 
     AuthContext context;
@@ -526,6 +616,17 @@ AuthConfig AuthEngine::fetchConfig() {
     return config;
 }
 
+std::shared_ptr<const AuthConfig> AuthEngine::readConfig() {
+    const std::shared_ptr<IDataProvider> host = provider();
+    if (!host) {
+        return std::make_shared<const AuthConfig>();
+    }
+    std::shared_ptr<const AuthConfig> config;
+    callHost("getAuthConfig",
+             [&] { config = std::make_shared<const AuthConfig>(host->getAuthConfig()); });
+    return config;
+}
+
 // ---- inspection ----
 
 std::shared_ptr<IAuthProcessor> AuthEngine::getProcessor(const std::string& name) {
@@ -535,6 +636,7 @@ std::shared_ptr<IAuthProcessor> AuthEngine::getProcessor(const std::string& name
 }
 
 std::vector<std::string> AuthEngine::chainNames() {
+    const Inside inside(*this);
     std::shared_ptr<IAuthProcessor> head;
     {
         std::lock_guard<std::mutex> lock(chainMutex);
@@ -617,6 +719,9 @@ bool AuthEngine::waitForIdle(int timeoutMs) {
 bool AuthEngine::settle(int timeoutMs) {
     if (workerEngineOfThread == this) {
         AuthLogger::error("[AuthEngine] waitForIdle refused: called on the engine's own worker");
+        return false;
+    }
+    if (refusedUnderLock("waitForIdle")) {
         return false;
     }
     std::unique_lock<std::mutex> lock(queueMutex);

@@ -32,7 +32,7 @@ struct AsyncAuthRequest {
     int64_t enqueueTime = 0;  ///< uptime seconds when queued
 };
 
-class AuthEngine {
+class AuthEngine : public std::enable_shared_from_this<AuthEngine> {
 public:
     /// A parked chain, waiting for a host answer (wall-clock timed).
     struct AsyncContext {
@@ -59,6 +59,12 @@ public:
         std::vector<std::string> parkingOnlyRelays;
         int32_t pendingPhaseCount = 0;  ///< the interlock retry counter
         int32_t notifyHost = 1;
+        /// The configuration the post-sync split read: it decides every phase of the request, so
+        /// that a check cannot be switched off between the split and its question.
+        std::shared_ptr<const AuthConfig> config;
+        /// Which storing of the phase id this is (set when stored; ids of caller-chosen requests
+        /// may return), so that work done on a copy outside the lock finds its own phase again.
+        uint64_t generation = 0;
     };
 
     AuthEngine();
@@ -104,6 +110,10 @@ public:
     void checkAllPendingTimeouts();
     void checkTimeoutForChainRequests();
     void checkTimeoutForIndependentRequests();
+    /// Stops the worker and empties the engine. Called from host code the engine is running (a
+    /// provider operation, a callback, onAuthResult), on the worker or any other thread, it closes
+    /// the engine at once and completes once that host code has returned: the worker never joins
+    /// itself and nothing in use is freed.
     void reset();
 
     // ---- double authentication control and interlock verification ----
@@ -216,6 +226,55 @@ private:
     /// with `what`, and false is returned so that the caller goes on with its next step.
     static bool guardHostCall(const char* what, const std::function<void()>& fn);
 
+    // ---- host code that calls back in ----
+
+    /// Marks the calling thread as inside an operation of this engine for the frame's lifetime:
+    /// host code it runs may call back in. When the outermost frame of a thread other than the
+    /// worker ends while a reset asked from inside waits, that reset completes there.
+    class Inside {
+    public:
+        explicit Inside(AuthEngine& engine);
+        ~Inside();
+        Inside(const Inside&) = delete;
+        Inside& operator=(const Inside&) = delete;
+        /// Whether an outer frame of the same engine exists on this thread.
+        bool nested() const;
+        /// Whether the calling thread is inside an operation of `engine`.
+        static bool onThisThread(const AuthEngine& engine);
+
+    private:
+        static thread_local const Inside* innermost;
+        AuthEngine& engine;
+        const Inside* const outer;
+    };
+    /// Host code called while this thread holds queueMutex (a timed-out chain's callbacks, the
+    /// shutdown drain) runs inside this frame: a call back in that would lock again is refused.
+    class CallbacksUnderLock {
+    public:
+        explicit CallbacksUnderLock(const AuthEngine& engine);
+        ~CallbacksUnderLock();
+        CallbacksUnderLock(const CallbacksUnderLock&) = delete;
+        CallbacksUnderLock& operator=(const CallbacksUnderLock&) = delete;
+
+        /// The engine whose lock the calling thread holds while running host code, if any.
+        static const AuthEngine* engineOfThread() { return current; }
+
+    private:
+        static thread_local const AuthEngine* current;
+        const AuthEngine* const previous;
+    };
+    /// True (after an error log line naming `call`) when the calling thread runs a callback this
+    /// engine made while holding queueMutex: the call would wait for that lock forever.
+    bool refusedUnderLock(const char* call) const;
+
+    /// Closes the engine to new work: the gate (late answers are dropped), the intake, the ready
+    /// flag; wakes the worker so that it stops after its present pass.
+    void closeIntake();
+    /// Joins the worker and empties the engine, once per reset.
+    void completeShutdown();
+    /// Fails what is queued or parked as at shutdown and empties the engine; no join.
+    void tearDown();
+
     /// onAuthResult(context, context.response.result), then the callback if set, each guarded.
     void reportToHost(const AuthContext& context, const AuthCallback& callback);
 
@@ -243,8 +302,50 @@ private:
 
     /// A copy of the provider (null before init and after reset).
     std::shared_ptr<IDataProvider> provider();
-    /// The configuration from the provider, or a default one without provider or when it throws.
+    /// The configuration from the provider, or a default one without provider or when it throws:
+    /// for what decides nothing (a parked chain's timeout, the reader's informational relays).
     AuthConfig fetchConfig();
+    /// The configuration that decides a split or a phase: a default one without provider, null when
+    /// the provider throws (the caller then refuses, nothing opens).
+    std::shared_ptr<const AuthConfig> readConfig();
+
+    // ---- independent phases ----
+
+    /// Stores a phase that was being built under `phaseId` (a new generation of that id) and
+    /// applies the answers that waited; returns the ids to resume. Caller holds queueMutex.
+    std::vector<std::string> storePhaseLocked(const std::string& phaseId,
+                                              IndependentAsyncContext phase);
+    void startInterlockPhase(const AuthContext& context, const AuthCallback& callback,
+                             const std::map<std::string, std::vector<int>>& relayChecks,
+                             const std::string& parentRequestId,
+                             const std::vector<std::string>& relays, bool notifyProvider,
+                             const std::shared_ptr<const AuthConfig>& snapshot);
+    void startParkingPhase(const AuthContext& context, const AuthCallback& callback,
+                           const std::map<std::string, std::vector<int>>& relayChecks,
+                           const std::string& parentRequestId,
+                           const std::vector<std::string>& relays,
+                           const std::shared_ptr<const AuthConfig>& snapshot);
+    /// The next phase of a request, under the configuration its earlier phase was decided with.
+    void continueWithInterlock(const IndependentAsyncContext& finished, const AuthContext& context,
+                               const std::map<std::string, std::vector<int>>& checks,
+                               const std::string& parentId, const std::vector<std::string>& relays);
+    void continueWithParking(const IndependentAsyncContext& finished, const AuthContext& context,
+                             const std::map<std::string, std::vector<int>>& checks,
+                             const std::string& parentId, const std::vector<std::string>& relays);
+    /// Reports a phase that could not be started (its configuration could not be read): FAILED,
+    /// fail code 0, "Internal error", every relay of it refused.
+    void reportPhaseFailure(const AuthContext& context, const AuthCallback& callback,
+                            const char* phase, const std::string& parentId,
+                            const std::vector<std::string>& relays, bool notifyProvider);
+
+    /// While set on a thread, a registration for `owner` is taken only while the phase parked
+    /// under it is still of `generation`: the interlock retry asks on a copy, outside the lock.
+    struct RegistrationScope {
+        const AuthEngine* engine;
+        std::string owner;
+        uint64_t generation;
+    };
+    static thread_local const RegistrationScope* registrationScope;
 
     // State, in the documented order.
     std::atomic<bool> initialized{false};
@@ -260,6 +361,17 @@ private:
     std::shared_ptr<std::atomic<uint32_t>> requestCounter;
     std::atomic<bool> running{false};
     pthread_t workerThread{};
+    /// Keeps a shared engine alive while its worker runs (empty for an engine not held by a
+    /// shared pointer): a reset from host code on the worker must not free it under the worker.
+    std::shared_ptr<AuthEngine> workerHold;
+    /// A reset was asked and has not completed yet (set by closeIntake).
+    std::atomic<bool> shutdownPending{false};
+    /// The worker itself asked for the reset: it completes it when it leaves its loop.
+    std::atomic<bool> shutdownOnWorker{false};
+    /// Host code on another thread asked for the reset: that thread completes it when it leaves.
+    std::atomic<bool> shutdownDeferred{false};
+    /// Serialises starting and joining the worker.
+    std::mutex lifecycleMutex;
     std::deque<AsyncAuthRequest> requestQueue;
     std::mutex queueMutex;
     sem_t queueSemaphore{};
@@ -276,7 +388,8 @@ private:
     std::map<std::string, std::vector<EarlyAnswer>> underConstruction;  ///< guarded by queueMutex
     /// Ids asked under a request's or phase's own id, not yet answered; guarded by queueMutex.
     std::set<std::string> ownQuestions;
-    uint64_t droppedAnswers = 0;  ///< guarded by queueMutex
+    uint64_t droppedAnswers = 0;    ///< guarded by queueMutex
+    uint64_t phaseGenerations = 0;  ///< guarded by queueMutex
     /// The walk from chainHead (what a decision runs), recomputed under chainMutex whenever a link
     /// or the head changes, so that a decision takes its chain with one reference count instead of
     /// walking and counting every link. Null when there is no chain.

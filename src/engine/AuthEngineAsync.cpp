@@ -17,6 +17,25 @@ namespace auth_engine {
 
 thread_local const AuthEngine* workerEngineOfThread = nullptr;
 
+void waitForWork(sem_t& semaphore) {
+    // The deadline is on the monotonic clock: a step of the wall clock (an NTP correction at boot)
+    // must not keep the timeout sweep from running for the size of the step.
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += 1;
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 30))
+    sem_clockwait(&semaphore, CLOCK_MONOTONIC, &deadline);
+#else
+    // Without sem_clockwait the wait is measured on the wall clock after all.
+    timespec wall{};
+    clock_gettime(CLOCK_REALTIME, &wall);
+    wall.tv_sec += 1;
+    sem_timedwait(&semaphore, &wall);
+    (void)deadline;
+#endif
+}
+thread_local const AuthEngine::RegistrationScope* AuthEngine::registrationScope = nullptr;
+
 namespace {
 
 constexpr std::size_t kRequestQueueLimit = 100;
@@ -112,7 +131,7 @@ AuthResponse shutdownResponse() {
 
 std::string AuthEngine::authenticateAsync(const AuthRequest& request,
                                           const AuthCallback& callback) {
-    if (!initialized || !running || !provider()) {
+    if (!initialized || !running || !provider() || refusedUnderLock("authenticateAsync")) {
         return {};
     }
     std::string requestId;
@@ -150,11 +169,8 @@ void* AuthEngine::asyncThreadFunc(void* arg) {
     workerEngineOfThread = self;
     guardHostCall("reloadConfig", [&] { self->reloadConfig(); });
     while (self->running) {
-        timespec deadline{};
-        clock_gettime(CLOCK_REALTIME, &deadline);
-        deadline.tv_sec += 1;
         // Posted, timed out or interrupted: every outcome starts a pass.
-        sem_timedwait(&self->queueSemaphore, &deadline);
+        waitForWork(self->queueSemaphore);
         if (!self->running) {
             break;
         }
@@ -191,11 +207,18 @@ void* AuthEngine::asyncThreadFunc(void* arg) {
         }
         self->idleChanged.notify_all();
     }
+    if (self->shutdownOnWorker) {
+        // The reset was asked from host code this worker ran: it empties the engine itself, and
+        // is joined by whoever next starts, resets or destroys the engine.
+        guardHostCall("reset", [&] { self->tearDown(); });
+    }
     {
         std::lock_guard<std::mutex> lock(self->queueMutex);
         self->workerBusy = false;
     }
     self->idleChanged.notify_all();
+    // The last thing the worker touches: releasing its hold may free the engine.
+    const std::shared_ptr<AuthEngine> hold = std::move(self->workerHold);
     return nullptr;
 }
 
@@ -244,9 +267,17 @@ void AuthEngine::registerSubRequest(const std::string& subRequestId,
         subRequestId.compare(0, parentRequestId.size(), parentRequestId) == 0 &&
         (subRequestId.compare(parentRequestId.size(), kInfixLength, kAntiPassbackInfix) == 0 ||
          subRequestId.compare(parentRequestId.size(), kInfixLength, kInterlockInfix) == 0);
-    if (perRelay && isLiveOwnerLocked(parentRequestId)) {
-        subRequests[subRequestId] = parentRequestId;
+    if (!perRelay || !isLiveOwnerLocked(parentRequestId)) {
+        return;
     }
+    const RegistrationScope* const scope = registrationScope;
+    if (scope != nullptr && scope->engine == this && scope->owner == parentRequestId) {
+        const auto phase = independentContexts.find(parentRequestId);
+        if (phase == independentContexts.end() || phase->second.generation != scope->generation) {
+            return;  // the phase the retry asks for has ended (or another took its id)
+        }
+    }
+    subRequests[subRequestId] = parentRequestId;
 }
 
 void AuthEngine::unregisterSubRequests(const std::string& parentRequestId) {
@@ -295,7 +326,7 @@ AuthCallback AuthEngine::makeAnswerCallback(const std::string& routedId) {
 void AuthEngine::handleAsyncResponse(const std::string& requestId, AuthResult result,
                                      const AuthResponse& response,
                                      const AuthContext& contextUpdate) {
-    if (requestId.empty()) {
+    if (requestId.empty() || refusedUnderLock("handleAsyncResponse")) {
         return;
     }
     std::string ready;
@@ -415,6 +446,10 @@ void AuthEngine::abandonConstructionLocked(const std::string& id) {
 // ---- resume ----
 
 void AuthEngine::resumeAuthentication(const std::string& requestId) {
+    if (refusedUnderLock("resumeAuthentication")) {
+        return;
+    }
+    const Inside inside(*this);
     AsyncContext parked;
     {
         std::unique_lock<std::mutex> lock(queueMutex);
@@ -512,6 +547,10 @@ void AuthEngine::checkTimeoutRequests() {
 }
 
 void AuthEngine::checkAllPendingTimeouts() {
+    if (refusedUnderLock("checkAllPendingTimeouts")) {
+        return;
+    }
+    const Inside inside(*this);
     guardHostCall("checkTimeoutForChainRequests", [&] { checkTimeoutForChainRequests(); });
     guardHostCall("checkTimeoutForIndependentRequests",
                   [&] { checkTimeoutForIndependentRequests(); });
@@ -543,7 +582,8 @@ void AuthEngine::checkTimeoutForChainRequests() {
         context.response.reason = "Async request timeout";
         context.response.openedRelays.clear();
         context.response.targets.clear();
-        // Called under the lock by design: such callbacks must not call back into the engine.
+        // Called under the lock by design; a call back in that would lock again is refused.
+        const CallbacksUnderLock underLock(*this);
         if (host) {
             guardHostCall("onAuthResult",
                           [&] { host->onAuthResult(context, context.response.result); });
@@ -560,6 +600,24 @@ void AuthEngine::checkTimeoutForChainRequests() {
 // ---- reset ----
 
 void AuthEngine::reset() {
+    const Inside inside(*this);  // a reset asked from this reset's own callbacks is part of it
+    closeIntake();
+    if (workerEngineOfThread == this) {
+        // Host code the worker runs asked: the worker cannot join itself. It stops after its
+        // present pass and empties the engine on its way out.
+        shutdownOnWorker = true;
+        return;
+    }
+    if (inside.nested()) {
+        // Host code this thread runs for the engine asked: the operation it interrupted still uses
+        // the engine. The reset completes when the thread leaves the engine.
+        shutdownDeferred = true;
+        return;
+    }
+    completeShutdown();
+}
+
+void AuthEngine::closeIntake() {
     // Close the gate first: answers still travelling from the host are dropped from now on, and an
     // answer already inside the engine finishes before the state goes away.
     std::shared_ptr<Gate> closing;
@@ -574,20 +632,36 @@ void AuthEngine::reset() {
     }
     // running is cleared before initialized, so whoever sees the engine not ready also knows the
     // worker takes no further item.
+    shutdownPending = true;
     running = false;
     initialized = false;
-
-    if (workerStarted) {
+    if (semaphoreReady) {
         sem_post(&queueSemaphore);
+    }
+}
+
+void AuthEngine::completeShutdown() {
+    std::lock_guard<std::mutex> once(lifecycleMutex);
+    if (!shutdownPending) {
+        return;  // completed by another thread meanwhile
+    }
+    if (workerStarted) {
         pthread_join(workerThread, nullptr);
         workerStarted = false;
     }
+    tearDown();
+    shutdownOnWorker = false;
+    shutdownDeferred = false;
+    shutdownPending = false;
+}
 
+void AuthEngine::tearDown() {
     std::map<std::string, IndependentAsyncContext> phases;
     std::map<std::string, AsyncContext> chains;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         // Queued submissions are failed in order, under the lock, like a timed-out chain.
+        const CallbacksUnderLock underLock(*this);
         while (!requestQueue.empty()) {
             const AsyncAuthRequest entry = std::move(requestQueue.front());
             requestQueue.pop_front();
@@ -633,10 +707,8 @@ void AuthEngine::reset() {
         }
     }
 
-    {
-        std::lock_guard<std::mutex> lock(chainMutex);
-        dataProvider.reset();
-    }
+    std::lock_guard<std::mutex> lock(chainMutex);
+    dataProvider.reset();
 }
 
 }  // namespace auth_engine

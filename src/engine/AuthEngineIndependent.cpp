@@ -30,6 +30,7 @@ const char* const PHASE_UNLOCK_OPTIONS = "unlock_options";
 const char* const PHASE_INFIX = "_ind_";
 
 const char* const REASON_AUTH_FAILED = "AuthFailed";
+const char* const REASON_INTERNAL_ERROR = "Internal error";
 const char* const REASON_CHOICE_CANCELED = "User canceled relay selection";
 
 constexpr int CHECK_ANTI_PASSBACK = 0;
@@ -157,7 +158,10 @@ void AuthEngine::notifyIndependentPhase(AuthContext& context, const AuthCallback
 // Post-sync split
 
 void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& callback) {
-    const AuthConfig config = fetchConfig();
+    if (refusedUnderLock("processPostSyncPhase")) {
+        return;
+    }
+    const Inside inside(*this);
     const bool chainFailed = context.response.result == FAILED;
 
     // A relay refused only by the virtual-door policy is not this reader's door: it is neither
@@ -195,6 +199,26 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         }
     }
 
+    // This one reading decides which checks apply, and rides with every phase of the request: a
+    // change on the host's side cannot switch a check off between the split and its question. A
+    // reading that fails opens nothing: no default configuration stands in for the host's.
+    std::shared_ptr<const AuthConfig> snapshot = readConfig();
+    if (!snapshot) {
+        failed.insert(failed.end(), candidates.begin(), candidates.end());
+        context.asyncType = PHASE_SYNC;
+        context.response.asyncType = PHASE_SYNC;
+        context.response.result = FAILED;
+        context.response.failCode = 0;
+        context.response.reason = REASON_INTERNAL_ERROR;
+        context.response.failedRelays = std::move(failed);
+        context.response.openedRelays.clear();
+        context.response.targets.clear();
+        context.response.allFailed = 1;
+        reportToHost(context, callback);
+        return;
+    }
+    const AuthConfig& config = *snapshot;
+
     // A request without id still needs one to route the answers of a parked phase; the reports
     // that go out at once keep the caller's (empty) id.
     std::string parentId = context.requestId;
@@ -219,8 +243,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         {
             std::lock_guard<std::mutex> lock(queueMutex);
             beginConstructionLocked(optionsId, true);
-            independentContexts[optionsId] = std::move(wrapper);
-            resumes = finishConstructionLocked(optionsId);
+            resumes = storePhaseLocked(optionsId, std::move(wrapper));
         }
         for (const std::string& id : resumes) {
             enqueueResume(id);
@@ -338,6 +361,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         wrapper.parkingRelays = parkingRelays;
         wrapper.apAndParkingRelays = apAndParkingRelays;
         wrapper.parkingOnlyRelays = parkingOnlyRelays;
+        wrapper.config = snapshot;
 
         {
             std::lock_guard<std::mutex> lock(queueMutex);
@@ -348,12 +372,17 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         AuthResult apResult = ASYNC_PENDING;
         if (processor) {
             const std::shared_ptr<IDataProvider> host = provider();
-            const bool asked = host && callHost("anti-passback phase question", [&] {
-                                   apResult =
-                                       processor->processRelays(wrapper.context, *host, apRelays);
-                               });
+            const bool asked =
+                host && callHost("anti-passback phase question", [&] {
+                    apResult = processor->processRelays(wrapper.context, *host, apRelays, config);
+                });
             if (!asked) {
-                // Nothing reliable was sent: every relay of the phase fails, once, on resume.
+                // Nothing reliable was sent, and an answer given before the throw cannot count:
+                // every relay of the phase fails, once, on resume.
+                {
+                    std::lock_guard<std::mutex> lock(queueMutex);
+                    forgetQuestionsLocked(phaseId);
+                }
                 for (const std::string& relay : apRelays) {
                     AntiPassbackSubResult& result = wrapper.context.antiPassbackResults[relay];
                     result.relay = relay;
@@ -369,8 +398,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         std::vector<std::string> resumes;
         {
             std::lock_guard<std::mutex> lock(queueMutex);
-            independentContexts[phaseId] = std::move(wrapper);
-            resumes = finishConstructionLocked(phaseId);
+            resumes = storePhaseLocked(phaseId, std::move(wrapper));
         }
         if (processor) {
             AuthLogger::info(
@@ -387,10 +415,11 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
             enqueueResume(id);
         }
     } else if (!interlockRelays.empty()) {
-        launchInterlockPhase(context, callback, relayChecks, ensureParentId(), interlockRelays,
-                             true);
+        startInterlockPhase(context, callback, relayChecks, ensureParentId(), interlockRelays, true,
+                            snapshot);
     } else if (!parkingRelays.empty()) {
-        launchParkingPhase(context, callback, relayChecks, ensureParentId(), parkingRelays);
+        startParkingPhase(context, callback, relayChecks, ensureParentId(), parkingRelays,
+                          snapshot);
     }
 }
 
@@ -402,16 +431,34 @@ void AuthEngine::launchInterlockPhase(const AuthContext& context, const AuthCall
                                       const std::string& parentRequestId,
                                       const std::vector<std::string>& requested,
                                       bool notifyProvider) {
+    if (refusedUnderLock("launchInterlockPhase")) {
+        return;
+    }
+    const Inside inside(*this);
+    const std::shared_ptr<const AuthConfig> snapshot = readConfig();
+    if (!snapshot) {
+        reportPhaseFailure(context, callback, PHASE_INTERLOCK, parentRequestId,
+                           distinctInOrder(requested), notifyProvider);
+        return;
+    }
+    startInterlockPhase(context, callback, relayChecks, parentRequestId, requested, notifyProvider,
+                        snapshot);
+}
+
+void AuthEngine::startInterlockPhase(const AuthContext& context, const AuthCallback& callback,
+                                     const std::map<std::string, std::vector<int>>& relayChecks,
+                                     const std::string& parentRequestId,
+                                     const std::vector<std::string>& requested, bool notifyProvider,
+                                     const std::shared_ptr<const AuthConfig>& snapshot) {
     // Each relay is asked once, so that the pending count can reach zero.
     const std::vector<std::string> relays = distinctInOrder(requested);
     if (relays.empty()) {
         return;
     }
-    const AuthConfig config = fetchConfig();
 
     IndependentAsyncContext wrapper =
         newPhase(context, PHASE_INTERLOCK, parentRequestId, relays, callback, getUptimeSeconds(),
-                 config.interlockTimeout);
+                 snapshot->interlockTimeout);
     const std::string phaseId = wrapper.context.requestId;
     wrapper.context.response = phaseResponse(PHASE_INTERLOCK);
     wrapper.context.interlockRequestedRelays = relays;
@@ -424,6 +471,7 @@ void AuthEngine::launchInterlockPhase(const AuthContext& context, const AuthCall
     wrapper.relayChecks = relayChecks;
     wrapper.interlockRelays = relays;
     wrapper.notifyHost = notifyProvider ? 1 : 0;
+    wrapper.config = snapshot;
 
     {
         std::lock_guard<std::mutex> lock(queueMutex);
@@ -436,7 +484,12 @@ void AuthEngine::launchInterlockPhase(const AuthContext& context, const AuthCall
                            processor->processRelays(wrapper.context, *host, relays);
                        });
     if (!asked) {
-        // Nobody can vouch for these relays: they stay shut.
+        // Nobody can vouch for these relays, an answer given before a throw included: they stay
+        // shut.
+        {
+            std::lock_guard<std::mutex> lock(queueMutex);
+            forgetQuestionsLocked(phaseId);
+        }
         for (auto& entry : wrapper.context.interlockResults) {
             entry.second.status = FAILED;
             entry.second.answered = true;
@@ -448,8 +501,7 @@ void AuthEngine::launchInterlockPhase(const AuthContext& context, const AuthCall
     std::vector<std::string> resumes;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        independentContexts[phaseId] = std::move(wrapper);
-        resumes = finishConstructionLocked(phaseId);
+        resumes = storePhaseLocked(phaseId, std::move(wrapper));
         // Answers that came inline were applied by now; resume only once nothing is outstanding.
         const auto stored = independentContexts.find(phaseId);
         if (stored != independentContexts.end() && stored->second.context.interlockPending <= 0 &&
@@ -466,19 +518,38 @@ void AuthEngine::launchParkingPhase(const AuthContext& context, const AuthCallba
                                     const std::map<std::string, std::vector<int>>& relayChecks,
                                     const std::string& parentRequestId,
                                     const std::vector<std::string>& requested) {
+    if (refusedUnderLock("launchParkingPhase")) {
+        return;
+    }
+    const Inside inside(*this);
+    const std::shared_ptr<const AuthConfig> snapshot = readConfig();
+    if (!snapshot) {
+        reportPhaseFailure(context, callback, PHASE_PARKING, parentRequestId,
+                           distinctInOrder(requested), true);
+        return;
+    }
+    startParkingPhase(context, callback, relayChecks, parentRequestId, requested, snapshot);
+}
+
+void AuthEngine::startParkingPhase(const AuthContext& context, const AuthCallback& callback,
+                                   const std::map<std::string, std::vector<int>>& relayChecks,
+                                   const std::string& parentRequestId,
+                                   const std::vector<std::string>& requested,
+                                   const std::shared_ptr<const AuthConfig>& snapshot) {
     const std::vector<std::string> relays = distinctInOrder(requested);
     if (relays.empty()) {
         return;
     }
-    const AuthConfig config = fetchConfig();
 
-    IndependentAsyncContext wrapper = newPhase(context, PHASE_PARKING, parentRequestId, relays,
-                                               callback, getUptimeSeconds(), config.parkingTimeout);
+    IndependentAsyncContext wrapper =
+        newPhase(context, PHASE_PARKING, parentRequestId, relays, callback, getUptimeSeconds(),
+                 snapshot->parkingTimeout);
     const std::string phaseId = wrapper.context.requestId;
     wrapper.context.response = phaseResponse(PHASE_PARKING);
     wrapper.context.independentParkingRelays = relays;
     wrapper.relayChecks = relayChecks;
     wrapper.parkingRelays = relays;
+    wrapper.config = snapshot;
 
     {
         std::lock_guard<std::mutex> lock(queueMutex);
@@ -489,9 +560,15 @@ void AuthEngine::launchParkingPhase(const AuthContext& context, const AuthCallba
     const std::shared_ptr<IDataProvider> host = provider();
     AuthResult result = FAILED;
     if (processor && host) {
-        // A throw leaves the result FAILED.
-        callHost("parking phase question",
-                 [&] { result = processor->processRelays(wrapper.context, *host, relays); });
+        const bool asked = callHost("parking phase question", [&] {
+            result = processor->processRelays(wrapper.context, *host, relays, *snapshot);
+        });
+        if (!asked) {
+            // A throw leaves the result FAILED, even after an answer given from inside the call.
+            result = FAILED;
+            std::lock_guard<std::mutex> lock(queueMutex);
+            forgetQuestionsLocked(phaseId);
+        }
     }
     if (result != ASYNC_PENDING) {
         // Decided without an answer: an offline host (or a check that does not apply) lets the
@@ -502,8 +579,7 @@ void AuthEngine::launchParkingPhase(const AuthContext& context, const AuthCallba
     std::vector<std::string> resumes;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        independentContexts[phaseId] = std::move(wrapper);
-        resumes = finishConstructionLocked(phaseId);
+        resumes = storePhaseLocked(phaseId, std::move(wrapper));
     }
     if (result != ASYNC_PENDING && !contains(resumes, phaseId)) {
         resumes.push_back(phaseId);
@@ -513,10 +589,69 @@ void AuthEngine::launchParkingPhase(const AuthContext& context, const AuthCallba
     }
 }
 
+std::vector<std::string> AuthEngine::storePhaseLocked(const std::string& phaseId,
+                                                      IndependentAsyncContext phase) {
+    phase.generation = ++phaseGenerations;
+    independentContexts[phaseId] = std::move(phase);
+    return finishConstructionLocked(phaseId);
+}
+
+void AuthEngine::continueWithInterlock(const IndependentAsyncContext& finished,
+                                       const AuthContext& context,
+                                       const std::map<std::string, std::vector<int>>& checks,
+                                       const std::string& parentId,
+                                       const std::vector<std::string>& relays) {
+    if (finished.config) {
+        startInterlockPhase(context, finished.callback, checks, parentId, relays, true,
+                            finished.config);
+    } else {
+        launchInterlockPhase(context, finished.callback, checks, parentId, relays, true);
+    }
+}
+
+void AuthEngine::continueWithParking(const IndependentAsyncContext& finished,
+                                     const AuthContext& context,
+                                     const std::map<std::string, std::vector<int>>& checks,
+                                     const std::string& parentId,
+                                     const std::vector<std::string>& relays) {
+    if (finished.config) {
+        startParkingPhase(context, finished.callback, checks, parentId, relays, finished.config);
+    } else {
+        launchParkingPhase(context, finished.callback, checks, parentId, relays);
+    }
+}
+
+void AuthEngine::reportPhaseFailure(const AuthContext& context, const AuthCallback& callback,
+                                    const char* phase, const std::string& parentId,
+                                    const std::vector<std::string>& relays, bool notifyProvider) {
+    if (relays.empty()) {
+        return;
+    }
+    AuthContext failed = context;
+    failed.requestId = parentId + PHASE_INFIX + phase;
+    failed.asyncType = phase;
+    failed.relays = relays;
+    failed.response = phaseResponse(phase);
+    failed.response.result = FAILED;
+    failed.response.reason = REASON_INTERNAL_ERROR;
+    failed.response.failedRelays = relays;
+    failed.response.allFailed = 1;
+    if (notifyProvider) {
+        reportToHost(failed, callback);
+    } else if (callback) {
+        guardHostCall("independent phase callback",
+                      [&] { callback(failed.requestId, failed.response, failed); });
+    }
+}
+
 // ---------------------------------------------------------------------------------------------------
 // Resume of a parked phase
 
 void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
+    if (refusedUnderLock("resumeIndependentAsync")) {
+        return;
+    }
+    const Inside inside(*this);
     IndependentAsyncContext wrapper;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
@@ -606,6 +741,8 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
     }
 
     if (wrapper.phase == PHASE_INTERLOCK) {
+        // The question's "pending" text no longer describes anything once the phase is decided.
+        context.response.reason.clear();
         // Only a plain SUCCESS opens an interlocked relay.
         std::vector<std::string> passed;
         std::vector<std::string> failed;
@@ -643,7 +780,7 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
         }
         notifyIndependentPhase(context, wrapper.callback, PHASE_INTERLOCK, opened, failed,
                                FAIL_CODE_INTERLOCK, wrapper.notifyHost != 0);
-        launchParkingPhase(context, wrapper.callback, checks, parentId, parking);
+        continueWithParking(wrapper, context, checks, parentId, parking);
         return;
     }
 
@@ -701,9 +838,9 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
         }
         // Relays that need interlock and parking reach parking from the interlock resume.
         if (!interlock.empty()) {
-            launchInterlockPhase(context, wrapper.callback, checks, parentId, interlock, true);
+            continueWithInterlock(wrapper, context, checks, parentId, interlock);
         } else {
-            launchParkingPhase(context, wrapper.callback, checks, parentId, parking);
+            continueWithParking(wrapper, context, checks, parentId, parking);
         }
         return;
     }
@@ -752,7 +889,7 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
         parkingContext.antiPassbackResults.clear();
         parkingContext.antiPassbackPending = 0;
         // The parking phase extends the anti-passback phase id.
-        launchParkingPhase(parkingContext, wrapper.callback, {}, context.requestId, parking);
+        continueWithParking(wrapper, parkingContext, {}, context.requestId, parking);
     }
 }
 
@@ -761,9 +898,15 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
 
 void AuthEngine::checkTimeoutForIndependentRequests() {
     const int64_t now = getUptimeSeconds();
-    const AuthConfig config = fetchConfig();
 
-    std::vector<std::pair<std::string, AuthContext>> retries;
+    // A retry asks on a copy of the phase, outside the lock: the generation tells whether the
+    // phase it writes back to is still the one it copied.
+    struct Retry {
+        std::string id;
+        uint64_t generation = 0;
+        AuthContext copy;
+    };
+    std::vector<Retry> retries;
     std::vector<std::string> resumes;
     std::vector<IndependentAsyncContext> timedOut;
     {
@@ -776,10 +919,13 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
                 continue;
             }
             if (phase.phase == PHASE_INTERLOCK) {
-                if (phase.pendingPhaseCount < config.interlockRetryLimit) {
+                // Retried as often as the configuration the split read allows (without it,
+                // never: the relays stay shut).
+                const int retryLimit = phase.config ? phase.config->interlockRetryLimit : 0;
+                if (phase.pendingPhaseCount < retryLimit) {
                     ++phase.pendingPhaseCount;
                     phase.startTime = static_cast<uint64_t>(now);
-                    retries.emplace_back(entry->first, phase.context);
+                    retries.push_back(Retry{entry->first, phase.generation, phase.context});
                 } else {
                     for (auto& result : phase.context.interlockResults) {
                         if (!result.second.answered) {
@@ -829,8 +975,8 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
             getProcessor(chain::INTERLOCK));
         host = provider();
     }
-    for (auto& retry : retries) {
-        AuthContext& copy = retry.second;
+    for (Retry& retry : retries) {
+        AuthContext& copy = retry.copy;
         std::vector<std::string> unanswered;
         for (const auto& result : copy.interlockResults) {
             if (!result.second.answered) {
@@ -840,16 +986,24 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
         if (!processor || !host || unanswered.empty()) {
             continue;
         }
-        if (!callHost("interlock retry",
-                      [&] { processor->retryPendingRelays(copy, *host, unanswered); })) {
+        bool asked = false;
+        {
+            const RegistrationScope scope{this, retry.id, retry.generation};
+            registrationScope = &scope;
+            asked = callHost("interlock retry",
+                             [&] { processor->retryPendingRelays(copy, *host, unanswered); });
+            registrationScope = nullptr;
+        }
+        if (!asked) {
             continue;
         }
         bool ready = false;
         {
             std::lock_guard<std::mutex> lock(queueMutex);
-            const auto stored = independentContexts.find(retry.first);
-            if (stored == independentContexts.end()) {
-                continue;
+            const auto stored = independentContexts.find(retry.id);
+            if (stored == independentContexts.end() ||
+                stored->second.generation != retry.generation) {
+                continue;  // settled (or replaced) while the questions went out
             }
             AuthContext& target = stored->second.context;
             for (const std::string& relay : unanswered) {
@@ -869,7 +1023,7 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
             ready = target.interlockPending <= 0;
         }
         if (ready) {
-            enqueueResume(retry.first);
+            enqueueResume(retry.id);
         }
     }
     for (const std::string& id : resumes) {
@@ -886,13 +1040,19 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
 std::string AuthEngine::verifyInterlockTargets(const AuthRequest& request,
                                                const std::vector<AuthTarget>& targets,
                                                const AuthCallback& callback) {
+    if (refusedUnderLock("verifyInterlockTargets")) {
+        return {};
+    }
+    const Inside inside(*this);
     if (!initialized.load() || !provider() || !running.load() || targets.empty()) {
         return {};
     }
-    const AuthConfig config = fetchConfig();
-    if (!config.interlockEnabled) {
+    // A reading that fails refuses the verification: nobody could say the relays are interlocked.
+    const std::shared_ptr<const AuthConfig> snapshot = readConfig();
+    if (!snapshot || !snapshot->interlockEnabled) {
         return {};
     }
+    const AuthConfig& config = *snapshot;
     for (const AuthTarget& target : targets) {
         const auto interlocked = config.interlockRelayMap.find(target.relay);
         if (!isRelayTarget(target) || target.relay.empty() ||
@@ -933,7 +1093,7 @@ std::string AuthEngine::verifyInterlockTargets(const AuthRequest& request,
             callback(requestId, response, copy);
         };
     }
-    launchInterlockPhase(context, wrapper, relayChecks, requestId, relays, false);
+    startInterlockPhase(context, wrapper, relayChecks, requestId, relays, false, snapshot);
     return requestId;
 }
 

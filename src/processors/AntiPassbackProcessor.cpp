@@ -81,8 +81,9 @@ void sendPerRelay(AuthContext& context, IDataProvider& provider, AuthEngine* eng
 }  // namespace
 
 AuthResult AntiPassbackProcessor::process(AuthContext& context, IDataProvider& provider) {
-    if (!context.antiPassbackResults.empty() && context.antiPassbackPending == 0) {
-        // All answers are in. The map is ordered, so relays are judged in relay-id order.
+    if (context.pendingProcessor == getName()) {
+        // Resumed with the answers. The map is ordered, so relays are judged in relay-id order; a
+        // relay still unanswered keeps its FAILED default.
         std::vector<std::string> passed;
         std::vector<std::string> failed;
         for (const auto& entry : context.antiPassbackResults) {
@@ -194,7 +195,12 @@ AuthResult AntiPassbackProcessor::process(AuthContext& context, IDataProvider& p
 
 AuthResult AntiPassbackProcessor::processRelays(AuthContext& context, IDataProvider& provider,
                                                 const std::vector<std::string>& relays) {
-    const AuthConfig config = provider.getAuthConfig();
+    return processRelays(context, provider, relays, provider.getAuthConfig());
+}
+
+AuthResult AntiPassbackProcessor::processRelays(AuthContext& context, IDataProvider& provider,
+                                                const std::vector<std::string>& relays,
+                                                const AuthConfig& config) {
     if (!config.antiPassbackEnabled || context.request.openType == OPEN_TYPE_REMOTE_CONTROL ||
         !isEligibleUser(context)) {
         return CONTINUE;

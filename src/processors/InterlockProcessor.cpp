@@ -12,6 +12,7 @@ namespace processors {
 namespace {
 
 constexpr const char* SUB_REQUEST_INFIX = "_il_";
+constexpr int INTERLOCK_FAIL_CODE = 21;
 
 void registerRelay(AuthEngine* engine, const std::string& requestId, const std::string& relay) {
     if (engine != nullptr && !requestId.empty()) {
@@ -40,6 +41,9 @@ void askRelay(AuthContext& context, IDataProvider& provider, AuthEngine* engine,
 }  // namespace
 
 AuthResult InterlockProcessor::process(AuthContext& context, IDataProvider& provider) {
+    if (context.pendingProcessor == getName()) {
+        return decideAnswers(context);
+    }
     const AuthConfig config = provider.getAuthConfig();
     if (!config.interlockEnabled) {
         return CONTINUE;
@@ -89,10 +93,30 @@ AuthResult InterlockProcessor::processRelays(AuthContext& context, IDataProvider
         return ASYNC_PENDING;
     }
     context.response.result = FAILED;
-    context.response.failCode = 21;
+    context.response.failCode = INTERLOCK_FAIL_CODE;
     context.response.failedRelays = asked;
     context.failedRelays = asked;
     context.response.reason = "Interlock request failed";
+    return FAILED;
+}
+
+AuthResult InterlockProcessor::decideAnswers(AuthContext& context) const {
+    // Only a plain SUCCESS opens an interlocked relay; an unanswered one stays shut.
+    std::vector<std::string> failed;
+    for (const auto& entry : context.interlockResults) {
+        if (!entry.second.answered || entry.second.status != SUCCESS) {
+            failed.push_back(entry.first);
+        }
+    }
+    context.response.reason.clear();
+    if (failed.empty()) {
+        return CONTINUE;
+    }
+    refuseRelays(context, failed, chain::INTERLOCK, INTERLOCK_FAIL_CODE);
+    if (!context.relays.empty()) {
+        return CONTINUE;
+    }
+    failRequest(context, INTERLOCK_FAIL_CODE, "Interlock failed for all relays");
     return FAILED;
 }
 

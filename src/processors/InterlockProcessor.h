@@ -23,6 +23,9 @@ public:
     void setEngine(AuthEngine* owner) { engine = owner; }
 
 private:
+    /// The chain's second pass: the host's answers decide each relay asked.
+    AuthResult decideAnswers(AuthContext& context) const;
+
     AuthEngine* engine = nullptr;  // not owned
 };
 

@@ -49,14 +49,18 @@ AuthResult ParkingRestrictionProcessor::process(AuthContext& context, IDataProvi
         return CONTINUE;
     }
 
-    // Called again with the host's answer: a fresh response carries CONTINUE and code 0, so
-    // neither test can match before the question was asked.
-    if (context.response.result == SUCCESS) {
-        AuthLogger::info("[ParkingRestrictionProcessor:%d] resume result=%s", __LINE__,
-                         AuthLogger::authResultToString(CONTINUE));
-        return CONTINUE;
-    }
-    if (context.response.failCode == PARKING_FAIL_CODE) {
+    // Called again with the host's answer (and only then: a SUCCESS left in the response by an
+    // earlier processor must not pass for one). Only a plain SUCCESS lets the user through.
+    if (context.pendingProcessor == getName()) {
+        if (context.response.result == SUCCESS) {
+            AuthLogger::info("[ParkingRestrictionProcessor:%d] resume result=%s", __LINE__,
+                             AuthLogger::authResultToString(CONTINUE));
+            return CONTINUE;
+        }
+        context.response.result = FAILED;
+        if (context.response.failCode == 0) {
+            context.response.failCode = PARKING_FAIL_CODE;
+        }
         AuthLogger::info("[ParkingRestrictionProcessor:%d] resume result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -80,9 +84,14 @@ AuthResult ParkingRestrictionProcessor::process(AuthContext& context, IDataProvi
 
 AuthResult ParkingRestrictionProcessor::processRelays(AuthContext& context, IDataProvider& provider,
                                                       const std::vector<std::string>& relays) {
+    return processRelays(context, provider, relays, provider.getAuthConfig());
+}
+
+AuthResult ParkingRestrictionProcessor::processRelays(AuthContext& context, IDataProvider& provider,
+                                                      const std::vector<std::string>& relays,
+                                                      const AuthConfig& config) {
     // The host reads the relays of the check from context.relays, which the caller has set.
     (void)relays;
-    const AuthConfig config = provider.getAuthConfig();
     if (!restrictionApplies(config, context)) {
         return CONTINUE;
     }

@@ -18,6 +18,10 @@ public:
     std::string getName() const override { return chain::PARKING_RESTRICTION; }
     AuthResult processRelays(AuthContext& context, IDataProvider& provider,
                              const std::vector<std::string>& relays);
+    /// The same, decided under `config` (the engine's reading at the post-sync split) instead of
+    /// a reading of its own.
+    AuthResult processRelays(AuthContext& context, IDataProvider& provider,
+                             const std::vector<std::string>& relays, const AuthConfig& config);
     void setEngine(AuthEngine* owner) { engine = owner; }
 
 private:

@@ -36,16 +36,20 @@ AuthResult TempKeyProcessor::process(AuthContext& context, IDataProvider& provid
     }
 
     AuthResponse& response = context.response;
+    const bool resumed = context.pendingProcessor == getName();
 
-    if (!context.tempKeyAuthData) {
+    if (resumed && !context.tempKeyAuthData) {
         // The chain came back to us after our question, but the host's answer carried no key data:
         // treat it as a host failure instead of asking again, or a silent host would loop forever.
-        if (context.pendingProcessor == getName()) {
-            failFromAnswer(context, response.failCode != 0 ? response.failCode : 24);
-            AuthLogger::info("[TempKeyProcessor:%d] answer without key data, result=%s", __LINE__,
-                             AuthLogger::authResultToString(FAILED));
-            return FAILED;
-        }
+        failFromAnswer(context, response.failCode != 0 ? response.failCode : 24);
+        AuthLogger::info("[TempKeyProcessor:%d] answer without key data, result=%s", __LINE__,
+                         AuthLogger::authResultToString(FAILED));
+        return FAILED;
+    }
+    if (!resumed) {
+        // Only the answer to our own question may vouch for the key: key data merged from an
+        // answer to another processor's question is not it.
+        context.tempKeyAuthData.reset();
 
         if (context.request.credential.empty()) {
             failRequest(context, 1, "Temp key is empty");

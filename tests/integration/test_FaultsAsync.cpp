@@ -239,6 +239,168 @@ TEST_F(FaultsAsync, AnswersAfterResetAreDroppedAndNeverReachALaterRequestWithThe
     expectNothingParked(engine);
 }
 
+// ---- host faults that once opened a door, lost an answer or took the engine down ----
+
+TEST_F(FaultsAsync, ConfigurationThatCannotBeReadAtTheSplitOpensNothing) {
+    // A chain that passes relays 1 (anti-passback) and 3 (free) for a resident; getAuthConfig
+    // throws at the split only.
+    chain({std::make_shared<ScriptedProcessor>("Pass", [](AuthContext& context) {
+        context.userData = std::make_shared<UserData>();
+        context.userData->userType = 1;
+        context.relays = {"1", "3"};
+        context.readerRelays = {"x"};  // nothing else reads the configuration
+        return CONTINUE;
+    })});
+    configure([](FakeDataProvider& fake) {
+        fake.beforeCall = [](const std::string& operation) {
+            if (operation == "getAuthConfig") {
+                throw std::runtime_error("configuration store unreachable");
+            }
+        };
+    });
+    const std::string id = submit(AuthRequest());
+    ASSERT_TRUE(recorder.waitFor(1, kWaitMs));
+    ASSERT_TRUE(idle());
+    expectFailed(onlyReport(id), 0, "Internal error");
+    EXPECT_EQ(onlyReport(id).failedRelays, (Relays{"1", "3"}));
+    EXPECT_TRUE(host->questions().empty());
+    expectNothingParked(engine);
+}
+
+TEST_F(FaultsAsync, OneConfigurationDecidesAPhaseFromTheSplitToItsQuestions) {
+    // A resident's relays 1 (anti-passback), 2 (interlock) and 3 (free), passed by the chain;
+    // anti-passback is switched off while relay 3's report goes out, after the split.
+    chain({std::make_shared<ScriptedProcessor>("Pass", [](AuthContext& context) {
+        context.userData = std::make_shared<UserData>();
+        context.userData->userType = 1;
+        context.relays = {"1", "2", "3"};
+        return CONTINUE;
+    })});
+    configure([](FakeDataProvider& fake) {
+        fake.beforeCall = [&fake](const std::string& operation) {
+            if (operation == "onAuthResult") {
+                auto lock = fake.lock();
+                fake.config.antiPassbackEnabled = false;
+            }
+        };
+        fake.answerAntiPassback = [](FakeDataProvider::Question& question) {
+            question.callback(question.handle, responseOf(SUCCESS), AuthContext());
+        };
+    });
+    const std::string id = submit(AuthRequest());
+    // The phase still asks, and opens on the answer, instead of refusing a relay it never asked
+    // about.
+    ASSERT_TRUE(recorder.waitFor(2, kWaitMs));
+    ASSERT_TRUE(idle());
+    EXPECT_EQ(onlyReport(id).openedRelays, Relays{"3"});
+    EXPECT_EQ(onlyReport(id + "_ind_antipassback").result, SUCCESS);
+    EXPECT_EQ(onlyReport(id + "_ind_antipassback").openedRelays, Relays{"1"});
+    // A passing interlock report does not keep the question's "pending" text.
+    ASSERT_EQ(host->questions().size(), 2u);
+    host->answer(1, SUCCESS);
+    ASSERT_TRUE(recorder.waitFor(3, kWaitMs));
+    EXPECT_EQ(onlyReport(id + "_ind_interlock").openedRelays, Relays{"2"});
+    EXPECT_EQ(onlyReport(id + "_ind_interlock").reason, "");
+}
+
+TEST_F(FaultsAsync, AnswerGivenInsideAQuestionThatThenThrowsCountsAsFailed) {
+    // Each check's host answers "yes" from inside the question, then its call throws.
+    const auto yesThenThrow = [](FakeDataProvider::Question& question) {
+        question.callback(question.handle, responseOf(SUCCESS), AuthContext());
+        throw std::runtime_error("link dropped after answering");
+    };
+    configure([&](FakeDataProvider& fake) {
+        fake.answerAntiPassback = fake.answerInterlock = fake.answerParking = yesThenThrow;
+    });
+    const std::string card = submitCard("card-1");
+    const std::string plate = submit(makeRequest("PLATE-1", OPEN_TYPE_LICENSE_PLATE));
+    ASSERT_TRUE(recorder.waitFor(4, kWaitMs));
+    ASSERT_TRUE(idle());
+    for (const std::string& phase :
+         {card + "_ind_antipassback", card + "_ind_interlock", plate + "_ind_parking"}) {
+        SCOPED_TRACE(phase);
+        EXPECT_EQ(onlyReport(phase).result, FAILED);
+        EXPECT_TRUE(onlyReport(phase).openedRelays.empty());
+    }
+    expectNothingParked(engine);
+}
+
+TEST_F(FaultsAsync, OnlyAnswersToAskedQuestionsAreHeldOnceEach) {
+    // While the phase is being built, the host floods it with answers to questions nobody asked
+    // and answers the real one twice.
+    const int junk = 1000;
+    configure([&](FakeDataProvider& fake) {
+        fake.answerAntiPassback = [&](FakeDataProvider::Question& question) {
+            const std::string phase = question.requestId;
+            for (int i = 0; i < junk; ++i) {
+                engine.handleAsyncResponse(phase + "_ap_junk" + std::to_string(i), SUCCESS,
+                                           responseOf(SUCCESS), AuthContext());
+            }
+            question.callback(question.handle, responseOf(FAILED), AuthContext());
+            question.callback(question.handle, responseOf(SUCCESS), AuthContext());
+        };
+    });
+    const std::string card = submitCard("card-1");
+    ASSERT_TRUE(recorder.waitFor(2, kWaitMs));
+    ASSERT_TRUE(idle());
+    EXPECT_EQ(onlyReport(card + "_ind_antipassback").result, FAILED);  // the first answer counts
+    EXPECT_EQ(engine.droppedAnswerCount(), static_cast<uint64_t>(junk + 1));
+    EXPECT_EQ(engine.heldAnswerCount(), 0u);
+}
+
+TEST_F(FaultsAsync, ACallersIdStillInUseIsRefused) {
+    const auto parker = use("Parker", [](AuthContext& context) { return askOnce(context); });
+    ASSERT_EQ(run("door-7").result, ASYNC_PENDING);
+    CallbackRecorder second;
+    const AuthResponse refused = engine.authenticate(AuthRequest(), second.callback(), "door-7");
+    expectFailed(refused, 0, "Request id already in use");
+    ASSERT_EQ(second.count(), 1u);
+    answer("door-7", SUCCESS);
+    // The answer decides the first request only; the second heard nothing more.
+    EXPECT_EQ(onlyReport("door-7").result, SUCCESS);
+    EXPECT_EQ(second.count(), 1u);
+    EXPECT_EQ(parker->resumed().size(), 1u);
+}
+
+TEST_F(FaultsAsync, ChecksInsideTheChainResumeAndReleaseTheirQuestions) {
+    // The host runs anti-passback and interlock as links of its chain; anti-passback (relay 1) is
+    // answered later. Then either relay 1 is interlocked too and the resumed chain's interlock
+    // question is answered from inside the call, or relay 2 is, and its peer is offline.
+    configure([](FakeDataProvider& fake) {
+        fake.answerInterlock = [](FakeDataProvider::Question& question) {
+            question.callback(question.handle, responseOf(SUCCESS), AuthContext());
+        };
+    });
+    engine.setProcessorChain({"UserLookup", "VirtualDoor", "AntiPassback", "Interlock"});
+    struct Case {
+        const char* scheduleRelay;
+        const char* interlocked;
+        std::set<std::string> offline;
+    };
+    for (const Case& attempt : {Case{"1-1", "1", {}}, Case{"1-1,2", "2", {"2"}}}) {
+        SCOPED_TRACE(attempt.scheduleRelay);
+        configure([&](FakeDataProvider& fake) {
+            fake.users["card-1"].scheduleRelay = attempt.scheduleRelay;
+            fake.config.interlockRelayMap = {{attempt.interlocked, true}};
+            fake.offlineRelays = attempt.offline;
+        });
+        host->clearLog();
+        recorder.clear();
+        const std::string card = submitCard("card-1");
+        ASSERT_TRUE(host->waitForQuestions(1, kWaitMs));
+        ASSERT_TRUE(idle());
+        ASSERT_EQ(engine.parkedChainCount(), 1u);
+        host->answer(0, SUCCESS);
+        ASSERT_TRUE(idle());
+        // Resumed, the chain finishes at once: it neither waits for a timeout nor leaves a
+        // question registered.
+        EXPECT_EQ(engine.parkedChainCount(), 0u);
+        EXPECT_EQ(engine.openQuestionCount(), 0u);
+        EXPECT_EQ(onlyReport(card).result, attempt.offline.empty() ? SUCCESS : FAILED);
+        EXPECT_EQ(onlyReport(card).failCode, attempt.offline.empty() ? 0 : 21);
+    }
+}
+
 // Hands the host's questions over to an answering thread.
 class QuestionRelay {
 public:

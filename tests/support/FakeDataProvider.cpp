@@ -16,6 +16,17 @@ void FakeDataProvider::enterLocked(const char* operation) {
     }
 }
 
+void FakeDataProvider::beginCall(const char* operation) {
+    std::function<void(const std::string&)> hook;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        hook = beforeCall;
+    }
+    if (hook) {
+        hook(operation);
+    }
+}
+
 std::vector<std::string> FakeDataProvider::calls() {
     std::lock_guard<std::mutex> guard(mutex);
     return callLog;
@@ -105,6 +116,7 @@ std::string FakeDataProvider::ask(Question question, const QuestionHook& hook) {
 std::shared_ptr<UserData> FakeDataProvider::getUserByCredential(const char* credential,
                                                                 const OpenDoorType& openType) {
     (void)openType;
+    beginCall("getUserByCredential");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getUserByCredential");
     const auto found = users.find(credential == nullptr ? std::string() : std::string(credential));
@@ -119,6 +131,7 @@ std::shared_ptr<KeyData> FakeDataProvider::getKeyData(const AuthContext& context
     (void)context;
     (void)keyKind;
     (void)ownerKind;
+    beginCall("getKeyData");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getKeyData");
     return keyData ? std::make_shared<KeyData>(*keyData) : nullptr;
@@ -127,6 +140,7 @@ std::shared_ptr<KeyData> FakeDataProvider::getKeyData(const AuthContext& context
 std::vector<std::shared_ptr<ScheduleData>> FakeDataProvider::getRelaySchedules(
     const std::string& ownerKey, int ownerKind) {
     (void)ownerKind;
+    beginCall("getRelaySchedules");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getRelaySchedules");
     ownerKeys.push_back(ownerKey);
@@ -135,6 +149,7 @@ std::vector<std::shared_ptr<ScheduleData>> FakeDataProvider::getRelaySchedules(
 
 std::vector<HolidayData> FakeDataProvider::getHolidays(const std::string& ownerKey, int ownerKind) {
     (void)ownerKind;
+    beginCall("getHolidays");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getHolidays");
     ownerKeys.push_back(ownerKey);
@@ -142,6 +157,7 @@ std::vector<HolidayData> FakeDataProvider::getHolidays(const std::string& ownerK
 }
 
 bool FakeDataProvider::isPublicPin(const AuthContext& context) {
+    beginCall("isPublicPin");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("isPublicPin");
     return !publicPin.empty() && context.request.credential == publicPin;
@@ -149,6 +165,7 @@ bool FakeDataProvider::isPublicPin(const AuthContext& context) {
 
 bool FakeDataProvider::getLatchPinRelays(const AuthContext& context,
                                          std::vector<std::string>& relays) {
+    beginCall("getLatchPinRelays");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getLatchPinRelays");
     const auto found = latchPins.find(context.request.credential);
@@ -161,12 +178,14 @@ bool FakeDataProvider::getLatchPinRelays(const AuthContext& context,
 
 std::vector<std::string> FakeDataProvider::getPublicPinRelays(const AuthContext& context) {
     (void)context;
+    beginCall("getPublicPinRelays");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getPublicPinRelays");
     return publicPinRelays;
 }
 
 AuthConfig FakeDataProvider::getAuthConfig() {
+    beginCall("getAuthConfig");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getAuthConfig");
     return config;
@@ -174,6 +193,7 @@ AuthConfig FakeDataProvider::getAuthConfig() {
 
 std::vector<std::string> FakeDataProvider::getLockedDownRelays(
     const std::vector<std::string>& relays) {
+    beginCall("getLockedDownRelays");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getLockedDownRelays");
     std::vector<std::string> locked;
@@ -186,6 +206,7 @@ std::vector<std::string> FakeDataProvider::getLockedDownRelays(
 }
 
 bool FakeDataProvider::isRelayHolidayExempt(const std::string& relay) {
+    beginCall("isRelayHolidayExempt");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("isRelayHolidayExempt");
     return holidayExemptRelays.count(relay) != 0;
@@ -193,6 +214,7 @@ bool FakeDataProvider::isRelayHolidayExempt(const std::string& relay) {
 
 std::vector<std::string> FakeDataProvider::getForbiddenUnlockTypeRelays(
     const std::vector<std::string>& relays, OpenDoorType openType) {
+    beginCall("getForbiddenUnlockTypeRelays");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getForbiddenUnlockTypeRelays");
     std::vector<std::string> forbidden;
@@ -210,6 +232,7 @@ std::vector<std::string> FakeDataProvider::getForbiddenUnlockTypeRelays(
 
 bool FakeDataProvider::getDtmfConfig(DtmfConfig& out, const AuthContext& context) {
     (void)context;
+    beginCall("getDtmfConfig");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getDtmfConfig");
     if (!dtmfConfig) {
@@ -221,6 +244,7 @@ bool FakeDataProvider::getDtmfConfig(DtmfConfig& out, const AuthContext& context
 
 bool FakeDataProvider::requestDtmfWhitelist(const DtmfWhitelistRequest& request,
                                             DtmfWhitelistResult& result) {
+    beginCall("requestDtmfWhitelist");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("requestDtmfWhitelist");
     const auto found = dtmfWhitelist.find(request.remoteNumber);
@@ -234,6 +258,7 @@ bool FakeDataProvider::requestDtmfWhitelist(const DtmfWhitelistRequest& request,
 bool FakeDataProvider::getDtmfUser(const std::string& remoteNumber, UserData& user,
                                    const AuthContext& context) {
     (void)context;
+    beginCall("getDtmfUser");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getDtmfUser");
     const auto found = dtmfUsers.find(remoteNumber);
@@ -247,6 +272,7 @@ bool FakeDataProvider::getDtmfUser(const std::string& remoteNumber, UserData& us
 bool FakeDataProvider::requestDtmfVisitorPermission(const DtmfVisitorPermissionRequest& request,
                                                     UserData& user) {
     (void)request;
+    beginCall("requestDtmfVisitorPermission");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("requestDtmfVisitorPermission");
     if (!dtmfVisitor) {
@@ -259,6 +285,7 @@ bool FakeDataProvider::requestDtmfVisitorPermission(const DtmfVisitorPermissionR
 bool FakeDataProvider::getRemoteControlUser(const std::string& remoteUserId, UserData& user,
                                             AuthContext& context) {
     (void)context;
+    beginCall("getRemoteControlUser");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getRemoteControlUser");
     const auto found = remoteControlUsers.find(remoteUserId);
@@ -273,6 +300,7 @@ bool FakeDataProvider::requestTempKey(const AuthContext& context, AuthCallback c
     Question question;
     QuestionHook hook;
     {
+        beginCall("requestTempKey");
         std::lock_guard<std::mutex> guard(mutex);
         enterLocked("requestTempKey");
         if (!tempKeySendOk) {
@@ -290,6 +318,7 @@ bool FakeDataProvider::requestTempKey(const AuthContext& context, AuthCallback c
 }
 
 bool FakeDataProvider::getTempKeyUser(const TempKeyAuthData& data, UserData& user) {
+    beginCall("getTempKeyUser");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getTempKeyUser");
     const auto found = tempKeyUsers.find(data.key);
@@ -301,12 +330,14 @@ bool FakeDataProvider::getTempKeyUser(const TempKeyAuthData& data, UserData& use
 }
 
 void FakeDataProvider::getTempKeyTargets(std::vector<AuthTarget>& targets) {
+    beginCall("getTempKeyTargets");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getTempKeyTargets");
     targets = tempKeyTargets;
 }
 
 bool FakeDataProvider::getHttpOpenConfig(HttpOpenConfig& out) {
+    beginCall("getHttpOpenConfig");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getHttpOpenConfig");
     if (!httpConfig) {
@@ -320,6 +351,7 @@ bool FakeDataProvider::checkBleOpenInterval(const UserData& user,
                                             const std::vector<std::string>& relays) {
     (void)user;
     (void)relays;
+    beginCall("checkBleOpenInterval");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("checkBleOpenInterval");
     return bleAllowed;
@@ -327,6 +359,7 @@ bool FakeDataProvider::checkBleOpenInterval(const UserData& user,
 
 void FakeDataProvider::recordBleOpen(const UserData& user, const std::vector<std::string>& relays) {
     (void)user;
+    beginCall("recordBleOpen");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("recordBleOpen");
     bleRecords.push_back(relays);
@@ -339,6 +372,7 @@ std::string FakeDataProvider::requestAntiPassback(const AuthRequest& request, co
     Question question;
     QuestionHook hook;
     {
+        beginCall("requestAntiPassback");
         std::lock_guard<std::mutex> guard(mutex);
         enterLocked("requestAntiPassback");
         question.kind = "antipassback";
@@ -362,6 +396,7 @@ std::string FakeDataProvider::requestInterlock(const AuthRequest& request, const
     Question question;
     QuestionHook hook;
     {
+        beginCall("requestInterlock");
         std::lock_guard<std::mutex> guard(mutex);
         enterLocked("requestInterlock");
         question.kind = "interlock";
@@ -385,6 +420,7 @@ std::string FakeDataProvider::requestParking(const AuthRequest& request, const U
     Question question;
     QuestionHook hook;
     {
+        beginCall("requestParking");
         std::lock_guard<std::mutex> guard(mutex);
         enterLocked("requestParking");
         question.kind = "parking";
@@ -400,6 +436,7 @@ std::string FakeDataProvider::requestParking(const AuthRequest& request, const U
 
 void FakeDataProvider::onAuthResult(const AuthContext& context, const AuthResult& result) {
     {
+        beginCall("onAuthResult");
         std::lock_guard<std::mutex> guard(mutex);
         enterLocked("onAuthResult");
         reported.push_back(Report{context, result});
@@ -408,6 +445,7 @@ void FakeDataProvider::onAuthResult(const AuthContext& context, const AuthResult
 }
 
 bool FakeDataProvider::getReaderPriority(std::vector<ReaderType>& priority) {
+    beginCall("getReaderPriority");
     std::lock_guard<std::mutex> guard(mutex);
     enterLocked("getReaderPriority");
     if (readerPriority.empty()) {

@@ -77,6 +77,10 @@ public:
     std::vector<ReaderType> readerPriority;  ///< empty: getReaderPriority answers false
     std::set<std::string> throwFrom;         ///< operation names that throw std::runtime_error
 
+    /// Runs at the start of every operation, without the fake's lock, with the operation's name:
+    /// it may throw, change the scripted data (under lock()) or call into the engine.
+    std::function<void(const std::string& operation)> beforeCall;
+
     QuestionHook answerTempKey;
     QuestionHook answerAntiPassback;
     QuestionHook answerInterlock;
@@ -146,6 +150,7 @@ public:
 
 private:
     // Records the call and throws when the operation is listed in throwFrom. Caller holds `mutex`.
+    void beginCall(const char* operation);
     void enterLocked(const char* operation);
     // Records a question, runs its hook (without the lock) and returns the handle.
     std::string ask(Question question, const QuestionHook& hook);

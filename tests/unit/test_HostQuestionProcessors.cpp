@@ -128,6 +128,7 @@ TEST_F(AntiPassbackProcessor, OneSubRequestPerRelayRegisteredBeforeAsking) {
 TEST_F(AntiPassbackProcessor, SumsUpAnswersInRelayIdOrder) {
     auto answered = [](const std::map<std::string, int>& statuses) {
         AuthContext context = passer(1, {"SA", "3", "2", "1"}, "r");
+        context.pendingProcessor = "AntiPassback";  // resumed with the answers
         for (const auto& entry : statuses) {
             context.antiPassbackResults[entry.first] = {entry.first, entry.second, true};
         }
@@ -225,13 +226,14 @@ TEST_F(InterlockProcessor, RetryAsksOnlyUnansweredRelays) {
 
 // ---- parking restriction ----
 
-// A vehicle of `userType` at relay 1, carrying the verdict the chain reached so far.
+// A vehicle of `userType` at relay 1; with a result, resumed with the host's answer.
 AuthContext plate(int userType, const std::string& requestId,
                   OpenDoorType openType = OPEN_TYPE_LICENSE_PLATE, AuthResult result = CONTINUE,
                   int failCode = 0) {
     AuthContext context = attempt(openType, {"1"}, person("", userType), requestId);
     context.response.result = result;
     context.response.failCode = failCode;
+    context.pendingProcessor = result == CONTINUE ? "" : "ParkingRestriction";
     return context;
 }
 
@@ -256,11 +258,21 @@ TEST_F(ParkingRestrictionProcessor, DecidesWithoutAskingWhenItCan) {
         EXPECT_EQ(processor.processRelays(*context, provider, {"1"}), CONTINUE);
     }
     EXPECT_EQ(run(plate(1, "r", OPEN_TYPE_LICENSE_PLATE, FAILED, 23)), FAILED);
+    // Any other answer refuses too, as a parking refusal.
+    EXPECT_EQ(decide(plate(1, "r", OPEN_TYPE_LICENSE_PLATE, FAILED, 0)),
+              "FAILED 23 '' [1] []");
     EXPECT_EQ(provider.callCount("requestParking"), 0);
     EXPECT_TRUE(log.contains("openType=2, skip"));
     EXPECT_TRUE(log.contains("openType=3, skip"));
     EXPECT_EQ(log.count("resume result=CONTINUE"), 1);
-    EXPECT_EQ(log.count("resume result=FAILED"), 1);
+    EXPECT_EQ(log.count("resume result=FAILED"), 2);
+
+    // A SUCCESS that an earlier processor left in the response is no answer to this question.
+    AuthContext earlier = plate(1, "r");
+    earlier.response.result = SUCCESS;
+    earlier.pendingProcessor = "TempKey";
+    EXPECT_EQ(run(earlier), ASYNC_PENDING);
+    EXPECT_EQ(provider.callCount("requestParking"), 1);
 }
 
 TEST_F(ParkingRestrictionProcessor, AsksOnceAndPassesWhenTheHostIsOffline) {
