@@ -401,6 +401,118 @@ TEST_F(FaultsAsync, ChecksInsideTheChainResumeAndReleaseTheirQuestions) {
     }
 }
 
+TEST_F(FaultsAsync, InterlockRetryLeavesNothingBehindForAPhaseSettledMeanwhile) {
+    configure([](FakeDataProvider& fake) {
+        fake.config.interlockRelayMap = {{"1", true}, {"2", true}};
+        fake.config.interlockRetryLimit = 1;
+    });
+    const std::string id =
+        engine.verifyInterlockTargets(AuthRequest(), {{0, "1"}, {0, "2"}}, recorder.callback());
+    ASSERT_TRUE(host->waitForQuestions(2, kWaitMs));
+    ASSERT_TRUE(idle());
+    // The retry asks relay 1 again; while it does, the phase is settled from another thread, so
+    // its question for relay 2 has nothing left to belong to.
+    configure([&](FakeDataProvider& fake) {
+        fake.answerInterlock = [&](FakeDataProvider::Question&) {
+            std::thread([&] { engine.resumeIndependentAsync(id + "_ind_interlock"); }).join();
+        };
+    });
+    clock.advance(5);
+    engine.checkAllPendingTimeouts();
+    ASSERT_TRUE(idle());
+    EXPECT_EQ(host->questions().size(), 4u);
+    EXPECT_EQ(onlyReport(id).result, FAILED);
+    EXPECT_EQ(engine.openQuestionCount(), 0u);
+    expectNothingParked(engine);
+}
+
+// ---- host code that calls back into the facade ----
+
+class FaultsFacade : public FacadeTest {
+protected:
+    void SetUp() override { host = makeSite(); }
+    // The first call of `operation` resets the facade.
+    void resetFrom(const std::string& operation) {
+        auto lock = host->lock();
+        const auto done = std::make_shared<std::atomic<bool>>(false);
+        host->beforeCall = [this, operation, done](const std::string& called) {
+            if (called == operation && !done->exchange(true)) {
+                facade.reset();
+            }
+        };
+    }
+    LogCapture log;
+};
+
+TEST_F(FaultsFacade, ResetFromHostCodeTheWorkerRunsCompletesWhenThatCodeReturns) {
+    // The card opens relay 3 at once and parks relay 1 for anti-passback. A reset asked from
+    // inside the question, the report or the callback on the worker ends the run; each accepted
+    // request hears back once per report, and the facade starts afresh.
+    for (const std::string operation : {"requestAntiPassback", "onAuthResult", "callback"}) {
+        SCOPED_TRACE(operation);
+        recorder.clear();
+        ASSERT_EQ(facade.init(host), 0);
+        resetFrom(operation);
+        const AuthCallback record = recorder.callback();
+        const auto done = std::make_shared<std::atomic<bool>>(false);
+        const std::string id = facade.authenticateAsync(
+            makeRequest("card-1", OPEN_TYPE_CARD),
+            [&, operation, done](const std::string& called, const AuthResponse& response,
+                                 const AuthContext& context) {
+                record(called, response, context);
+                if (operation == "callback" && !done->exchange(true)) {
+                    facade.reset();
+                }
+            });
+        ASSERT_FALSE(id.empty());
+        ASSERT_TRUE(recorder.waitFor(2, kWaitMs));
+        EXPECT_EQ(recorder.forId(id).at(0).response.openedRelays, Relays{"3"});
+        expectFailed(recorder.forId(id + "_ind_antipassback").at(0).response, 0, "Engine shutdown");
+        EXPECT_FALSE(facade.isReady());
+        resetFrom("");
+    }
+    ASSERT_EQ(facade.init(host), 0);
+    const std::string next =
+        facade.authenticateAsync(makeRequest("card-2", OPEN_TYPE_CARD), recorder.callback());
+    ASSERT_TRUE(recorder.waitFor(3, kWaitMs));
+    EXPECT_EQ(recorder.forId(next).at(0).response.result, SUCCESS);
+}
+
+TEST_F(FaultsFacade, ResetFromHostCodeOfASynchronousAttemptCompletesWhenItReturns) {
+    ASSERT_EQ(facade.init(host), 0);
+    resetFrom("getLockedDownRelays");
+    const AuthResponse decided = facade.authenticate(makeRequest("card-1", OPEN_TYPE_CARD));
+    EXPECT_EQ(decided.result, SUCCESS);
+    EXPECT_EQ(decided.openedRelays, Relays{"3"});
+    EXPECT_FALSE(facade.isReady());
+}
+
+TEST_F(FaultsFacade, CallsBackFromACallbackMadeUnderTheLockAreRefusedAtOnce) {
+    ASSERT_EQ(facade.init(host), 0);
+    std::string submitted = "not called";
+    bool resetAsked = false;
+    const std::string key = facade.authenticateAsync(
+        makeRequest("tk-1", OPEN_TYPE_TEMP_KEY),
+        [&](const std::string& id, const AuthResponse& response, const AuthContext& context) {
+            // The parked temporary key times out: this runs under the engine's lock.
+            submitted = facade.authenticateAsync(makeRequest("card-2", OPEN_TYPE_CARD),
+                                                 recorder.callback());
+            facade.handleAsyncResult(id, SUCCESS, response, context);
+            facade.reset();
+            resetAsked = true;
+        });
+    ASSERT_TRUE(host->waitForQuestions(1, kWaitMs));
+    ASSERT_TRUE(facade.waitForIdle(kWaitMs));
+    clock.advance(4);
+    ASSERT_TRUE(facade.waitForIdle(kWaitMs));
+    EXPECT_TRUE(resetAsked);
+    EXPECT_EQ(submitted, "");
+    EXPECT_TRUE(log.contains("authenticateAsync refused"));
+    EXPECT_TRUE(log.contains("handleAsyncResponse refused"));
+    EXPECT_FALSE(facade.isReady());
+    (void)key;
+}
+
 // Hands the host's questions over to an answering thread.
 class QuestionRelay {
 public:
