@@ -650,21 +650,33 @@ std::vector<std::string> AuthEngine::chainNames() {
 }
 
 std::size_t AuthEngine::parkedChainCount() {
+    if (refusedUnderLock("parkedChainCount")) {
+        return 0;
+    }
     std::lock_guard<std::mutex> lock(queueMutex);
     return asyncContexts.size();
 }
 
 std::size_t AuthEngine::parkedPhaseCount() {
+    if (refusedUnderLock("parkedPhaseCount")) {
+        return 0;
+    }
     std::lock_guard<std::mutex> lock(queueMutex);
     return independentContexts.size();
 }
 
 std::size_t AuthEngine::subRequestCount() {
+    if (refusedUnderLock("subRequestCount")) {
+        return 0;
+    }
     std::lock_guard<std::mutex> lock(queueMutex);
     return subRequests.size();
 }
 
 bool AuthEngine::peekParkedChain(const std::string& requestId, AsyncContext& out) {
+    if (refusedUnderLock("peekParkedChain")) {
+        return false;
+    }
     std::lock_guard<std::mutex> lock(queueMutex);
     const auto found = asyncContexts.find(requestId);
     if (found == asyncContexts.end()) {
@@ -675,6 +687,9 @@ bool AuthEngine::peekParkedChain(const std::string& requestId, AsyncContext& out
 }
 
 bool AuthEngine::peekParkedPhase(const std::string& phaseId, IndependentAsyncContext& out) {
+    if (refusedUnderLock("peekParkedPhase")) {
+        return false;
+    }
     std::lock_guard<std::mutex> lock(queueMutex);
     const auto found = independentContexts.find(phaseId);
     if (found == independentContexts.end()) {
@@ -685,17 +700,34 @@ bool AuthEngine::peekParkedPhase(const std::string& phaseId, IndependentAsyncCon
 }
 
 std::string AuthEngine::subRequestParent(const std::string& subRequestId) {
+    if (refusedUnderLock("subRequestParent")) {
+        return {};
+    }
     std::lock_guard<std::mutex> lock(queueMutex);
     const auto found = subRequests.find(subRequestId);
     return found == subRequests.end() ? std::string() : found->second;
 }
 
 std::size_t AuthEngine::openQuestionCount() {
+    if (refusedUnderLock("openQuestionCount")) {
+        return 0;
+    }
     std::lock_guard<std::mutex> lock(queueMutex);
     return subRequests.size() + ownQuestions.size();
 }
 
+bool AuthEngine::questionOpen(const std::string& id) {
+    if (refusedUnderLock("questionOpen")) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(queueMutex);
+    return subRequests.count(id) != 0 || ownQuestions.count(id) != 0;
+}
+
 std::size_t AuthEngine::heldAnswerCount() {
+    if (refusedUnderLock("heldAnswerCount")) {
+        return 0;
+    }
     std::lock_guard<std::mutex> lock(queueMutex);
     std::size_t held = 0;
     for (const auto& entry : underConstruction) {
@@ -705,11 +737,17 @@ std::size_t AuthEngine::heldAnswerCount() {
 }
 
 uint64_t AuthEngine::droppedAnswerCount() {
+    if (refusedUnderLock("droppedAnswerCount")) {
+        return 0;
+    }
     std::lock_guard<std::mutex> lock(queueMutex);
     return droppedAnswers;
 }
 
 bool AuthEngine::waitForIdle(int timeoutMs) {
+    if (refusedUnderLock("waitForIdle")) {
+        return false;
+    }
     std::unique_lock<std::mutex> lock(queueMutex);
     return idleChanged.wait_for(
         lock, std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs),

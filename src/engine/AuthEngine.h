@@ -142,7 +142,8 @@ public:
                             const std::vector<std::string>& relays);
     void resumeIndependentAsync(const std::string& requestId);
 
-    // ---- inspection for tests and tools (read-only, take the lock; safe at any time) ----
+    // ---- inspection for tests and tools (read-only, take the lock; safe at any time: from a
+    // callback the engine makes under its lock they answer empty, with an error log line) ----
     std::shared_ptr<IAuthProcessor> getProcessor(const std::string& name);
     /// Names met walking from the head, stopping at a processor already visited.
     std::vector<std::string> chainNames();
@@ -155,6 +156,8 @@ public:
     /// Questions asked and not yet answered: per-relay sub-requests and questions asked under a
     /// request's or phase's own id.
     std::size_t openQuestionCount();
+    /// Whether a question asked under `id` is open: its first answer would count.
+    bool questionOpen(const std::string& id);
     /// Answers that wait for their request or phase to be stored.
     std::size_t heldAnswerCount();
     /// Answers dropped since the engine was made: unknown ids, repeats, answers to questions that

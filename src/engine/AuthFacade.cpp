@@ -88,16 +88,24 @@ std::shared_ptr<AuthEngine> AuthFacade::currentEngine() const {
 
 int AuthFacade::init(std::shared_ptr<IDataProvider> provider) {
     return shielded<int>("init", -4, [&] {
-        std::lock_guard<std::mutex> lock(engineMutex);
-        if (engine) {
+        if (currentEngine()) {
             return 0;  // already running: a second init keeps the engine and its provider
         }
+        // The engine starts without the facade's lock held: a callback of another engine that
+        // calls the facade (it takes that lock) must never wait behind an engine's own locks.
         auto created = std::make_shared<AuthEngine>(requestNumbers());
         const int code = created->init(std::move(provider));
         if (code != 0) {
             return code;
         }
-        engine = std::move(created);
+        {
+            std::lock_guard<std::mutex> lock(engineMutex);
+            if (!engine) {
+                engine = std::move(created);
+                return 0;
+            }
+        }
+        created->reset();  // another init won the race: its engine stays, this one goes
         return 0;
     });
 }

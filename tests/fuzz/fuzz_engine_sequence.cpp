@@ -1,10 +1,16 @@
 // Whole-engine sequences: the input configures a scripted host, then turns into a sequence of
 // engine calls (attempts of every open type, host answers to real and made-up ids, relay choices,
-// clock moves, timeout sweeps, resumes, resets). Every report must respect the checks that were
-// asked: no locked-down or forbidden relay opens, no relay opens whose anti-passback, interlock or
-// parking answer did not pass, and a refusal carries nothing to actuate. Once the clocks have been
-// moved far ahead and swept, nothing may be left parked.
+// clock moves, timeout sweeps, resumes, resets). The host misbehaves as the input says: an
+// operation throws on a chosen call, a question is answered twice, under a wrong id, inline and
+// then again later, "yes" inline and then a throw, and host code calls back into the engine (reset
+// included) from inside an operation or a completion callback. Every report must respect the
+// checks that were asked: no locked-down or forbidden relay opens, no relay opens whose
+// anti-passback, interlock or parking answer did not pass, and a refusal carries nothing to
+// actuate. No id is issued twice; no phase is reported twice; every accepted request hears back
+// unless it ended silently by design. Once the clocks have been moved far ahead and swept, nothing
+// may be left parked, registered or held.
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -14,6 +20,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -101,27 +108,52 @@ public:
                std::any_of(found->second.begin(), found->second.end(), passing);
     }
 
-    /// Some answer passed, and so did the deciding one if the question was decided.
+    /// The question's call threw after the host answered it: the answer must not count.
+    void threw(const std::string& id) {
+        std::lock_guard<std::mutex> guard(mutex);
+        thrown.insert(id);
+    }
+
+    /// Some answer passed, and so did the deciding one if the question was decided; and the call
+    /// that asked did not throw after an inline answer.
     bool passed(const std::string& id, bool (*passing)(int)) {
         if (!anyPassing(id, passing)) {
             return false;
         }
         std::lock_guard<std::mutex> guard(mutex);
         const auto found = decided.find(id);
-        return found == decided.end() || passing(found->second);
-    }
-
-    void clear() {
-        std::lock_guard<std::mutex> guard(mutex);
-        delivered.clear();
-        decided.clear();
+        return thrown.count(id) == 0 && (found == decided.end() || passing(found->second));
     }
 
 private:
     std::mutex mutex;
     std::map<std::string, std::vector<int>> delivered;
     std::map<std::string, int> decided;
+    std::set<std::string> thrown;
 };
+
+/// What host code does when it calls back into the engine from inside an operation or a callback.
+enum class Reentry { NONE, RESET, SUBMIT, ANSWER_JUNK, ANSWER_LATEST, SWEEP, SETTLE, INIT, VERIFY };
+
+/// A host fault planned by the input: on the `call`-th call of `operation` ("callback" for the
+/// completion callbacks), call back in as `reentry` says, then throw if `throws`.
+struct HostFault {
+    std::string operation;
+    int call = 0;
+    Reentry reentry = Reentry::NONE;
+    bool throws = false;
+};
+
+const std::vector<std::string>& faultyOperations() {
+    static const std::vector<std::string> list = {"getUserByCredential",  "getAuthConfig",
+                                                  "getRelaySchedules",    "getHolidays",
+                                                  "getLockedDownRelays",  "isRelayHolidayExempt",
+                                                  "requestTempKey",       "getTempKeyUser",
+                                                  "requestAntiPassback",  "requestInterlock",
+                                                  "requestParking",       "onAuthResult",
+                                                  "checkBleOpenInterval", "callback"};
+    return list;
+}
 
 struct RelayChoice {
     std::string optionsId;
@@ -130,20 +162,33 @@ struct RelayChoice {
 
 class Harness {
 public:
-    explicit Harness(FuzzInput& in) : in(in), provider(std::make_shared<FakeDataProvider>()) {}
+    explicit Harness(FuzzInput& in)
+        : in(in),
+          provider(std::make_shared<FakeDataProvider>()),
+          engine(std::make_shared<AuthEngine>(numbers)) {}
+
+    ~Harness() {
+        {
+            // Nothing of the host may call back in while the engine stops for good.
+            auto lock = provider->lock();
+            provider->beforeCall = nullptr;
+        }
+        engine->reset();
+    }
 
     void run() {
         configureHost();
-        FUZZ_CHECK(engine.init(provider) == 0, "init failed");
+        FUZZ_CHECK(engine->init(provider) == 0, "init failed");
         for (int step = 0; step < kMaxOperations && !in.empty(); ++step) {
             operate();
-            FUZZ_CHECK(engine.waitForIdle(kIdleWaitMs), "engine did not become idle");
+            FUZZ_CHECK(engine->waitForIdle(kIdleWaitMs), "engine did not become idle");
             collectIds();
         }
         drain();
         checkReports();
-        engine.reset();
+        engine->reset();
         checkReports();
+        checkEveryRequestHeardBack();
     }
 
 private:
@@ -297,57 +342,239 @@ private:
         provider->bleAllowed = in.range(0, 3) != 0;
         provider->parkingOffline = in.range(0, 3) == 0;
 
-        // Inline answers, given from inside the question: none, passing, failing, or CONTINUE.
+        // Inline answers, given from inside the question: none, passing, failing, CONTINUE, or
+        // one of the faults of installHook.
         for (FakeDataProvider::QuestionHook* hook :
              {&provider->answerAntiPassback, &provider->answerInterlock, &provider->answerParking,
               &provider->answerTempKey}) {
-            installHook(*hook, in.range(0, 3));
+            installHook(*hook, in.range(0, 7));
         }
+
+        // Host faults on chosen calls, with what re-entry needs prepared now: the hooks run on the
+        // worker, which must not read the input.
+        for (int i = in.range(0, 3); i > 0; --i) {
+            HostFault fault;
+            fault.operation = in.pick(faultyOperations());
+            fault.call = in.range(1, 4);
+            fault.reentry = static_cast<Reentry>(in.range(0, 8));
+            fault.throws = in.flag();
+            faults.push_back(fault);
+        }
+        reentrantRequest = requestFrom();
+        junkAnswerId = "req_" + std::to_string(in.range(0, 9)) + "_1736942400" +
+                       in.pick(std::vector<std::string>{"", "_ind_antipassback_ap_1",
+                                                        "_ind_interlock_il_2", "_ind_parking"});
+        provider->beforeCall = [this](const std::string& operation) { onHostCall(operation); };
+    }
+
+    // ---- host faults ----
+
+    /// Counts the call and commits the faults planned for it.
+    void onHostCall(const std::string& operation) {
+        std::vector<HostFault> due;
+        {
+            std::lock_guard<std::mutex> guard(faultMutex);
+            const int call = ++hostCalls[operation];
+            for (const HostFault& fault : faults) {
+                if (fault.operation == operation && fault.call == call) {
+                    due.push_back(fault);
+                }
+            }
+        }
+        for (const HostFault& fault : due) {
+            // A completion callback or a report may run under the engine's lock, where it cannot
+            // be asked what is parked.
+            reenter(fault.reentry, operation == "callback" || operation == "onAuthResult");
+            if (fault.throws) {
+                throw std::runtime_error("fuzz host fault in " + operation);
+            }
+        }
+    }
+
+    void reenter(Reentry reentry, bool maybeUnderLock) {
+        switch (reentry) {
+            case Reentry::RESET:
+                resetEngine(maybeUnderLock);
+                break;
+            case Reentry::SUBMIT:
+                accept([&] { return engine->authenticateAsync(reentrantRequest, callback()); });
+                break;
+            case Reentry::ANSWER_JUNK:
+                engine->handleAsyncResponse(junkAnswerId, SUCCESS, responseOf(SUCCESS),
+                                            AuthContext());
+                break;
+            case Reentry::ANSWER_LATEST: {
+                const auto asked = provider->questions();
+                if (!asked.empty()) {
+                    deliver(asked.back(), responseOf(SUCCESS), AuthContext());
+                }
+                break;
+            }
+            case Reentry::SWEEP:
+                engine->checkAllPendingTimeouts();
+                break;
+            case Reentry::SETTLE:
+                engine->settle(0);
+                break;
+            case Reentry::INIT:
+                engine->init(provider);
+                break;
+            case Reentry::VERIFY:
+                accept([&] {
+                    return engine->verifyInterlockTargets(reentrantRequest, {{0, "1"}}, callback());
+                });
+                break;
+            case Reentry::NONE:
+                break;
+        }
+    }
+
+    static AuthResponse responseOf(AuthResult result) {
+        AuthResponse response;
+        response.result = result;
+        return response;
+    }
+
+    /// The completion callback of every request: it records, then may commit a host fault.
+    AuthCallback callback() {
+        const AuthCallback record = recorder.callback();
+        return [this, record](const std::string& id, const AuthResponse& response,
+                              const AuthContext& context) {
+            record(id, response, context);
+            onHostCall("callback");
+        };
+    }
+
+    /// Notes an answer about to be given under `id`: whether it decides (its question is open), and
+    /// that a DROPPED answer may end its request without a word.
+    void noteAnswer(const std::string& id, int result) {
+        answers.record(id, result, engine->questionOpen(id));
+        if (result == DROPPED) {
+            std::lock_guard<std::mutex> guard(faultMutex);
+            silent.insert(rootOf(id));
+        }
+    }
+
+    /// Resets the engine. A parked chain vanishes at a reset without a word, by design: requests
+    /// parked now (or, where the engine cannot be asked, any not heard of yet) may stay silent.
+    void resetEngine(bool maybeUnderLock) {
+        ++resets;
+        std::set<std::string> heard;
+        if (maybeUnderLock) {
+            for (const auto& call : recorder.all()) {
+                heard.insert(rootOf(call.requestId));
+            }
+        }
+        std::vector<std::string> maybeParked;
+        {
+            std::lock_guard<std::mutex> guard(faultMutex);
+            maybeParked = accepted;
+        }
+        AuthEngine::AsyncContext parked;
+        for (const std::string& id : maybeParked) {
+            if (maybeUnderLock ? heard.count(id) == 0 : engine->peekParkedChain(id, parked)) {
+                std::lock_guard<std::mutex> guard(faultMutex);
+                silent.insert(id);
+            }
+        }
+        engine->reset();
+    }
+
+    /// Accepts the request `submit` makes: it must hear back. A reset that ran while it was
+    /// being submitted may have found it parked before it could be noted.
+    template <typename Submit>
+    std::string accept(Submit&& submit) {
+        const int resetsBefore = resets;
+        const std::string id = submit();
+        if (!id.empty()) {
+            std::lock_guard<std::mutex> guard(faultMutex);
+            FUZZ_CHECK(issued.insert(id).second, "request id " + id + " issued twice");
+            accepted.push_back(id);
+            if (resets != resetsBefore) {
+                silent.insert(id);
+            }
+        }
+        return id;
     }
 
     /// One of the four users' cards.
     std::string cardFrom() { return "c" + std::to_string(in.range(0, 3)); }
 
+    /// Modes: 1 passing, 2 failing, 3 CONTINUE; 4 passing, then the call throws; 5 failing,
+    /// then passing (answered twice); 6 a passing answer under a wrong id, then failing; 7
+    /// passing, then host code resets the engine from inside the question.
     void installHook(FakeDataProvider::QuestionHook& hook, int mode) {
         if (mode == 0) {
             return;
         }
         hook = [this, mode](FakeDataProvider::Question& question) {
-            AuthResponse response;
-            AuthContext update;
-            response.result = mode == 1 ? SUCCESS : mode == 2 ? FAILED : CONTINUE;
-            if (question.kind == "tempkey" && mode != 2) {
-                update.tempKeyAuthData = std::make_shared<TempKeyAuthData>();
-                update.tempKeyAuthData->failCode = mode == 3 ? 7 : 0;
+            const auto answer = [&](AuthResult result) {
+                AuthResponse response;
+                AuthContext update;
+                response.result = result;
+                if (question.kind == "tempkey" && result != FAILED) {
+                    update.tempKeyAuthData = std::make_shared<TempKeyAuthData>();
+                    update.tempKeyAuthData->failCode = result == CONTINUE ? 7 : 0;
+                }
+                if (question.kind == "parking" && result == FAILED) {
+                    response.failCode = 23;
+                }
+                deliver(question, response, update);
+            };
+            switch (mode) {
+                case 1:
+                case 4:
+                case 7:
+                    answer(SUCCESS);
+                    break;
+                case 2:
+                case 6:
+                    if (mode == 6) {
+                        engine->handleAsyncResponse(routedId(question) + "9", SUCCESS,
+                                                    responseOf(SUCCESS), AuthContext());
+                    }
+                    answer(FAILED);
+                    break;
+                case 3:
+                    answer(CONTINUE);
+                    break;
+                default:
+                    answer(FAILED);
+                    answer(SUCCESS);
+                    break;
             }
-            if (question.kind == "parking" && mode == 2) {
-                response.failCode = 23;
+            if (mode == 4) {
+                answers.threw(routedId(question));
+                throw std::runtime_error("fuzz host: answered, then the call failed");
             }
-            deliver(question, response, update, true);
+            if (mode == 7) {
+                resetEngine(false);
+            }
         };
     }
 
     // ---- answers ----
 
-    /// Answers a question through the callback the engine handed over, noting what was said.
+    /// The id the engine routes a question's answer under.
+    static std::string routedId(const FakeDataProvider::Question& question) {
+        if (question.kind == "antipassback" || question.kind == "interlock") {
+            return question.requestId + (question.kind == "antipassback" ? "_ap_" : "_il_") +
+                   question.relay;
+        }
+        // No id of its own: the host's handle routes the answer.
+        return question.requestId.empty() ? question.handle : question.requestId;
+    }
+
+    /// Answers a question through the callback the engine handed over, noting what was said and
+    /// whether it was the answer that decides (the question was still open). Ids are never issued
+    /// twice, so answers to questions from before a reset are noted harmlessly under their own.
     void deliver(const FakeDataProvider::Question& question, const AuthResponse& response,
-                 const AuthContext& update, bool fresh) {
+                 const AuthContext& update) {
         if (!question.callback) {
             return;
         }
-        std::string routed = question.requestId;
-        bool perRelay = false;
-        if (question.kind == "antipassback" || question.kind == "interlock") {
-            routed += (question.kind == "antipassback" ? "_ap_" : "_il_") + question.relay;
-            perRelay = true;
-        } else if (routed.empty()) {
-            routed = question.handle;  // no id of its own: the host's handle routes the answer
-        }
-        // Answers to questions of an engine that was reset go nowhere; they are not noted.
-        if (fresh) {
-            const bool decisive = perRelay && !engine.subRequestParent(routed).empty();
-            answers.record(routed, response.result, decisive);
-        }
+        const std::string routed = routedId(question);
+        noteAnswer(routed, response.result);
         question.callback(question.handle, response, update);
     }
 
@@ -420,14 +647,14 @@ private:
         for (const std::string& root : roots) {
             for (const std::string& suffix : phaseSuffixes()) {
                 const std::string id = root + suffix;
-                if (engine.peekParkedChain(id, chain) || engine.peekParkedPhase(id, phase)) {
+                if (engine->peekParkedChain(id, chain) || engine->peekParkedPhase(id, phase)) {
                     live.push_back(id);
                 }
             }
             for (std::size_t i = 0; i < 6; ++i) {
                 for (const char* infix : {kApQuestion, kIlQuestion}) {
                     const std::string id = root + infix + relayPool()[i];
-                    if (!engine.subRequestParent(id).empty()) {
+                    if (!engine->subRequestParent(id).empty()) {
                         live.push_back(id);
                     }
                 }
@@ -558,22 +785,26 @@ private:
             case 0:
             case 1: {  // synchronous attempt without id: nothing of it may be parked
                 checkRefusalCarriesNothing(
-                    engine.authenticate(requestFrom(), AuthCallback(), std::string()),
+                    engine->authenticate(requestFrom(), AuthCallback(), std::string()),
                     "returned response");
                 break;
             }
             case 2: {  // synchronous attempt with an id and a callback, as the worker makes it
-                const std::string id = engine.generateRequestId();
+                const std::string id = engine->generateRequestId();
                 addRoot(id);
-                checkRefusalCarriesNothing(
-                    engine.authenticate(requestFrom(), recorder.callback(), id),
-                    "returned response");
+                const AuthRequest request = requestFrom();
+                const bool ready = engine->isReady();
+                accept([&] {
+                    checkRefusalCarriesNothing(engine->authenticate(request, callback(), id),
+                                               "returned response");
+                    return ready ? id : std::string();
+                });
                 break;
             }
             case 3:
             case 4: {  // queued attempt, run by the worker
-                const std::string id = engine.authenticateAsync(requestFrom(), recorder.callback());
-                addRoot(id);
+                const AuthRequest request = requestFrom();
+                addRoot(accept([&] { return engine->authenticateAsync(request, callback()); }));
                 break;
             }
             case 5:
@@ -585,15 +816,14 @@ private:
                 const auto index =
                     static_cast<std::size_t>(in.range(0, static_cast<int>(asked.size()) - 1));
                 const AuthResponse response = responseFrom();
-                deliver(asked[index], response, updateFrom(), index >= staleQuestions);
+                deliver(asked[index], response, updateFrom());
                 break;
             }
             case 7: {  // an answer under a real or made-up id
                 const std::string id = answerId();
                 const AuthResponse response = responseFrom();
-                const bool decisive = !engine.subRequestParent(id).empty();
-                answers.record(id, response.result, decisive);
-                engine.handleAsyncResponse(id, response.result, response, updateFrom());
+                noteAnswer(id, response.result);
+                engine->handleAsyncResponse(id, response.result, response, updateFrom());
                 break;
             }
             case 8: {  // the user's relay choice, built as the facade builds it
@@ -624,7 +854,7 @@ private:
                     response.failCode = 44;
                     response.reason = "User canceled relay selection";
                 }
-                engine.handleAsyncResponse(optionsId, response.result, response, AuthContext());
+                engine->handleAsyncResponse(optionsId, response.result, response, AuthContext());
                 break;
             }
             case 9: {  // time passes (or the wall clock is set back)
@@ -635,36 +865,34 @@ private:
                     clock.advance(choice == 1 ? in.range(60, 4000) : in.range(0, 45));
                 }
                 if (in.flag()) {
-                    engine.checkAllPendingTimeouts();
+                    engine->checkAllPendingTimeouts();
                 }
                 break;
             }
             case 10: {  // a resume the worker would not have been asked for
                 const Relays live = liveIds();
                 if (!live.empty() && in.flag()) {
-                    engine.resumeAuthentication(in.pick(live));
+                    engine->resumeAuthentication(in.pick(live));
                 } else if (!roots.empty()) {
                     const std::string& root = in.pick(roots);
                     const auto suffix = static_cast<std::size_t>(in.range(0, 4));
-                    engine.resumeAuthentication(root + phaseSuffixes()[suffix]);
+                    engine->resumeAuthentication(root + phaseSuffixes()[suffix]);
                 }
                 break;
             }
             case 11: {  // reset and start again, or a second init that keeps the parked state
                 if (in.flag()) {
-                    engine.reset();
+                    resetEngine(false);
                     checkReports();
-                    answers.clear();
-                    verifications.clear();
-                    staleQuestions = provider->questions().size();
                 }
-                FUZZ_CHECK(engine.init(provider) == 0, "init failed");
+                FUZZ_CHECK(engine->init(provider) == 0, "init failed");
                 break;
             }
             case 12: {  // interlock verification without a credential
-                std::vector<AuthTarget> targets = targetsFrom(in);
-                const std::string id =
-                    engine.verifyInterlockTargets(requestFrom(), targets, recorder.callback());
+                const std::vector<AuthTarget> targets = targetsFrom(in);
+                const AuthRequest request = requestFrom();
+                const std::string id = accept(
+                    [&] { return engine->verifyInterlockTargets(request, targets, callback()); });
                 if (!id.empty()) {
                     verifications.insert(id);
                 }
@@ -674,8 +902,8 @@ private:
             default: {  // double authentication control on a real or made-up pending id
                 const std::string id =
                     pendingIds.empty() || in.range(0, 3) == 0 ? "double-9" : in.pick(pendingIds);
-                const AuthResponse response = in.flag() ? engine.handleDoubleAuthTimeout(id)
-                                                        : engine.cancelDoubleAuth(id, in.bytes(6));
+                const AuthResponse response = in.flag() ? engine->handleDoubleAuthTimeout(id)
+                                                        : engine->cancelDoubleAuth(id, in.bytes(6));
                 FUZZ_CHECK(response.result == FAILED, "double authentication control passed");
                 checkRefusalCarriesNothing(response, "double authentication control");
                 break;
@@ -712,8 +940,16 @@ private:
         seen.calls = calls.size();
     }
 
-    /// Learns ids from what the host saw: request ids, relay choices, pending first factors.
+    /// Learns ids from what the host saw: request ids, relay choices, pending first factors; and
+    /// which requests may end without a word (parked chains vanish at a reset).
     void collectIds() {
+        AuthEngine::AsyncContext parked;
+        for (const std::string& root : roots) {
+            if (engine->peekParkedChain(root, parked)) {
+                std::lock_guard<std::mutex> guard(faultMutex);
+                silent.insert(root);
+            }
+        }
         for (const auto& question : provider->questions()) {
             addRoot(rootOf(question.requestId));
         }
@@ -733,21 +969,50 @@ private:
 
     /// Moves both clocks far past every timeout and sweeps until nothing is parked.
     void drain() {
+        if (!engine->isReady()) {
+            resetEngine(false);  // completes a reset host code asked for
+        }
         for (int round = 0; round < 12; ++round) {
-            if (engine.parkedChainCount() == 0 && engine.parkedPhaseCount() == 0 &&
-                engine.subRequestCount() == 0) {
+            if (engine->parkedChainCount() == 0 && engine->parkedPhaseCount() == 0 &&
+                engine->subRequestCount() == 0) {
                 break;
             }
             clock.advance(100000);
-            engine.checkAllPendingTimeouts();
-            FUZZ_CHECK(engine.waitForIdle(kIdleWaitMs), "engine did not become idle");
+            engine->checkAllPendingTimeouts();
+            FUZZ_CHECK(engine->waitForIdle(kIdleWaitMs), "engine did not become idle");
         }
-        const std::size_t chains = engine.parkedChainCount();
-        const std::size_t phases = engine.parkedPhaseCount();
-        const std::size_t subRequests = engine.subRequestCount();
-        FUZZ_CHECK(chains == 0 && phases == 0 && subRequests == 0,
-                   "left parked: " + std::to_string(chains) + " chains, " + std::to_string(phases) +
-                       " phases, " + std::to_string(subRequests) + " sub-requests");
+        const std::size_t chains = engine->parkedChainCount();
+        const std::size_t phases = engine->parkedPhaseCount();
+        const std::size_t questions = engine->openQuestionCount();
+        const std::size_t held = engine->heldAnswerCount();
+        FUZZ_CHECK(chains == 0 && phases == 0 && questions == 0 && held == 0,
+                   "left behind: " + std::to_string(chains) + " chains, " + std::to_string(phases) +
+                       " phases, " + std::to_string(questions) + " open questions, " +
+                       std::to_string(held) + " held answers");
+    }
+
+    /// Every accepted request heard back, unless it ended silently by design (a chain parked when
+    /// the engine was reset, an answer saying DROPPED); no phase and no verdict twice.
+    void checkEveryRequestHeardBack() {
+        std::map<std::string, int> verdicts;
+        std::map<std::string, int> offers;
+        std::set<std::string> heard;
+        for (const auto& call : recorder.all()) {
+            heard.insert(rootOf(call.requestId));
+            ++(call.response.result == UNLOCK_OPTIONS_PENDING ? offers : verdicts)[call.requestId];
+        }
+        for (const auto& entry : verdicts) {
+            FUZZ_CHECK(entry.second == 1,
+                       entry.first + " reported " + std::to_string(entry.second) + " times");
+        }
+        for (const auto& entry : offers) {
+            FUZZ_CHECK(entry.second == 1, entry.first + " offered a choice twice");
+        }
+        std::lock_guard<std::mutex> guard(faultMutex);
+        for (const std::string& id : accepted) {
+            FUZZ_CHECK(heard.count(id) != 0 || silent.count(id) != 0,
+                       "accepted request " + id + " never heard back");
+        }
     }
 
     // ---- report checks ----
@@ -843,13 +1108,25 @@ private:
     std::shared_ptr<FakeDataProvider> provider;
     CallbackRecorder recorder;
     AnswerLog answers;
-    AuthEngine engine;
+    const std::shared_ptr<std::atomic<uint32_t>> numbers =
+        std::make_shared<std::atomic<uint32_t>>(0);
+    const std::shared_ptr<AuthEngine> engine;
+
+    std::mutex
+        faultMutex;  // the members below up to `silent` are written by hooks on the worker too
+    std::vector<HostFault> faults;
+    std::map<std::string, int> hostCalls;
+    std::set<std::string> issued;
+    std::vector<std::string> accepted;
+    std::set<std::string> silent;
+    std::atomic<int> resets{0};
+    AuthRequest reentrantRequest;
+    std::string junkAnswerId;
 
     Relays roots;
     Relays pendingIds;
     std::vector<RelayChoice> choices;
     std::set<std::string> verifications;
-    std::size_t staleQuestions = 0;
     Seen learned;
     Seen checked;
     /// With AUTH_FUZZ_LOG set, every report is printed too (next to the library's log).

@@ -457,8 +457,8 @@ TEST_F(FaultsFacade, ResetFromHostCodeTheWorkerRunsCompletesWhenThatCodeReturns)
         const auto done = std::make_shared<std::atomic<bool>>(false);
         const std::string id = facade.authenticateAsync(
             makeRequest("card-1", OPEN_TYPE_CARD),
-            [&, operation, done](const std::string& called, const AuthResponse& response,
-                                 const AuthContext& context) {
+            [this, record, operation, done](const std::string& called, const AuthResponse& response,
+                                            const AuthContext& context) {
                 record(called, response, context);
                 if (operation == "callback" && !done->exchange(true)) {
                     facade.reset();
