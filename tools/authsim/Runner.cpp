@@ -20,7 +20,6 @@ namespace {
 
 constexpr auto ENGINE_PATIENCE = std::chrono::seconds(5);
 const char* const TAG = "authsim:";
-const char* const BARRIER_TAG = "authsim:barrier";
 
 std::string joined(const std::vector<std::string>& items) {
     return items.empty() ? "-" : joinRelayVector(items);
@@ -213,7 +212,7 @@ void Runner::record(int attempt, const std::string& requestId, const AuthRespons
 
 void Runner::onHostReport(const AuthContext& context) {
     const std::string& tag = context.request.reservedText0;
-    if (tag.rfind(TAG, 0) != 0 || tag == BARRIER_TAG) {
+    if (tag.rfind(TAG, 0) != 0) {
         return;
     }
     const int index = std::atoi(tag.c_str() + std::char_traits<char>::length(TAG));
@@ -372,28 +371,6 @@ void Runner::runOther(const Step& step) {
     }
 }
 
-bool Runner::barrier() {
-    uint64_t target = 0;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        target = ++barriersSent;
-    }
-    AuthRequest request;
-    request.reservedText0 = BARRIER_TAG;
-    const std::string id = AuthFacade::getInstance().authenticateAsync(
-        request, [this](const std::string&, const AuthResponse&, const AuthContext&) {
-            std::lock_guard<std::mutex> lock(mutex);
-            ++barriersDone;
-            changed.notify_all();
-        });
-    std::unique_lock<std::mutex> lock(mutex);
-    if (id.empty()) {
-        barriersDone = std::max(barriersDone, target);  // no engine running: nothing to wait for
-        return true;
-    }
-    return changed.wait_for(lock, ENGINE_PATIENCE, [&] { return barriersDone >= target; });
-}
-
 uint64_t Runner::activity() const {
     const uint64_t remote = provider->activity();
     std::lock_guard<std::mutex> lock(mutex);
@@ -401,15 +378,19 @@ uint64_t Runner::activity() const {
 }
 
 void Runner::settle() {
-    // Two barriers: the first request's pass ends with a timeout sweep (which may time out phases
-    // and queue resumes); the second is taken only after those resumes. Repeat while things move.
+    // First the "later" answers still in flight, then the engine: waitForIdle wakes the worker for
+    // a pass at the simulated clocks' present reading (its timeout sweep may time out phases and
+    // queue resumes) and returns once nothing is queued. What that pass did may ask new questions
+    // whose answers queue more work: repeat while things move.
     for (int round = 0; round < 20; ++round) {
         if (!provider->waitForDeliveries(ENGINE_PATIENCE)) {
             mismatch("answers were still being delivered after 5 s");
             return;
         }
         const uint64_t before = activity();
-        if (!barrier() || !barrier()) {
+        const auto patience =
+            std::chrono::duration_cast<std::chrono::milliseconds>(ENGINE_PATIENCE).count();
+        if (!AuthFacade::getInstance().waitForIdle(static_cast<int>(patience))) {
             mismatch("the engine did not come back within 5 s");
             return;
         }

@@ -13,9 +13,10 @@
 // every context and never reads) so that onAuthResult reports can be traced to their attempt.
 //
 // After every step the runner waits until the engine is quiet instead of sleeping: it waits for the
-// "later" answers still in flight, then queues a no-op request and waits for its callback, twice,
-// so that the worker has handled everything queued before it and run a timeout sweep after the
-// clock moved (bounded by a few seconds of real time).
+// "later" answers still in flight, then for AuthFacade::waitForIdle, which has the worker run a
+// pass (and a timeout sweep) after the clock moved and handle everything queued (bounded by a few
+// seconds of real time). No request of its own is made for that, so the engine's log shows the
+// scenario's attempts only.
 #pragma once
 
 #include <atomic>
@@ -93,7 +94,6 @@ private:
     void runOther(const Step& step);
 
     void settle();
-    bool barrier();
     uint64_t activity() const;
     void flush(int step);
     void check(const Step& step);
@@ -115,8 +115,6 @@ private:
     std::vector<Event> events;
     std::vector<int> printedPerAttempt;
     uint64_t reportCount = 0;
-    uint64_t barriersSent = 0;
-    uint64_t barriersDone = 0;
 };
 
 }  // namespace authsim
