@@ -301,7 +301,7 @@ void Runner::runAnswer(const Step& step) {
                  " is waiting for an answer");
         return;
     }
-    const RemoteAnswer answer = readAnswer(step.overrides, step.where, question.answer, false);
+    const RemoteAnswer answer = readAnswer(step.overrides, question.answer);
     provider->deliver(question, answer, step.viaFacade);
 }
 
@@ -344,6 +344,11 @@ void Runner::runOther(const Step& step) {
     } else if (step.verb == "site") {
         Site site = provider->site();
         patchSite(site, step.patch, step.where);
+        if (step.patch.contains("schedules") || step.patch.contains("holidays")) {
+            for (const auto& warning : scheduleWarnings(site)) {
+                note("warning: " + warning);
+            }
+        }
         provider->setSite(std::move(site));
     } else if (step.verb == "chain") {
         facade.setProcessorChain(step.names);
@@ -527,7 +532,7 @@ std::string Runner::describe(const Step& step) const {
         return "time " + formatTime(step.at);
     }
     if (step.verb == "site") {
-        return "site " + step.patch.dump();
+        return "site " + step.shown.dump();
     }
     if (step.verb == "chain") {
         return "chain " + joinRelayVector(step.names);

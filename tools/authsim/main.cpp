@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <exception>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -34,17 +35,45 @@ void routeEngineLog(bool toStderr) {
     }
 }
 
-int runScenarios(const std::string& siteFile, const std::vector<std::string>& files, bool asJson) {
-    // Everything is read before anything runs, so a typo in the last file costs no transcript.
-    Site site;
-    std::vector<Scenario> scenarios;
+void printProblems(const InputError& error, const std::string& prefix) {
+    for (const auto& problem : error.problems()) {
+        std::fprintf(stderr, "authsim: %s%s%s\n", prefix.c_str(),
+                     problem.path.empty() ? "" : (problem.path + ": ").c_str(),
+                     problem.message.c_str());
+    }
+}
+
+bool readSite(const std::string& file, Site& site) {
     try {
-        site = loadSite(siteFile);
-        for (const auto& file : files) {
-            scenarios.push_back(loadScenario(file, site));
-        }
+        site = loadSite(file);
     } catch (const InputError& e) {
-        std::fprintf(stderr, "authsim: %s\n", e.what());
+        printProblems(e, "");
+        return false;
+    }
+    for (const auto& warning : scheduleWarnings(site)) {
+        std::fprintf(stderr, "authsim: warning: %s: %s\n", file.c_str(), warning.c_str());
+    }
+    return true;
+}
+
+int runScenarios(const std::string& siteFile, const std::vector<std::string>& files, bool asJson) {
+    // Everything is read before anything runs, so a typo in the last file costs no transcript;
+    // every file is read, so that one run lists every problem.
+    Site site;
+    if (!readSite(siteFile, site)) {
+        return EXIT_BAD_INPUT;
+    }
+    std::vector<Scenario> scenarios;
+    bool refused = false;
+    for (const auto& file : files) {
+        try {
+            scenarios.push_back(loadScenario(file, site));
+        } catch (const InputError& e) {
+            printProblems(e, "");
+            refused = true;
+        }
+    }
+    if (refused) {
         return EXIT_BAD_INPUT;
     }
     int failed = 0;
@@ -84,10 +113,7 @@ int runScenarios(const std::string& siteFile, const std::vector<std::string>& fi
 
 int runShell(const std::string& siteFile, bool asJson) {
     Site site;
-    try {
-        site = loadSite(siteFile);
-    } catch (const InputError& e) {
-        std::fprintf(stderr, "authsim: %s\n", e.what());
+    if (!readSite(siteFile, site)) {
         return EXIT_BAD_INPUT;
     }
     const bool interactive = isatty(STDIN_FILENO) != 0;
@@ -128,13 +154,11 @@ int runShell(const std::string& siteFile, bool asJson) {
             continue;
         }
         try {
-            // A line is a step in its text form, or a whole JSON step (which may carry "expect").
-            const json value = line[0] == '{' ? json::parse(line) : json(line);
-            runner.execute(readStep(value, "", site, labels), number);
+            runner.execute(readTypedStep(line, site, labels), number);
         } catch (const InputError& e) {
+            printProblems(e, "line " + std::to_string(number) + ": ");
+        } catch (const std::exception& e) {
             std::fprintf(stderr, "authsim: line %d: %s\n", number, e.what());
-        } catch (const json::parse_error&) {
-            std::fprintf(stderr, "authsim: line %d: not valid JSON\n", number);
         }
     }
     runner.finish();
