@@ -171,6 +171,7 @@ bool Runner::start() {
         printLine("engine init failed with " + std::to_string(code));
         return false;
     }
+    engineRunning = true;
     return true;
 }
 
@@ -269,10 +270,16 @@ void Runner::runAttempt(const Step& step) {
     request.timestamp = clock->wall.load();
     request.reservedText0 = TAG + std::to_string(index);
     AuthFacade& facade = AuthFacade::getInstance();
+    if (!request.doubleAuthPendingId.empty()) {
+        usedPendingIds.push_back(request.doubleAuthPendingId);
+    }
     if (!step.sync) {
-        if (facade.authenticateAsync(request, callbackFor(index)).empty()) {
+        const std::string id = facade.authenticateAsync(request, callbackFor(index));
+        if (id.empty()) {
             note("(not queued: the engine is not running)");
         }
+        std::lock_guard<std::mutex> lock(mutex);
+        attempts[index].requestId = id;
         return;
     }
     std::size_t firstEvent = 0;
@@ -352,14 +359,22 @@ void Runner::runOther(const Step& step) {
         provider->setSite(std::move(site));
     } else if (step.verb == "chain") {
         facade.setProcessorChain(step.names);
+        chainNames = step.names;
     } else if (step.verb == "reset") {
         facade.reset();
+        engineRunning = false;
     } else if (step.verb == "init") {
         const int code = facade.init(provider);
         if (code != 0) {
             note("(init returned " + std::to_string(code) + ")");
         }
+        // A new engine starts with the default chain; init on a running one keeps everything.
+        if (!engineRunning && code == 0) {
+            chainNames.clear();
+        }
+        engineRunning = engineRunning || code == 0;
     } else if (step.verb == "double-timeout" || step.verb == "double-cancel") {
+        usedPendingIds.push_back(step.pendingId);
         const int index = newAttempt(step.label, true);
         const AuthResponse response = step.verb == "double-timeout"
                                           ? facade.handleDoubleAuthTimeout(step.pendingId)
@@ -501,6 +516,73 @@ void Runner::mismatch(const std::string& text) {
     } else {
         printLine("    MISMATCH " + text);
     }
+}
+
+std::string Runner::status() const {
+    const Site site = provider->site();
+    const int64_t now = clock->wall.load();
+    std::string text = "time:     " + formatTime(now) + " (" + site.timezone + ")\n";
+    text += std::string("engine:   ") +
+            (engineRunning ? "running" : "not running (init starts it)") + "\n";
+    text += "chain:    " +
+            (chainNames.empty() ? std::string("the default chain") : joinRelayVector(chainNames)) +
+            "\n";
+    const std::map<std::string, int> timeouts = {{"antiPassback", site.config.antiPassbackTimeout},
+                                                 {"interlock", site.config.interlockTimeout},
+                                                 {"parking", site.config.parkingTimeout},
+                                                 {"tempKey", site.config.tempKeyTimeout}};
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto labelOf = [&](const std::string& engineId) {
+        for (const auto& attempt : attempts) {
+            if (!attempt.requestId.empty() && engineId.rfind(attempt.requestId, 0) == 0) {
+                return attempt.label;
+            }
+        }
+        return engineId.empty() ? std::string("?") : engineId;
+    };
+    std::string questions;
+    std::vector<std::string> parked;
+    for (const auto& question : provider->waiting()) {
+        const std::string label = labelOf(question.engineId);
+        const int64_t deadline = question.askedAt + timeouts.at(question.check);
+        questions += "  " + question.check + " " + question.key + " for " + label + ", " +
+                     (question.answer.mode == RemoteAnswer::HELD
+                          ? "held (answer " + question.check + " " + question.key + ")"
+                          : std::string("never answered"));
+        if (now >= deadline) {
+            questions += "; the engine gave up at " + formatTime(deadline).substr(15) +
+                         ", an answer now is dropped\n";
+        } else {
+            questions += "; the engine waits until " + formatTime(deadline).substr(15) + "\n";
+            if (std::find(parked.begin(), parked.end(), label) == parked.end()) {
+                parked.push_back(label);
+            }
+        }
+    }
+    text += "questions:" + std::string(questions.empty() ? " none\n" : "\n" + questions);
+    text += "parked:   " + (parked.empty() ? std::string("none") : joinRelayVector(parked)) + "\n";
+    std::string choices;
+    std::string factors;
+    for (const auto& attempt : attempts) {
+        if (attempt.reports.empty()) {
+            continue;
+        }
+        const AuthResponse& last = attempt.reports.back().response;
+        if (last.result == UNLOCK_OPTIONS_PENDING) {
+            choices += "  " + attempt.label + " offers " + joined(last.unlockOptionsRelays) +
+                       " (choose RELAYS attempt=" + attempt.label + ")\n";
+        } else if (last.result == DOUBLE_AUTH_PENDING &&
+                   std::find(usedPendingIds.begin(), usedPendingIds.end(),
+                             last.doubleAuthPendingId) == usedPendingIds.end()) {
+            factors += "  " + attempt.label +
+                       " waits for its second factor (pendingId=" + last.doubleAuthPendingId +
+                       ")\n";
+        }
+    }
+    text += "choices:" + std::string(choices.empty() ? "  none\n" : "\n" + choices);
+    text += "second factors:" + std::string(factors.empty() ? " none\n" : "\n" + factors);
+    text += "mismatches: " + std::to_string(mismatchCount) + "\n";
+    return text;
 }
 
 std::string Runner::describe(const Step& step) const {

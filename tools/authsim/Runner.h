@@ -58,6 +58,10 @@ public:
 
     int mismatches() const { return mismatchCount; }
     int reports() const;
+    /// What the shell's "status" shows: the simulated time, the chain, the questions that wait
+    /// (and for which attempt), the attempts parked on them, relay choices and second factors
+    /// still open.
+    std::string status() const;
 
 private:
     struct SimClock {
@@ -70,6 +74,7 @@ private:
     };
     struct Attempt {
         std::string label;
+        std::string requestId;  ///< the id authenticateAsync returned
         bool sync = false;
         bool inCall = false;  ///< a synchronous authenticate of this attempt is running
         std::vector<Report> reports;
@@ -106,6 +111,9 @@ private:
     std::shared_ptr<SimClock> clock;
     std::shared_ptr<SiteProvider> provider;
     int currentStep = 0;
+    bool engineRunning = false;
+    std::vector<std::string> chainNames;      ///< set by a chain step; empty: the default chain
+    std::vector<std::string> usedPendingIds;  ///< first factors completed, timed out or cancelled
     int mismatchCount = 0;
     bool finished = false;
 
