@@ -179,6 +179,12 @@ struct DtmfVisitorPermissionRequest {
 /// A schedule. Times "HH:MM:SS", dates "YYYY-MM-DD" or "YYYYMMDD", compared as zero-padded text in
 /// local time, both ends inclusive. `type`: 1 daily, 2 weekly, 3 date range; `weekly` holds one
 /// digit per weekday, '0' = Sunday.
+///
+/// A time range never crosses midnight: `startTime` "22:00:00" with `endTime` "06:00:00" matches
+/// nothing. A night is two schedules, 22:00:00-23:59:59 and 00:00:00-06:00:00. The time of day is
+/// the local one, so a daylight-saving change moves the range with the wall clock: on the night
+/// the clocks go forward, the skipped hour never matches (a range inside it stays shut, one across
+/// it is open an hour less); on the night they go back, the repeated hour matches twice.
 struct ScheduleData {
     int id = 0;
     int type = 0;
@@ -186,8 +192,9 @@ struct ScheduleData {
     bool holidayExemption = false;
 };
 
-/// A holiday. `type` 1: access is unrestricted during `timeRange` ("HH:MM:SS-HH:MM:SS");
-/// other types hold the whole day. `yearlyRepeat` non-zero: only month and day are compared.
+/// A holiday. `type` 1: access is unrestricted during `timeRange` ("HH:MM:SS-HH:MM:SS", which, like
+/// a schedule's range, never crosses midnight); other types hold the whole day. `yearlyRepeat`
+/// non-zero: only month and day are compared.
 struct HolidayData {
     int id = 0;
     int yearlyRepeat = 0;
@@ -253,8 +260,11 @@ struct UserData {
     int userType = 0;           ///< 1 and 2 are under anti-passback, 1 under parking restriction
     std::string userName;       ///< display name
     std::string userId;         ///< identifier; log lines print it as "user=%s"
-    std::string scheduleRelay;  ///< schedule-to-relay text "id-relays;id-relays"; also the schedule
-                                ///< owner key
+    std::string scheduleRelay;  ///< schedule-to-relay text "id-relays;id-relays", e.g. "1-12;2-5":
+                                ///< schedule 1 for relays 1 and 2, schedule 2 for relay 5 (relay
+                                ///< ids are single digits or "S" and a letter, so "12" is two
+                                ///< relays); an entry without '-' ("1") is ignored. Also the
+                                ///< schedule owner key
     std::string userTargetId;   ///< non-relay target the user may open
     std::string holidayKey;     ///< owner key handed to getHolidays
     std::string userText;       ///< receives TempKeyAuthData::userText

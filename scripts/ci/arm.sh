@@ -7,7 +7,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 cd "$root"
-"$root/scripts/setup" g++-arm-linux-gnueabihf qemu-user
+"$root/scripts/setup" g++-arm-linux-gnueabihf qemu-user nlohmann-json3-dev libcli11-dev libvalijson-dev
 
 build=${AUTH_ENGINE_ARM_BUILD_DIR:-build/arm}
 type=${AUTH_ENGINE_ARM_BUILD_TYPE:-MinSizeRel}

@@ -118,4 +118,5 @@ LD_LIBRARY_PATH=$absolute/libs/auth "$work/minimal_host-absolute" >/dev/null
 # Leave the build configured for the ordinary layout.
 configure_library -DCMAKE_INSTALL_PREFIX=/usr/local -DCMAKE_INSTALL_LIBDIR=lib \
     -DCMAKE_INSTALL_INCLUDEDIR=include
+AUTH_ENGINE_AUTHSIM_BUILD_DIR="$build/authsim" "$root/scripts/ci/authsim-install.sh"
 echo "== package: all checks passed"

@@ -4,16 +4,51 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <sstream>
 
 namespace authsim {
 
+namespace {
+
+std::string joinProblems(const std::vector<Problem>& problems) {
+    std::string text;
+    for (const auto& problem : problems) {
+        text += (text.empty() ? "" : "\n") +
+                (problem.path.empty() ? problem.message : problem.path + ": " + problem.message);
+    }
+    return text;
+}
+
+bool isLeapYear(int year) {
+    return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+}
+
+bool dateExists(int year, int month, int day) {
+    static const int days[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    if (month < 1 || month > 12 || day < 1) {
+        return false;
+    }
+    return day <= days[month - 1] + (month == 2 && isLeapYear(year) ? 1 : 0);
+}
+
+}  // namespace
+
 InputError::InputError(const std::string& path, const std::string& message)
-    : std::runtime_error(path.empty() ? message : path + ": " + message),
-      where(path),
-      detail(message) {}
+    : InputError(std::vector<Problem>{{path, message}}) {}
+
+InputError::InputError(std::vector<Problem> problems)
+    : std::runtime_error(joinProblems(problems)), list(std::move(problems)) {}
+
+InputError InputError::within(const std::string& prefix) const {
+    std::vector<Problem> prefixed = list;
+    for (auto& problem : prefixed) {
+        problem.path = prefix + (problem.path.empty() ? "" : ": " + problem.path);
+    }
+    return InputError(std::move(prefixed));
+}
 
 json parseJsonFile(const std::string& file) {
     std::ifstream in(file, std::ios::binary);
@@ -23,10 +58,14 @@ json parseJsonFile(const std::string& file) {
     std::stringstream buffer;
     buffer << in.rdbuf();
     const std::string text = buffer.str();
+    if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
+        throw InputError("", "the file is empty (expected a JSON object, {...})");
+    }
     try {
         return json::parse(text);
     } catch (const json::parse_error& e) {
-        // Turn the byte offset into a line and column, which an editor can jump to.
+        // Turn the byte offset into a line and column, which an editor can jump to, and keep the
+        // parser's reason ("unexpected string literal; expected '}'").
         std::size_t line = 1;
         std::size_t column = 1;
         const std::size_t end = std::min<std::size_t>(e.byte > 0 ? e.byte - 1 : 0, text.size());
@@ -38,8 +77,11 @@ json parseJsonFile(const std::string& file) {
                 ++column;
             }
         }
+        std::string reason = e.what();
+        const std::size_t colon = reason.find(": ", reason.find("column"));
+        reason = colon == std::string::npos ? reason : reason.substr(colon + 2);
         throw InputError("line " + std::to_string(line) + ", column " + std::to_string(column),
-                         "not valid JSON");
+                         "not valid JSON: " + reason);
     }
 }
 
@@ -68,189 +110,117 @@ std::string describe(const json& value) {
     }
 }
 
-namespace {
-
-[[noreturn]] void expected(const std::string& path, const std::string& what, const json& got) {
-    throw InputError(path, "expected " + what + ", got " + describe(got));
+std::string readString(const json& value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
-bool parseWholeInt(const std::string& text, long long& out) {
-    if (text.empty()) {
-        return false;
-    }
-    std::size_t used = 0;
-    try {
-        out = std::stoll(text, &used, 10);
-    } catch (const std::exception&) {
-        return false;
-    }
-    return used == text.size();
-}
-
-bool isRelayId(const std::string& relay) {
-    if (relay.size() == 1) {
-        return std::isdigit(static_cast<unsigned char>(relay[0])) != 0;
-    }
-    return relay.size() == 2 && relay[0] == 'S' &&
-           std::isalpha(static_cast<unsigned char>(relay[1])) != 0;
-}
-
-}  // namespace
-
-void requireObject(const json& value, const std::string& path) {
-    if (!value.is_object()) {
-        expected(path.empty() ? "/" : path, "an object", value);
-    }
-}
-
-void checkKeys(const json& object, const std::string& path,
-               const std::vector<std::string>& allowed) {
-    requireObject(object, path);
-    for (const auto& item : object.items()) {
-        const std::string& key = item.key();
-        if (!key.empty() && key[0] == '_') {
-            continue;
-        }
-        bool known = false;
-        for (const auto& name : allowed) {
-            known = known || name == key;
-        }
-        if (!known) {
-            std::string list;
-            for (const auto& name : allowed) {
-                list += (list.empty() ? "" : ", ") + name;
-            }
-            throw InputError(childPath(path, key), "unknown key (expected one of: " + list + ")");
-        }
-    }
-}
-
-std::string readString(const json& value, const std::string& path) {
-    if (value.is_string()) {
-        return value.get<std::string>();
-    }
-    if (value.is_number_integer()) {
-        return value.dump();  // a card number written as a number is still a card number
-    }
-    expected(path, "a text", value);
-}
-
-int readInt(const json& value, const std::string& path) {
-    long long number = 0;
-    if (value.is_number_integer()) {
-        number = value.get<long long>();
-    } else if (!value.is_string() || !parseWholeInt(value.get<std::string>(), number)) {
-        expected(path, "an integer", value);
-    }
-    if (number < INT32_MIN || number > INT32_MAX) {
-        expected(path, "an integer that fits 32 bits", value);
-    }
-    return static_cast<int>(number);
-}
-
-bool readBool(const json& value, const std::string& path) {
-    if (value.is_boolean()) {
-        return value.get<bool>();
-    }
-    if (value.is_number_integer() && (value.get<long long>() == 0 || value.get<long long>() == 1)) {
-        return value.get<long long>() == 1;
-    }
-    if (value.is_string() && (value == "true" || value == "false")) {
-        return value == "true";
-    }
-    expected(path, "true or false", value);
-}
-
-std::vector<std::string> readStringList(const json& value, const std::string& path) {
-    if (value.is_string() || value.is_number_integer()) {
-        return {readString(value, path)};
-    }
-    if (!value.is_array()) {
-        expected(path, "a list of texts", value);
-    }
+std::vector<std::string> readStringList(const json& value) {
     std::vector<std::string> out;
-    for (std::size_t i = 0; i < value.size(); ++i) {
-        out.push_back(readString(value[i], childPath(path, i)));
+    for (const auto& item : value) {
+        out.push_back(readString(item));
     }
     return out;
 }
 
+void checkRelayId(const std::string& relay, const std::string& path) {
+    const bool digit = relay.size() == 1 && std::isdigit(static_cast<unsigned char>(relay[0])) != 0;
+    const bool lettered = relay.size() == 2 && relay[0] == 'S' &&
+                          std::isalpha(static_cast<unsigned char>(relay[1])) != 0;
+    if (!digit && !lettered) {
+        throw InputError(
+            path,
+            "expected a relay id (a digit, or S and a letter), got \"" + relay + "\"" +
+                (relay.size() > 1 && std::isdigit(static_cast<unsigned char>(relay[0])) != 0
+                     ? " (the engine would read it as " + std::to_string(relay.size()) + " relays)"
+                     : ""));
+    }
+}
+
 std::vector<std::string> readRelayList(const json& value, const std::string& path) {
-    std::vector<std::string> relays = readStringList(value, path);
+    std::vector<std::string> relays = readStringList(value);
     for (std::size_t i = 0; i < relays.size(); ++i) {
-        if (!isRelayId(relays[i])) {
-            throw InputError(
-                value.is_array() ? childPath(path, i) : path,
-                "expected a relay id (a digit, or S and a letter), got \"" + relays[i] + "\"");
-        }
+        checkRelayId(relays[i], childPath(path, i));
     }
     return relays;
+}
+
+void checkDate(const std::string& date, const std::string& path) {
+    int year = 0;
+    int month = 0;
+    int day = 0;
+    const bool dashed = date.size() == 10;
+    if (date.empty() ||
+        std::sscanf(date.c_str(), dashed ? "%4d-%2d-%2d" : "%4d%2d%2d", &year, &month, &day) != 3) {
+        return;  // the form is the schema's to check; an empty date is allowed where it may be
+    }
+    if (!dateExists(year, month, day)) {
+        throw InputError(path, date + " does not exist");
+    }
 }
 
 int64_t readTime(const json& value, const std::string& path) {
     if (value.is_number_integer()) {
         return value.get<int64_t>();
     }
-    const char* const form = "a time \"YYYY-MM-DDTHH:MM:SS\" or seconds since the epoch";
-    if (!value.is_string()) {
-        expected(path, form, value);
-    }
     const std::string text = value.get<std::string>();
     std::tm parts{};
-    char tail = 0;
-    if (text.size() != 19 ||
-        std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c", &parts.tm_year, &parts.tm_mon,
-                    &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &tail) != 6) {
-        expected(path, form, value);
+    std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d", &parts.tm_year, &parts.tm_mon,
+                &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec);
+    const std::string date = text.substr(0, 10);
+    const std::string clock = text.substr(11);
+    checkDate(date, path);
+    if (parts.tm_hour > 23 || parts.tm_min > 59 || parts.tm_sec > 59) {
+        throw InputError(path, "the time of day " + clock + " in \"" + text + "\" does not exist");
     }
     parts.tm_year -= 1900;
     parts.tm_mon -= 1;
     parts.tm_isdst = -1;
     std::tm normalised = parts;
     const std::time_t when = std::mktime(&normalised);
-    // mktime quietly rolls 2025-02-30 over into March: refuse what does not survive the round trip.
-    if (when == static_cast<std::time_t>(-1) || normalised.tm_mday != parts.tm_mday ||
-        normalised.tm_mon != parts.tm_mon || normalised.tm_hour != parts.tm_hour ||
-        normalised.tm_min != parts.tm_min || normalised.tm_sec != parts.tm_sec) {
-        expected(path, form, value);
+    // mktime moves a local time that a daylight-saving change skips by an hour.
+    if (when == static_cast<std::time_t>(-1) || normalised.tm_hour != parts.tm_hour ||
+        normalised.tm_min != parts.tm_min || normalised.tm_mday != parts.tm_mday) {
+        const char* zone = std::getenv("TZ");
+        throw InputError(path, clock + " on " + date + " does not exist in the time zone " +
+                                   (zone != nullptr ? zone : "UTC") +
+                                   " (a daylight-saving change skips it)");
     }
     return static_cast<int64_t>(when);
 }
 
 int64_t readDuration(const json& value, const std::string& path) {
-    const char* const form = "a duration such as 31, \"31s\", \"2m\", \"1h\" or \"1d\"";
     if (value.is_number_integer()) {
         return value.get<int64_t>();
     }
-    if (!value.is_string() || value.get<std::string>().empty()) {
-        expected(path, form, value);
-    }
-    std::string text = value.get<std::string>();
+    const std::string text = value.get<std::string>();
     int64_t unit = 1;
     switch (text.back()) {
-        case 's':
-            text.pop_back();
-            break;
         case 'm':
             unit = 60;
-            text.pop_back();
             break;
         case 'h':
             unit = 3600;
-            text.pop_back();
             break;
         case 'd':
             unit = 86400;
-            text.pop_back();
             break;
         default:
             break;
     }
-    long long number = 0;
-    if (!parseWholeInt(text, number) || number < 0) {
-        expected(path, form, value);
+    // Digit by digit, stopping before the product could overflow into a negative step.
+    int64_t number = 0;
+    for (const char c : text) {
+        if (std::isdigit(static_cast<unsigned char>(c)) == 0) {
+            break;
+        }
+        number = number * 10 + (c - '0');
+        if (number > MAX_DURATION / unit) {
+            throw InputError(path, "the duration \"" + text +
+                                       "\" is too long: a step moves the clock by 0 to 3650 "
+                                       "days (315360000 s)");
+        }
     }
-    return static_cast<int64_t>(number) * unit;
+    return number * unit;
 }
 
 std::string formatTime(int64_t when) {

@@ -1,7 +1,7 @@
-// Reading the site and scenario files: every value is read through these helpers, which know where
-// in the file they are (a JSON pointer such as /users/2/validTimeEnd) and say what they expected.
-// The readers are lenient about the spelling of a value ("31" for 31, "true" for true, "1" for
-// ["1"]) because the shell's typed steps carry every value as text.
+// Reading the site and scenario files. A file is first checked against its JSON Schema (Schema.h),
+// so the readers here only convert values the schema has already accepted; they keep the checks a
+// schema cannot make (that a date exists, that a text is a relay id, that a duration fits), and
+// say where in the file (a JSON pointer such as /users/2/validTimeEnd) and which value failed.
 #pragma once
 
 #include <cstdint>
@@ -15,19 +15,28 @@ namespace authsim {
 
 using nlohmann::json;
 
-/// A problem in an input file: where it is and what was expected there.
+/// One problem in an input: where it is and what is wrong there.
+struct Problem {
+    std::string path;
+    std::string message;
+};
+
+/// The problems of an input file (every one found, not only the first).
 class InputError : public std::runtime_error {
 public:
     InputError(const std::string& path, const std::string& message);
-    const std::string& path() const { return where; }
-    const std::string& message() const { return detail; }
+    explicit InputError(std::vector<Problem> problems);
+    const std::vector<Problem>& problems() const { return list; }
+    const std::string& path() const { return list.front().path; }
+    const std::string& message() const { return list.front().message; }
+    /// The same problems, each path preceded by `prefix` ("site.json" -> "site.json: /users/0").
+    InputError within(const std::string& prefix) const;
 
 private:
-    std::string where;
-    std::string detail;
+    std::vector<Problem> list;
 };
 
-/// Reads a whole JSON file; a syntax error names the line and column.
+/// Reads a whole JSON file; a syntax error names the line, the column and the parser's reason.
 json parseJsonFile(const std::string& file);
 
 std::string childPath(const std::string& path, const std::string& key);
@@ -36,20 +45,20 @@ std::string childPath(const std::string& path, std::size_t index);
 /// A short description of a value for messages, e.g. `the text "abc"` or `an object`.
 std::string describe(const json& value);
 
-void requireObject(const json& value, const std::string& path);
-/// Refuses keys not in `allowed`; keys starting with "_" are comments and always allowed.
-void checkKeys(const json& object, const std::string& path,
-               const std::vector<std::string>& allowed);
-
-std::string readString(const json& value, const std::string& path);
-int readInt(const json& value, const std::string& path);
-bool readBool(const json& value, const std::string& path);
-/// A list of texts; a single text counts as a list of one.
-std::vector<std::string> readStringList(const json& value, const std::string& path);
+/// A text; a card number written as a number is still a card number.
+std::string readString(const json& value);
+/// A list of texts.
+std::vector<std::string> readStringList(const json& value);
 /// A list of relay ids: each a digit, or "S" and a letter.
 std::vector<std::string> readRelayList(const json& value, const std::string& path);
+/// Refuses a text that is not a relay id.
+void checkRelayId(const std::string& relay, const std::string& path);
+/// Refuses a date "YYYY-MM-DD" or "YYYYMMDD" that does not exist, such as 2025-06-31.
+void checkDate(const std::string& date, const std::string& path);
 /// A point in time: "YYYY-MM-DDTHH:MM:SS" in the site's time zone, or seconds since the epoch.
 int64_t readTime(const json& value, const std::string& path);
+/// The longest step a duration may take: 3650 days.
+constexpr int64_t MAX_DURATION = 3650LL * 86400;
 /// A duration: seconds as a number, or a text such as "31s", "2m", "1h", "1d".
 int64_t readDuration(const json& value, const std::string& path);
 

@@ -73,36 +73,22 @@ const Table& doubleAuthModes() {
     return table;
 }
 
-// A name from the table, or a number; with `closed`, only the table's numbers are accepted.
-int readNamed(const json& value, const std::string& path, const Table& table, const char* what,
-              bool closed) {
-    if (value.is_string()) {
-        for (const auto& entry : table) {
-            if (value == entry.first) {
-                return entry.second;
-            }
-        }
+// A name from the table, or a number. The schema has already refused any other name and any
+// number out of range.
+int readNamed(const json& value, const std::string& path, const Table& table, const char* what) {
+    if (!value.is_string()) {
+        return value.get<int>();
     }
-    const bool numeric =
-        value.is_number_integer() ||
-        (value.is_string() && !value.get<std::string>().empty() &&
-         value.get<std::string>().find_first_not_of("-0123456789") == std::string::npos);
-    if (numeric) {
-        const int number = readInt(value, path);
-        bool listed = !closed;
-        for (const auto& entry : table) {
-            listed = listed || entry.second == number;
-        }
-        if (listed) {
-            return number;
-        }
+    const std::string text = value.get<std::string>();
+    if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos) {
+        return std::stoi(text);  // a reader written as a key of readerRelayMap: "1"
     }
-    std::string names;
     for (const auto& entry : table) {
-        names += (names.empty() ? "" : ", ") + std::string(entry.first);
+        if (value == entry.first) {
+            return entry.second;
+        }
     }
-    throw InputError(path, std::string("expected ") + what + " (" + names +
-                               " or its number), got " + describe(value));
+    throw InputError(path, std::string("expected ") + what + ", got " + describe(value));
 }
 
 std::string nameOf(int number, const Table& table) {
@@ -117,24 +103,24 @@ std::string nameOf(int number, const Table& table) {
 }  // namespace
 
 OpenDoorType readOpenType(const json& value, const std::string& path) {
-    return static_cast<OpenDoorType>(readNamed(value, path, openTypes(), "an open type", false));
+    return static_cast<OpenDoorType>(readNamed(value, path, openTypes(), "an open type"));
 }
 
 AuthResult readResult(const json& value, const std::string& path) {
-    return static_cast<AuthResult>(readNamed(value, path, results(), "a result", false));
+    return static_cast<AuthResult>(readNamed(value, path, results(), "a result"));
 }
 
 ReaderType readReader(const json& value, const std::string& path) {
-    return static_cast<ReaderType>(readNamed(value, path, readers(), "a reader", true));
+    return static_cast<ReaderType>(readNamed(value, path, readers(), "a reader"));
 }
 
 RELAY_DIRECTION readDirection(const json& value, const std::string& path) {
-    return static_cast<RELAY_DIRECTION>(readNamed(value, path, directions(), "a direction", true));
+    return static_cast<RELAY_DIRECTION>(readNamed(value, path, directions(), "a direction"));
 }
 
 DoubleAuthMode readDoubleAuthMode(const json& value, const std::string& path) {
     return static_cast<DoubleAuthMode>(
-        readNamed(value, path, doubleAuthModes(), "a double-authentication mode", false));
+        readNamed(value, path, doubleAuthModes(), "a double-authentication mode"));
 }
 
 std::string openTypeName(int openType) {

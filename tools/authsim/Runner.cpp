@@ -20,7 +20,6 @@ namespace {
 
 constexpr auto ENGINE_PATIENCE = std::chrono::seconds(5);
 const char* const TAG = "authsim:";
-const char* const BARRIER_TAG = "authsim:barrier";
 
 std::string joined(const std::vector<std::string>& items) {
     return items.empty() ? "-" : joinRelayVector(items);
@@ -172,6 +171,7 @@ bool Runner::start() {
         printLine("engine init failed with " + std::to_string(code));
         return false;
     }
+    engineRunning = true;
     return true;
 }
 
@@ -213,7 +213,7 @@ void Runner::record(int attempt, const std::string& requestId, const AuthRespons
 
 void Runner::onHostReport(const AuthContext& context) {
     const std::string& tag = context.request.reservedText0;
-    if (tag.rfind(TAG, 0) != 0 || tag == BARRIER_TAG) {
+    if (tag.rfind(TAG, 0) != 0) {
         return;
     }
     const int index = std::atoi(tag.c_str() + std::char_traits<char>::length(TAG));
@@ -270,10 +270,16 @@ void Runner::runAttempt(const Step& step) {
     request.timestamp = clock->wall.load();
     request.reservedText0 = TAG + std::to_string(index);
     AuthFacade& facade = AuthFacade::getInstance();
+    if (!request.doubleAuthPendingId.empty()) {
+        usedPendingIds.push_back(request.doubleAuthPendingId);
+    }
     if (!step.sync) {
-        if (facade.authenticateAsync(request, callbackFor(index)).empty()) {
+        const std::string id = facade.authenticateAsync(request, callbackFor(index));
+        if (id.empty()) {
             note("(not queued: the engine is not running)");
         }
+        std::lock_guard<std::mutex> lock(mutex);
+        attempts[index].requestId = id;
         return;
     }
     std::size_t firstEvent = 0;
@@ -302,7 +308,7 @@ void Runner::runAnswer(const Step& step) {
                  " is waiting for an answer");
         return;
     }
-    const RemoteAnswer answer = readAnswer(step.overrides, step.where, question.answer, false);
+    const RemoteAnswer answer = readAnswer(step.overrides, question.answer);
     provider->deliver(question, answer, step.viaFacade);
 }
 
@@ -345,17 +351,30 @@ void Runner::runOther(const Step& step) {
     } else if (step.verb == "site") {
         Site site = provider->site();
         patchSite(site, step.patch, step.where);
+        if (step.patch.contains("schedules") || step.patch.contains("holidays")) {
+            for (const auto& warning : scheduleWarnings(site)) {
+                note("warning: " + warning);
+            }
+        }
         provider->setSite(std::move(site));
     } else if (step.verb == "chain") {
         facade.setProcessorChain(step.names);
+        chainNames = step.names;
     } else if (step.verb == "reset") {
         facade.reset();
+        engineRunning = false;
     } else if (step.verb == "init") {
         const int code = facade.init(provider);
         if (code != 0) {
             note("(init returned " + std::to_string(code) + ")");
         }
+        // A new engine starts with the default chain; init on a running one keeps everything.
+        if (!engineRunning && code == 0) {
+            chainNames.clear();
+        }
+        engineRunning = engineRunning || code == 0;
     } else if (step.verb == "double-timeout" || step.verb == "double-cancel") {
+        usedPendingIds.push_back(step.pendingId);
         const int index = newAttempt(step.label, true);
         const AuthResponse response = step.verb == "double-timeout"
                                           ? facade.handleDoubleAuthTimeout(step.pendingId)
@@ -372,28 +391,6 @@ void Runner::runOther(const Step& step) {
     }
 }
 
-bool Runner::barrier() {
-    uint64_t target = 0;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        target = ++barriersSent;
-    }
-    AuthRequest request;
-    request.reservedText0 = BARRIER_TAG;
-    const std::string id = AuthFacade::getInstance().authenticateAsync(
-        request, [this](const std::string&, const AuthResponse&, const AuthContext&) {
-            std::lock_guard<std::mutex> lock(mutex);
-            ++barriersDone;
-            changed.notify_all();
-        });
-    std::unique_lock<std::mutex> lock(mutex);
-    if (id.empty()) {
-        barriersDone = std::max(barriersDone, target);  // no engine running: nothing to wait for
-        return true;
-    }
-    return changed.wait_for(lock, ENGINE_PATIENCE, [&] { return barriersDone >= target; });
-}
-
 uint64_t Runner::activity() const {
     const uint64_t remote = provider->activity();
     std::lock_guard<std::mutex> lock(mutex);
@@ -401,15 +398,19 @@ uint64_t Runner::activity() const {
 }
 
 void Runner::settle() {
-    // Two barriers: the first request's pass ends with a timeout sweep (which may time out phases
-    // and queue resumes); the second is taken only after those resumes. Repeat while things move.
+    // First the "later" answers still in flight, then the engine: waitForIdle wakes the worker for
+    // a pass at the simulated clocks' present reading (its timeout sweep may time out phases and
+    // queue resumes) and returns once nothing is queued. What that pass did may ask new questions
+    // whose answers queue more work: repeat while things move.
     for (int round = 0; round < 20; ++round) {
         if (!provider->waitForDeliveries(ENGINE_PATIENCE)) {
             mismatch("answers were still being delivered after 5 s");
             return;
         }
         const uint64_t before = activity();
-        if (!barrier() || !barrier()) {
+        const auto patience =
+            std::chrono::duration_cast<std::chrono::milliseconds>(ENGINE_PATIENCE).count();
+        if (!AuthFacade::getInstance().waitForIdle(static_cast<int>(patience))) {
             mismatch("the engine did not come back within 5 s");
             return;
         }
@@ -517,6 +518,73 @@ void Runner::mismatch(const std::string& text) {
     }
 }
 
+std::string Runner::status() const {
+    const Site site = provider->site();
+    const int64_t now = clock->wall.load();
+    std::string text = "time:     " + formatTime(now) + " (" + site.timezone + ")\n";
+    text += std::string("engine:   ") +
+            (engineRunning ? "running" : "not running (init starts it)") + "\n";
+    text += "chain:    " +
+            (chainNames.empty() ? std::string("the default chain") : joinRelayVector(chainNames)) +
+            "\n";
+    const std::map<std::string, int> timeouts = {{"antiPassback", site.config.antiPassbackTimeout},
+                                                 {"interlock", site.config.interlockTimeout},
+                                                 {"parking", site.config.parkingTimeout},
+                                                 {"tempKey", site.config.tempKeyTimeout}};
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto labelOf = [&](const std::string& engineId) {
+        for (const auto& attempt : attempts) {
+            if (!attempt.requestId.empty() && engineId.rfind(attempt.requestId, 0) == 0) {
+                return attempt.label;
+            }
+        }
+        return engineId.empty() ? std::string("?") : engineId;
+    };
+    std::string questions;
+    std::vector<std::string> parked;
+    for (const auto& question : provider->waiting()) {
+        const std::string label = labelOf(question.engineId);
+        const int64_t deadline = question.askedAt + timeouts.at(question.check);
+        questions += "  " + question.check + " " + question.key + " for " + label + ", " +
+                     (question.answer.mode == RemoteAnswer::HELD
+                          ? "held (answer " + question.check + " " + question.key + ")"
+                          : std::string("never answered"));
+        if (now >= deadline) {
+            questions += "; the engine gave up at " + formatTime(deadline).substr(15) +
+                         ", an answer now is dropped\n";
+        } else {
+            questions += "; the engine waits until " + formatTime(deadline).substr(15) + "\n";
+            if (std::find(parked.begin(), parked.end(), label) == parked.end()) {
+                parked.push_back(label);
+            }
+        }
+    }
+    text += "questions:" + std::string(questions.empty() ? " none\n" : "\n" + questions);
+    text += "parked:   " + (parked.empty() ? std::string("none") : joinRelayVector(parked)) + "\n";
+    std::string choices;
+    std::string factors;
+    for (const auto& attempt : attempts) {
+        if (attempt.reports.empty()) {
+            continue;
+        }
+        const AuthResponse& last = attempt.reports.back().response;
+        if (last.result == UNLOCK_OPTIONS_PENDING) {
+            choices += "  " + attempt.label + " offers " + joined(last.unlockOptionsRelays) +
+                       " (choose RELAYS attempt=" + attempt.label + ")\n";
+        } else if (last.result == DOUBLE_AUTH_PENDING &&
+                   std::find(usedPendingIds.begin(), usedPendingIds.end(),
+                             last.doubleAuthPendingId) == usedPendingIds.end()) {
+            factors += "  " + attempt.label +
+                       " waits for its second factor (pendingId=" + last.doubleAuthPendingId +
+                       ")\n";
+        }
+    }
+    text += "choices:" + std::string(choices.empty() ? "  none\n" : "\n" + choices);
+    text += "second factors:" + std::string(factors.empty() ? " none\n" : "\n" + factors);
+    text += "mismatches: " + std::to_string(mismatchCount) + "\n";
+    return text;
+}
+
 std::string Runner::describe(const Step& step) const {
     if (step.verb == "attempt") {
         const AuthRequest& r = step.request;
@@ -546,7 +614,7 @@ std::string Runner::describe(const Step& step) const {
         return "time " + formatTime(step.at);
     }
     if (step.verb == "site") {
-        return "site " + step.patch.dump();
+        return "site " + step.shown.dump();
     }
     if (step.verb == "chain") {
         return "chain " + joinRelayVector(step.names);

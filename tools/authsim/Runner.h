@@ -13,9 +13,10 @@
 // every context and never reads) so that onAuthResult reports can be traced to their attempt.
 //
 // After every step the runner waits until the engine is quiet instead of sleeping: it waits for the
-// "later" answers still in flight, then queues a no-op request and waits for its callback, twice,
-// so that the worker has handled everything queued before it and run a timeout sweep after the
-// clock moved (bounded by a few seconds of real time).
+// "later" answers still in flight, then for AuthFacade::waitForIdle, which has the worker run a
+// pass (and a timeout sweep) after the clock moved and handle everything queued (bounded by a few
+// seconds of real time). No request of its own is made for that, so the engine's log shows the
+// scenario's attempts only.
 #pragma once
 
 #include <atomic>
@@ -57,6 +58,10 @@ public:
 
     int mismatches() const { return mismatchCount; }
     int reports() const;
+    /// What the shell's "status" shows: the simulated time, the chain, the questions that wait
+    /// (and for which attempt), the attempts parked on them, relay choices and second factors
+    /// still open.
+    std::string status() const;
 
 private:
     struct SimClock {
@@ -69,6 +74,7 @@ private:
     };
     struct Attempt {
         std::string label;
+        std::string requestId;  ///< the id authenticateAsync returned
         bool sync = false;
         bool inCall = false;  ///< a synchronous authenticate of this attempt is running
         std::vector<Report> reports;
@@ -93,7 +99,6 @@ private:
     void runOther(const Step& step);
 
     void settle();
-    bool barrier();
     uint64_t activity() const;
     void flush(int step);
     void check(const Step& step);
@@ -106,6 +111,9 @@ private:
     std::shared_ptr<SimClock> clock;
     std::shared_ptr<SiteProvider> provider;
     int currentStep = 0;
+    bool engineRunning = false;
+    std::vector<std::string> chainNames;      ///< set by a chain step; empty: the default chain
+    std::vector<std::string> usedPendingIds;  ///< first factors completed, timed out or cancelled
     int mismatchCount = 0;
     bool finished = false;
 
@@ -115,8 +123,6 @@ private:
     std::vector<Event> events;
     std::vector<int> printedPerAttempt;
     uint64_t reportCount = 0;
-    uint64_t barriersSent = 0;
-    uint64_t barriersDone = 0;
 };
 
 }  // namespace authsim

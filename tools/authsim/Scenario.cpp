@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <memory>
 
 #include "Names.h"
+#include "Schema.h"
 
 namespace authsim {
 
@@ -14,41 +16,41 @@ namespace {
 struct Verb {
     const char* name;
     std::vector<std::string> positional;  ///< names of the values a text line gives without a key
-    std::vector<std::string> keys;        ///< further keys the step accepts
     const char* help;
 };
 
+// What keys each verb takes, and what they mean, is the scenario schema's to say; this table only
+// knows how a text line gives values without a key.
 const std::vector<Verb>& verbs() {
     static const std::vector<Verb> table = {
         {"attempt",
          {"type", "credential"},
-         {"label", "reader", "relays", "targets", "sync", "qr", "sourceCode", "pendingId",
-          "direction", "virtualDoorExempt", "command", "requestText", "userText", "userText2",
-          "http", "input", "dtmf", "relayKey"},
          "attempt TYPE [CREDENTIAL] [reader=..] [sync=true] [label=..] ...  present a credential"},
         {"answer",
          {"check", "relay"},
-         {"key", "result", "failCode", "remoteFailCode", "reason", "via"},
-         "answer CHECK [RELAY|KEY] [result=..] [failCode=..] [via=facade]  answer a held question"},
-        {"choose",
-         {"relays"},
-         {"attempt"},
-         "choose [RELAYS] [attempt=LABEL]  answer a relay choice"},
-        {"advance", {"by"}, {}, "advance DURATION  move the simulated clock (31s, 2m, 1h, 1d)"},
-        {"time", {"at"}, {}, "time YYYY-MM-DDTHH:MM:SS  set the simulated clock"},
-        {"site",
-         {},
-         {},
-         "site SECTION.KEY=VALUE ...  change the site (config, lockdown, remote...)"},
-        {"chain", {"names"}, {}, "chain NAME,NAME,...  set the processor chain"},
-        {"reset", {}, {}, "reset  shut the engine down"},
-        {"init", {}, {}, "init  start the engine again"},
-        {"double-timeout", {"pendingId"}, {}, "double-timeout ID  time out a waiting first factor"},
-        {"double-cancel", {"pendingId", "reason"}, {}, "double-cancel ID [REASON]  cancel it"},
-        {"verify-interlock", {"targets"}, {}, "verify-interlock RELAYS  ask interlock only"},
-        {"note", {"text"}, {}, "note TEXT  print a comment"},
+         "answer CHECK [RELAY|key=KEY] [result=..] [failCode=..] [via=facade]  answer a held "
+         "question"},
+        {"choose", {"relays"}, "choose [RELAYS] [attempt=LABEL]  answer a relay choice"},
+        {"advance", {"by"}, "advance DURATION  move the simulated clock (31s, 2m, 1h, 1d)"},
+        {"time", {"at"}, "time YYYY-MM-DDTHH:MM:SS  set the simulated clock"},
+        {"site", {}, "site SECTION.KEY=VALUE ...  change the site (config, lockdown, remote...)"},
+        {"chain", {"names"}, "chain NAME,NAME,...  set the processor chain"},
+        {"reset", {}, "reset  shut the engine down"},
+        {"init", {}, "init  start the engine again"},
+        {"double-timeout", {"pendingId"}, "double-timeout ID  time out a waiting first factor"},
+        {"double-cancel", {"pendingId", "reason"}, "double-cancel ID [REASON]  cancel it"},
+        {"verify-interlock", {"targets"}, "verify-interlock RELAYS  ask interlock only"},
+        {"note", {"text"}, "note TEXT  print a comment"},
     };
     return table;
+}
+
+std::string joined(const std::vector<std::string>& names) {
+    std::string text;
+    for (const auto& name : names) {
+        text += (text.empty() ? "" : ", ") + name;
+    }
+    return text;
 }
 
 const Verb* findVerb(const std::string& name) {
@@ -125,110 +127,96 @@ void setDotted(json& object, const std::string& key, json value) {
     (*node)[key.substr(start)] = std::move(value);
 }
 
-template <typename T>
-void readIf(const json& object, const std::string& key, const std::string& where, T& out,
-            T (*reader)(const json&, const std::string&)) {
-    if (object.contains(key)) {
-        out = reader(object[key], childPath(where, key));
-    }
-}
-
-template <typename Data>
-std::shared_ptr<Data> newPart(const json& value, const std::string& path,
-                              const std::vector<std::string>& keys) {
-    checkKeys(value, path, keys);
-    return std::make_shared<Data>();
-}
-
 void readAttempt(const json& value, const std::string& where, Step& step) {
     AuthRequest& request = step.request;
-    if (!value.contains("type")) {
-        throw InputError(where, "an attempt needs a \"type\" (card, pin, face, plate, ...)");
-    }
     request.openType = readOpenType(value["type"], childPath(where, "type"));
-    readIf(value, "credential", where, request.credential, readString);
-    readIf(value, "reader", where, request.readerType, readReader);
-    readIf(value, "relays", where, request.relays, readStringList);
-    readIf(value, "targets", where, request.targets, readTargets);
-    readIf(value, "sync", where, step.sync, readBool);
-    readIf(value, "sourceCode", where, request.sourceCode, readInt);
-    if (value.contains("qr") && readBool(value["qr"], childPath(where, "qr"))) {
+    if (value.contains("credential")) {
+        request.credential = readString(value["credential"]);
+    }
+    if (value.contains("reader")) {
+        request.readerType = readReader(value["reader"], childPath(where, "reader"));
+    }
+    if (value.contains("relays")) {
+        request.relays = readStringList(value["relays"]);
+    }
+    if (value.contains("targets")) {
+        request.targets = readTargets(value["targets"], childPath(where, "targets"));
+    }
+    step.sync = value.value("sync", false);
+    request.sourceCode = value.value("sourceCode", request.sourceCode);
+    if (value.value("qr", false)) {
         request.sourceCode = SOURCE_CODE_QR;
     }
-    readIf(value, "pendingId", where, request.doubleAuthPendingId, readString);
+    request.doubleAuthPendingId = value.value("pendingId", "");
     if (value.contains("direction")) {
         request.direction = readDirection(value["direction"], childPath(where, "direction"));
     }
-    readIf(value, "virtualDoorExempt", where, request.virtualDoorExempt, readBool);
-    readIf(value, "command", where, request.commandText, readString);
-    readIf(value, "requestText", where, request.requestText, readString);
-    readIf(value, "userText", where, request.userText, readString);
-    readIf(value, "userText2", where, request.userText2, readString);
+    request.virtualDoorExempt = value.value("virtualDoorExempt", false);
+    request.commandText = value.value("command", "");
+    request.requestText = value.value("requestText", "");
+    request.userText = value.value("userText", "");
+    request.userText2 = value.value("userText2", "");
     if (value.contains("http")) {
-        const std::string at = childPath(where, "http");
         const json& part = value["http"];
-        auto http = newPart<HttpRequestData>(part, at,
-                                             {"source", "authMode", "username", "password",
-                                              "clientText", "preAuthenticated", "targets"});
-        readIf(part, "source", at, http->source, readInt);
-        readIf(part, "authMode", at, http->authMode, readInt);
-        readIf(part, "username", at, http->username, readString);
-        readIf(part, "password", at, http->password, readString);
-        readIf(part, "clientText", at, http->clientText, readString);
-        readIf(part, "preAuthenticated", at, http->preAuthenticated, readInt);
-        readIf(part, "targets", at, http->targets, readTargets);
+        auto http = std::make_shared<HttpRequestData>();
+        http->source = part.value("source", http->source);
+        http->authMode = part.value("authMode", http->authMode);
+        http->username = part.value("username", "");
+        http->password = part.value("password", "");
+        http->clientText = part.value("clientText", "");
+        http->preAuthenticated = part.value("preAuthenticated", http->preAuthenticated);
+        if (part.contains("targets")) {
+            http->targets = readTargets(part["targets"], childPath(where, "http/targets"));
+        }
         request.httpData = http;
     }
     if (value.contains("input")) {
-        const std::string at = childPath(where, "input");
         const json& part = value["input"];
-        auto input = newPart<InputRequestData>(part, at, {"inputId", "inputState", "targets"});
-        readIf(part, "inputId", at, input->inputId, readInt);
-        readIf(part, "inputState", at, input->inputState, readInt);
-        readIf(part, "targets", at, input->targets, readTargets);
+        auto input = std::make_shared<InputRequestData>();
+        input->inputId = part.value("inputId", input->inputId);
+        input->inputState = part.value("inputState", input->inputState);
+        if (part.contains("targets")) {
+            input->targets = readTargets(part["targets"], childPath(where, "input/targets"));
+        }
         request.inputData = input;
     }
     if (value.contains("dtmf")) {
-        const std::string at = childPath(where, "dtmf");
         const json& part = value["dtmf"];
-        auto dtmf = newPart<DtmfRequestData>(
-            part, at, {"dtmfCode", "remoteNumber", "remoteUsername", "callId"});
-        readIf(part, "dtmfCode", at, dtmf->dtmfCode, readString);
-        readIf(part, "remoteNumber", at, dtmf->remoteNumber, readString);
-        readIf(part, "remoteUsername", at, dtmf->remoteUsername, readString);
-        readIf(part, "callId", at, dtmf->callId, readString);
+        auto dtmf = std::make_shared<DtmfRequestData>();
+        dtmf->dtmfCode = part.value("dtmfCode", "");
+        dtmf->remoteNumber = part.value("remoteNumber", "");
+        dtmf->remoteUsername = part.value("remoteUsername", "");
+        dtmf->callId = part.value("callId", "");
         request.dtmfData = dtmf;
     }
     if (value.contains("relayKey")) {
-        const std::string at = childPath(where, "relayKey");
         const json& part = value["relayKey"];
-        auto key = newPart<RelayKeyAuthData>(part, at, {"scheduleIds", "targets"});
-        readIf(part, "scheduleIds", at, key->scheduleIds, readString);
-        readIf(part, "targets", at, key->targets, readTargets);
+        auto key = std::make_shared<RelayKeyAuthData>();
+        key->scheduleIds = part.value("scheduleIds", "");
+        if (part.contains("targets")) {
+            key->targets = readTargets(part["targets"], childPath(where, "relayKey/targets"));
+        }
         request.relayKeyData = key;
     }
 }
 
 Expectation readExpectation(const json& value, const std::string& path) {
-    checkKeys(value, path,
-              {"attempt", "phase", "result", "opened", "failed", "failCode", "reason", "offered",
-               "user", "pendingId", "targets", "remoteFailCode"});
     Expectation expectation;
     expectation.path = path;
-    readIf(value, "attempt", path, expectation.attempt, readString);
+    expectation.attempt = value.value("attempt", "");
     const auto text = [&](const char* key, std::optional<std::string>& out) {
         if (value.contains(key)) {
-            out = readString(value[key], childPath(path, key));
+            out = value[key].get<std::string>();
         }
     };
     const auto list = [&](const char* key, std::optional<std::vector<std::string>>& out) {
         if (value.contains(key)) {
-            out = readStringList(value[key], childPath(path, key));
+            out = readStringList(value[key]);
         }
     };
     const auto number = [&](const char* key, std::optional<int>& out) {
         if (value.contains(key)) {
-            out = readInt(value[key], childPath(path, key));
+            out = value[key].get<int>();
         }
     };
     text("phase", expectation.phase);
@@ -264,7 +252,10 @@ json stepFromText(const std::string& line) {
     }
     const Verb* verb = findVerb(tokens[0].text);
     if (verb == nullptr) {
-        throw InputError("", "unknown step \"" + tokens[0].text + "\" (try: help)");
+        const std::string guess = closest(tokens[0].text, verbNames());
+        throw InputError("", "unknown step \"" + tokens[0].text + "\"" +
+                                 (guess.empty() ? "" : ", did you mean \"" + guess + "\"?") +
+                                 " (steps: " + joined(verbNames()) + ")");
     }
     json step = {{"do", verb->name}};
     std::size_t nextPositional = 0;
@@ -289,105 +280,87 @@ json stepFromText(const std::string& line) {
     return step;
 }
 
-Step readStep(const json& source, const std::string& where, const Site& site,
-              std::vector<std::string>& labels) {
-    const json value = source.is_string() ? stepFromText(source.get<std::string>()) : source;
-    requireObject(value, where);
-    if (!value.contains("do")) {
-        throw InputError(where,
-                         "a step needs \"do\" (attempt, answer, choose, advance, time, site, "
-                         "chain, reset, init, double-timeout, double-cancel, "
-                         "verify-interlock, note)");
+namespace {
+
+// The transcript shows a site step as it was written: a typed "delayMs=30" stays the text "30".
+void keepAsWritten(Step& step, const json& source) {
+    if (step.verb == "site" && source.is_string()) {
+        step.shown = stepFromText(source.get<std::string>());
+        for (const char* key : {"do", "note", "expect"}) {
+            step.shown.erase(key);
+        }
     }
+}
+
+}  // namespace
+
+json prepareStep(const json& source) {
+    if (!source.is_string()) {
+        return source;
+    }
+    json step = stepFromText(source.get<std::string>());
+    coerceStep(step);
+    return step;
+}
+
+Step readStep(const json& value, const std::string& where, const Site& site,
+              std::vector<std::string>& labels) {
     Step step;
     step.where = where;
-    step.verb = readString(value["do"], childPath(where, "do"));
-    const Verb* verb = findVerb(step.verb);
-    if (verb == nullptr) {
-        throw InputError(childPath(where, "do"), "unknown step \"" + step.verb + "\"");
-    }
-    const bool patch = step.verb == "site";
-    if (!patch) {
-        std::vector<std::string> keys = {"do", "note", "expect"};
-        keys.insert(keys.end(), verb->positional.begin(), verb->positional.end());
-        keys.insert(keys.end(), verb->keys.begin(), verb->keys.end());
-        if (step.verb == "attempt" || step.verb == "verify-interlock" ||
-            step.verb.rfind("double-", 0) == 0) {
-            keys.push_back("label");
-        }
-        checkKeys(value, where, keys);
-    }
-    readIf(value, "note", where, step.note, readString);
-
-    const auto required = [&](const char* key) -> const json& {
-        if (!value.contains(key)) {
-            throw InputError(where, "\"" + step.verb + "\" needs \"" + key + "\"");
-        }
-        return value[key];
-    };
+    step.verb = value["do"].get<std::string>();
+    step.note = value.value("note", "");
     if (step.verb == "attempt") {
         readAttempt(value, where, step);
         step.label = openTypeName(step.request.openType) +
                      (step.request.credential.empty() ? "" : ":" + step.request.credential);
     } else if (step.verb == "answer") {
-        step.check = readString(required("check"), childPath(where, "check"));
-        const std::vector<std::string> checks = {"antiPassback", "interlock", "parking", "tempKey"};
-        if (std::find(checks.begin(), checks.end(), step.check) == checks.end()) {
-            throw InputError(childPath(where, "check"),
-                             "expected antiPassback, interlock, parking or tempKey, got " +
-                                 describe(value["check"]));
-        }
-        readIf(value, "relay", where, step.key, readString);
-        readIf(value, "key", where, step.key, readString);
+        step.check = value["check"].get<std::string>();
+        step.key = value.value("relay", value.value("key", ""));
         step.overrides = json::object();
         for (const char* key : {"result", "failCode", "remoteFailCode", "reason"}) {
             if (value.contains(key)) {
                 step.overrides[key] = value[key];
             }
         }
-        readAnswer(step.overrides, where, RemoteAnswer{}, false);
-        if (value.contains("via")) {
-            const std::string via = readString(value["via"], childPath(where, "via"));
-            if (via != "callback" && via != "facade") {
-                throw InputError(childPath(where, "via"), "expected callback or facade");
-            }
-            step.viaFacade = via == "facade";
-        }
+        step.viaFacade = value.value("via", "callback") == "facade";
     } else if (step.verb == "choose") {
-        readIf(value, "relays", where, step.relays, readStringList);
-        readIf(value, "attempt", where, step.attempt, readString);
+        if (value.contains("relays")) {
+            step.relays = readStringList(value["relays"]);
+        }
+        step.attempt = value.value("attempt", "");
         if (!step.attempt.empty() &&
             std::find(labels.begin(), labels.end(), step.attempt) == labels.end()) {
             throw InputError(childPath(where, "attempt"),
                              "no earlier attempt is labelled \"" + step.attempt + "\"");
         }
     } else if (step.verb == "advance") {
-        step.seconds = readDuration(required("by"), childPath(where, "by"));
+        step.seconds = readDuration(value["by"], childPath(where, "by"));
     } else if (step.verb == "time") {
-        step.at = readTime(required("at"), childPath(where, "at"));
-    } else if (patch) {
+        step.at = readTime(value["at"], childPath(where, "at"));
+    } else if (step.verb == "site") {
         step.patch = value;
         for (const char* key : {"do", "note", "expect"}) {
             step.patch.erase(key);
         }
+        step.shown = step.patch;
         Site scratch = site;
         patchSite(scratch, step.patch, where);
     } else if (step.verb == "chain") {
-        step.names = readStringList(required("names"), childPath(where, "names"));
+        step.names = readStringList(value["names"]);
     } else if (step.verb == "double-timeout" || step.verb == "double-cancel") {
-        step.pendingId = readString(required("pendingId"), childPath(where, "pendingId"));
-        readIf(value, "reason", where, step.reason, readString);
+        step.pendingId = value["pendingId"].get<std::string>();
+        step.reason = value.value("reason", "");
         step.label = step.verb;
     } else if (step.verb == "verify-interlock") {
-        step.targets = readTargets(required("targets"), childPath(where, "targets"));
+        step.targets = readTargets(value["targets"], childPath(where, "targets"));
         step.label = "verify";
     } else if (step.verb == "note") {
-        readIf(value, "text", where, step.note, readString);
+        step.note = value.value("text", step.note);
     }
 
     if (!step.label.empty()) {
         if (value.contains("label")) {
-            step.label = readString(value["label"], childPath(where, "label"));
+            step.label = value["label"].get<std::string>();
             if (std::find(labels.begin(), labels.end(), step.label) != labels.end()) {
                 throw InputError(childPath(where, "label"),
                                  "the label \"" + step.label + "\" is already used");
@@ -403,15 +376,14 @@ Step readStep(const json& source, const std::string& where, const Site& site,
     if (value.contains("expect")) {
         step.hasExpect = true;
         const std::string at = childPath(where, "expect");
-        if (!value["expect"].is_array()) {
-            throw InputError(at, "expected a list of reports, got " + describe(value["expect"]));
-        }
         for (std::size_t i = 0; i < value["expect"].size(); ++i) {
             Expectation expectation = readExpectation(value["expect"][i], childPath(at, i));
             if (!expectation.attempt.empty() &&
                 std::find(known.begin(), known.end(), expectation.attempt) == known.end()) {
+                const std::string guess = closest(expectation.attempt, known);
                 throw InputError(childPath(childPath(at, i), "attempt"),
-                                 "no attempt is labelled \"" + expectation.attempt + "\"");
+                                 "no attempt is labelled \"" + expectation.attempt + "\"" +
+                                     (guess.empty() ? "" : ", did you mean \"" + guess + "\"?"));
             }
             if (expectation.attempt.empty() && known.empty()) {
                 throw InputError(childPath(at, i), "there is no attempt yet to expect a report of");
@@ -423,33 +395,70 @@ Step readStep(const json& source, const std::string& where, const Site& site,
     return step;
 }
 
+Step readTypedStep(const std::string& line, const Site& site, std::vector<std::string>& labels) {
+    // A line is a step in its text form, or a whole JSON step (which may carry "expect").
+    json value;
+    if (line[0] == '{') {
+        try {
+            value = json::parse(line);
+        } catch (const json::parse_error& e) {
+            std::string reason = e.what();
+            const std::size_t colon = reason.find(": ", reason.find("column"));
+            throw InputError("",
+                             "not valid JSON: " +
+                                 (colon == std::string::npos ? reason : reason.substr(colon + 2)));
+        }
+    } else {
+        value = prepareStep(json(line));
+    }
+    const std::vector<Problem> problems = validateStep(value);
+    if (!problems.empty()) {
+        throw InputError(problems);
+    }
+    Step step = readStep(value, "", site, labels);
+    if (line[0] != '{') {
+        keepAsWritten(step, json(line));
+    }
+    return step;
+}
+
 Scenario loadScenario(const std::string& file, const Site& site) {
     try {
-        const json root = parseJsonFile(file);
-        checkKeys(root, "", {"name", "description", "steps"});
+        json root = parseJsonFile(file);
+        const json written = root;
+        // Text steps become their JSON form first, so that the schema checks them as well and
+        // every problem of the file is reported at once.
+        std::vector<Problem> problems;
+        if (root.is_object() && root.contains("steps") && root["steps"].is_array()) {
+            for (std::size_t i = 0; i < root["steps"].size(); ++i) {
+                json& step = root["steps"][i];
+                try {
+                    step = prepareStep(step);
+                } catch (const InputError& e) {
+                    problems.push_back({childPath("/steps", i), e.message()});
+                    step = json{{"do", "note"}};
+                }
+            }
+        }
+        for (auto& problem : validate(Format::SCENARIO, root)) {
+            problems.push_back(problem);
+        }
+        if (!problems.empty()) {
+            throw InputError(problems);
+        }
         Scenario scenario;
         scenario.file = file;
-        readIf(root, "name", "", scenario.name, readString);
-        readIf(root, "description", "", scenario.description, readString);
-        if (!root.contains("steps") || !root["steps"].is_array()) {
-            throw InputError("/steps", "expected a list of steps");
-        }
+        scenario.name = root.value("name", "");
+        scenario.description = root.value("description", "");
         std::vector<std::string> labels;
         for (std::size_t i = 0; i < root["steps"].size(); ++i) {
-            const std::string where = childPath("/steps", i);
-            try {
-                scenario.steps.push_back(readStep(root["steps"][i], where, site, labels));
-            } catch (const InputError& e) {
-                // A text step's own messages carry no path: give them the step's.
-                if (e.path().empty()) {
-                    throw InputError(where, e.message());
-                }
-                throw;
-            }
+            scenario.steps.push_back(
+                readStep(root["steps"][i], childPath("/steps", i), site, labels));
+            keepAsWritten(scenario.steps.back(), written["steps"][i]);
         }
         return scenario;
     } catch (const InputError& e) {
-        throw InputError(file + (e.path().empty() ? "" : ": " + e.path()), e.message());
+        throw e.within(file);
     }
 }
 
@@ -457,6 +466,30 @@ std::string stepHelp() {
     std::string text;
     for (const auto& verb : verbs()) {
         text += std::string("  ") + verb.help + "\n";
+    }
+    return text;
+}
+
+}  // namespace authsim
+
+namespace authsim {
+
+std::vector<std::string> verbNames() {
+    std::vector<std::string> names;
+    for (const auto& verb : verbs()) {
+        names.emplace_back(verb.name);
+    }
+    return names;
+}
+
+std::string verbHelp(const std::string& name) {
+    const Verb* verb = findVerb(name);
+    if (verb == nullptr) {
+        return "";
+    }
+    std::string text = std::string("  ") + verb->help + "\n";
+    for (const auto& key : stepKeys(name)) {
+        text += "    " + key.first + ": " + key.second + "\n";
     }
     return text;
 }

@@ -48,6 +48,7 @@ struct Step {
     std::vector<std::string> relays;
     std::string attempt;  ///< choose: the attempt whose offer is answered
     json patch;
+    json shown;  ///< site: the patch as written, for the transcript (typed values stay texts)
     std::vector<std::string> names;
     std::vector<auth_engine::AuthTarget> targets;
     std::string pendingId, reason;
@@ -66,18 +67,27 @@ struct Scenario {
     std::vector<Step> steps;
 };
 
-/// Converts a text line into its JSON step. Throws InputError.
-json stepFromText(const std::string& line);
+/// A step as JSON: an object as it is, a line of text converted (with the values the schema says
+/// are numbers, flags or lists converted too). Throws InputError for a text that is no step.
+json prepareStep(const json& source);
 
-/// Reads one step. `site` validates site patches; `labels` holds the attempt labels defined so far
-/// and receives this step's. Throws InputError with `where` as the path prefix.
+/// Reads one step that the scenario schema has accepted. `site` checks site patches; `labels` holds
+/// the attempt labels defined so far and receives this step's. Throws InputError with `where` as
+/// the path prefix.
 Step readStep(const json& value, const std::string& where, const Site& site,
               std::vector<std::string>& labels);
 
-/// Reads a scenario file; errors name the file and the path inside it.
+/// A step typed in the shell (text, or a JSON object): prepared, checked against the schema, read.
+Step readTypedStep(const std::string& line, const Site& site, std::vector<std::string>& labels);
+
+/// Reads a scenario file; errors name the file and the path inside it, every one found.
 Scenario loadScenario(const std::string& file, const Site& site);
 
 /// The verbs and their one-line forms, for help texts.
 std::string stepHelp();
+/// One verb's form and its keys with what each means; empty for an unknown verb.
+std::string verbHelp(const std::string& verb);
+/// The verbs' names.
+std::vector<std::string> verbNames();
 
 }  // namespace authsim

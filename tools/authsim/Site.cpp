@@ -8,6 +8,7 @@
 #include <set>
 
 #include "Names.h"
+#include "Schema.h"
 
 namespace authsim {
 
@@ -52,64 +53,13 @@ RemoteAnswer Site::answerFor(const std::string& check, const std::string& key) c
 
 namespace {
 
-const std::vector<std::string> CHECKS = {"antiPassback", "interlock", "parking", "tempKey"};
-
-bool matchesForm(const std::string& text, const char* form) {
-    // `form` uses 9 for a digit; every other character must appear as is.
-    std::size_t i = 0;
-    for (; form[i] != '\0'; ++i) {
-        if (i >= text.size()) {
-            return false;
-        }
-        const bool digit = std::isdigit(static_cast<unsigned char>(text[i])) != 0;
-        if (form[i] == '9' ? !digit : text[i] != form[i]) {
-            return false;
-        }
-    }
-    return i == text.size();
-}
-
-// Times and dates are compared as text by the engine, so "7:00:00" would silently never match.
-std::string readForm(const json& value, const std::string& path, const char* form,
-                     const char* what) {
-    const std::string text = readString(value, path);
-    if (!matchesForm(text, form)) {
-        throw InputError(path, std::string("expected ") + what + ", got " + describe(value));
-    }
-    return text;
-}
-
-std::string readTimeOfDay(const json& value, const std::string& path) {
-    return readForm(value, path, "99:99:99", "a time of day \"HH:MM:SS\" (zero-padded)");
-}
-
-std::string readScheduleDate(const json& value, const std::string& path) {
-    const std::string text = readString(value, path);
-    if (!text.empty() && !matchesForm(text, "9999-99-99") && !matchesForm(text, "99999999")) {
-        throw InputError(path,
-                         "expected a date \"YYYY-MM-DD\" or \"YYYYMMDD\", got " + describe(value));
-    }
-    return text;
-}
-
 template <typename Fn>
 void forEachMember(const json& object, const std::string& path, Fn&& fn) {
-    requireObject(object, path);
     for (const auto& item : object.items()) {
         if (!item.key().empty() && item.key()[0] == '_') {
-            continue;
+            continue;  // a comment
         }
         fn(item.key(), item.value(), childPath(path, item.key()));
-    }
-}
-
-template <typename Fn>
-void forEachElement(const json& list, const std::string& path, Fn&& fn) {
-    if (!list.is_array()) {
-        throw InputError(path, "expected a list, got " + describe(list));
-    }
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        fn(list[i], childPath(path, i));
     }
 }
 
@@ -124,13 +74,6 @@ std::map<std::string, std::vector<std::string>> readRelayMap(const json& value,
 }
 
 void readConfig(AuthConfig& config, const json& value, const std::string& path) {
-    checkKeys(value, path,
-              {"doubleAuthEnabled", "antiPassbackEnabled", "interlockEnabled",
-               "parkingRestrictionEnabled", "holidayEnabled", "virtualDoorEnabled",
-               "cloudVirtualDoorConfigured", "virtualDoorMode", "doubleAuthMode",
-               "antiPassbackTimeout", "interlockTimeout", "interlockRetryLimit", "parkingTimeout",
-               "doubleAuthTimeoutSec", "tempKeyTimeout", "unlockOptionsEnabled", "readerRelayMap",
-               "antiPassbackRelayMap", "interlockRelayMap"});
     const std::map<std::string, bool AuthConfig::*> flags = {
         {"doubleAuthEnabled", &AuthConfig::doubleAuthEnabled},
         {"antiPassbackEnabled", &AuthConfig::antiPassbackEnabled},
@@ -151,41 +94,41 @@ void readConfig(AuthConfig& config, const json& value, const std::string& path) 
     forEachMember(
         value, path, [&](const std::string& key, const json& member, const std::string& at) {
             if (flags.count(key) != 0) {
-                config.*flags.at(key) = readBool(member, at);
+                config.*flags.at(key) = member.get<bool>();
             } else if (numbers.count(key) != 0) {
-                config.*numbers.at(key) = readInt(member, at);
+                config.*numbers.at(key) = member.get<int>();
             } else if (key == "doubleAuthMode") {
                 config.doubleAuthMode = readDoubleAuthMode(member, at);
             } else if (key == "readerRelayMap") {
                 config.readerRelayMap.clear();
-                forEachMember(
-                    member, at,
-                    [&](const std::string& reader, const json& byDirection,
-                        const std::string& readerPath) {
-                        auto& directions = config.readerRelayMap[readReader(reader, readerPath)];
-                        forEachMember(byDirection, readerPath,
-                                      [&](const std::string& direction, const json& relays,
-                                          const std::string& relaysPath) {
-                                          directions[readDirection(direction, relaysPath)] =
-                                              readRelayList(relays, relaysPath);
-                                      });
-                    });
+                forEachMember(member, at,
+                              [&](const std::string& reader, const json& byDirection,
+                                  const std::string& readerPath) {
+                                  auto& directions =
+                                      config.readerRelayMap[readReader(reader, readerPath)];
+                                  forEachMember(byDirection, readerPath,
+                                                [&](const std::string& direction,
+                                                    const json& relays, const std::string& p) {
+                                                    directions[readDirection(direction, p)] =
+                                                        readRelayList(relays, p);
+                                                });
+                              });
             } else if (key == "antiPassbackRelayMap") {
                 config.antiPassbackRelayMap.clear();
                 forEachMember(member, at,
                               [&](const std::string& relay, const json& direction,
                                   const std::string& relayPath) {
-                                  readRelayList(relay, relayPath);
+                                  checkRelayId(relay, relayPath);
                                   config.antiPassbackRelayMap[relay] =
                                       readDirection(direction, relayPath);
                               });
-            } else {
+            } else if (key == "interlockRelayMap") {
                 config.interlockRelayMap.clear();
                 forEachMember(
                     member, at,
                     [&](const std::string& relay, const json& flag, const std::string& relayPath) {
-                        readRelayList(relay, relayPath);
-                        config.interlockRelayMap[relay] = readBool(flag, relayPath);
+                        checkRelayId(relay, relayPath);
+                        config.interlockRelayMap[relay] = flag.get<bool>();
                     });
             }
         });
@@ -194,41 +137,24 @@ void readConfig(AuthConfig& config, const json& value, const std::string& path) 
 Plate readPlate(const json& value, const std::string& path) {
     Plate plate;
     if (!value.is_object()) {
-        plate.number = readString(value, path);
+        plate.number = readString(value);
         return plate;
     }
-    checkKeys(value, path, {"number", "startTime", "endTime", "longTermEnable", "keyData"});
-    if (!value.contains("number")) {
-        throw InputError(path, "a plate needs a \"number\"");
-    }
-    plate.number = readString(value["number"], childPath(path, "number"));
+    plate.number = readString(value["number"]);
     if (value.contains("startTime")) {
         plate.key.startTime = readTime(value["startTime"], childPath(path, "startTime"));
     }
     if (value.contains("endTime")) {
         plate.key.endTime = readTime(value["endTime"], childPath(path, "endTime"));
     }
-    if (value.contains("longTermEnable")) {
-        plate.key.longTermEnable =
-            readBool(value["longTermEnable"], childPath(path, "longTermEnable"));
-    }
-    if (value.contains("keyData")) {
-        plate.keyData = readBool(value["keyData"], childPath(path, "keyData"));
-    }
+    plate.key.longTermEnable = value.value("longTermEnable", false);
+    plate.keyData = value.value("keyData", true);
     return plate;
 }
 
 SiteUser readUser(const json& value, const std::string& path) {
-    checkKeys(value, path,
-              {"userId", "userName", "userType", "scheduleRelay", "userTargetId", "holidayKey",
-               "ownerKind", "validTimeStart", "validTimeEnd", "holidayExempt", "lockdownBypass",
-               "credentials"});
     SiteUser user;
     UserData& data = user.data;
-    if (!value.contains("userId") ||
-        readString(value["userId"], childPath(path, "userId")).empty()) {
-        throw InputError(childPath(path, "userId"), "every user needs a non-empty \"userId\"");
-    }
     const std::map<std::string, std::string UserData::*> texts = {
         {"userId", &UserData::userId},
         {"userName", &UserData::userName},
@@ -242,29 +168,26 @@ SiteUser readUser(const json& value, const std::string& path) {
     forEachMember(
         value, path, [&](const std::string& key, const json& member, const std::string& at) {
             if (texts.count(key) != 0) {
-                data.*texts.at(key) = readString(member, at);
+                data.*texts.at(key) = readString(member);
             } else if (numbers.count(key) != 0) {
-                data.*numbers.at(key) = readInt(member, at);
+                data.*numbers.at(key) = member.get<int>();
             } else if (key == "holidayExempt") {
                 data.holidayExempt =
-                    member.is_number_integer() ? readInt(member, at) : readBool(member, at);
+                    member.is_boolean() ? (member.get<bool>() ? 1 : 0) : member.get<int>();
             } else if (key == "validTimeStart") {
                 data.validTimeStart = readTime(member, at);
             } else if (key == "validTimeEnd") {
                 data.validTimeEnd = readTime(member, at);
-            } else {
-                checkKeys(member, at,
-                          {"card", "pin", "face", "ble", "qr", "phone", "remote", "plate"});
+            } else if (key == "credentials") {
                 forEachMember(
                     member, at,
                     [&](const std::string& kind, const json& list, const std::string& listPath) {
-                        if (kind == "plate") {
-                            forEachElement(list, listPath,
-                                           [&](const json& plate, const std::string& p) {
-                                               user.plates.push_back(readPlate(plate, p));
-                                           });
-                        } else {
-                            user.credentials[kind] = readStringList(list, listPath);
+                        if (kind != "plate") {
+                            user.credentials[kind] = readStringList(list);
+                            return;
+                        }
+                        for (std::size_t i = 0; i < list.size(); ++i) {
+                            user.plates.push_back(readPlate(list[i], childPath(listPath, i)));
                         }
                     });
             }
@@ -302,162 +225,101 @@ void checkUsers(const std::vector<SiteUser>& users, const std::string& path) {
 }
 
 ScheduleData readSchedule(const json& value, const std::string& path) {
-    checkKeys(value, path,
-              {"id", "scheduleId", "name", "type", "startTime", "endTime", "weekly", "startDate",
-               "endDate", "relay", "holidayExemption"});
     ScheduleData schedule;
-    if (!value.contains("id")) {
-        throw InputError(path, "a schedule needs an \"id\"");
+    schedule.id = value["id"].get<int>();
+    schedule.scheduleId = value.value("scheduleId", std::to_string(schedule.id));
+    schedule.name = value.value("name", "");
+    if (value.contains("type")) {
+        const std::map<std::string, int> kinds = {{"daily", 1}, {"weekly", 2}, {"date", 3}};
+        schedule.type =
+            value["type"].is_string() ? kinds.at(value["type"]) : value["type"].get<int>();
     }
-    schedule.id = readInt(value["id"], childPath(path, "id"));
-    schedule.scheduleId = std::to_string(schedule.id);
-    forEachMember(
-        value, path, [&](const std::string& key, const json& member, const std::string& at) {
-            if (key == "scheduleId") {
-                schedule.scheduleId = readString(member, at);
-            } else if (key == "name") {
-                schedule.name = readString(member, at);
-            } else if (key == "type") {
-                const std::map<std::string, int> kinds = {{"daily", 1}, {"weekly", 2}, {"date", 3}};
-                const auto named =
-                    member.is_string() ? kinds.find(member.get<std::string>()) : kinds.end();
-                schedule.type = named != kinds.end() ? named->second : readInt(member, at);
-            } else if (key == "startTime" || key == "endTime") {
-                (key == "startTime" ? schedule.startTime : schedule.endTime) =
-                    readTimeOfDay(member, at);
-            } else if (key == "startDate" || key == "endDate") {
-                (key == "startDate" ? schedule.startDate : schedule.endDate) =
-                    readScheduleDate(member, at);
-            } else if (key == "weekly") {
-                schedule.weekly = readString(member, at);
-            } else if (key == "relay") {
-                schedule.relay = readString(member, at);
-            } else if (key == "holidayExemption") {
-                schedule.holidayExemption = readBool(member, at);
-            }
-        });
+    schedule.startTime = value.value("startTime", "");
+    schedule.endTime = value.value("endTime", "");
+    schedule.startDate = value.value("startDate", "");
+    schedule.endDate = value.value("endDate", "");
+    checkDate(schedule.startDate, childPath(path, "startDate"));
+    checkDate(schedule.endDate, childPath(path, "endDate"));
+    schedule.weekly = value.value("weekly", "");
+    schedule.relay = value.value("relay", "");
+    schedule.holidayExemption = value.value("holidayExemption", false);
     return schedule;
 }
 
 SiteHoliday readHoliday(const json& value, const std::string& path) {
-    checkKeys(value, path,
-              {"id", "name", "description", "type", "timeRange", "startDate", "endDate",
-               "yearlyRepeat", "holidayKeys"});
     SiteHoliday holiday;
     HolidayData& data = holiday.data;
-    forEachMember(
-        value, path, [&](const std::string& key, const json& member, const std::string& at) {
-            if (key == "id" || key == "type") {
-                (key == "id" ? data.id : data.type) = readInt(member, at);
-            } else if (key == "yearlyRepeat") {
-                data.yearlyRepeat =
-                    member.is_boolean() ? (member.get<bool>() ? 1 : 0) : readInt(member, at);
-            } else if (key == "name" || key == "description") {
-                (key == "name" ? data.name : data.description) = readString(member, at);
-            } else if (key == "timeRange") {
-                data.timeRange =
-                    readForm(member, at, "99:99:99-99:99:99", "a time range \"HH:MM:SS-HH:MM:SS\"");
-            } else if (key == "startDate" || key == "endDate") {
-                (key == "startDate" ? data.startDate : data.endDate) =
-                    readForm(member, at, "9999-99-99", "a date \"YYYY-MM-DD\"");
-            } else {
-                holiday.holidayKeys = readStringList(member, at);
-            }
-        });
+    data.id = value.value("id", 0);
+    data.type = value.value("type", 0);
+    if (value.contains("yearlyRepeat")) {
+        const json& repeat = value["yearlyRepeat"];
+        data.yearlyRepeat = repeat.is_boolean() ? (repeat.get<bool>() ? 1 : 0) : repeat.get<int>();
+    }
+    data.name = value.value("name", "");
+    data.description = value.value("description", "");
+    data.timeRange = value.value("timeRange", "");
+    data.startDate = value.value("startDate", "");
+    data.endDate = value.value("endDate", "");
+    checkDate(data.startDate, childPath(path, "startDate"));
+    checkDate(data.endDate, childPath(path, "endDate"));
+    if (value.contains("holidayKeys")) {
+        holiday.holidayKeys = readStringList(value["holidayKeys"]);
+    }
     return holiday;
 }
 
-void readHttp(HttpOpenConfig& http, const json& value, const std::string& path) {
-    checkKeys(value, path, {"enabled", "username", "password"});
-    forEachMember(
-        value, path, [&](const std::string& key, const json& member, const std::string& at) {
-            if (key == "enabled") {
-                http.enabled = readBool(member, at);
-            } else {
-                (key == "username" ? http.username : http.password) = readString(member, at);
-            }
-        });
+void readHttp(HttpOpenConfig& http, const json& value) {
+    http.enabled = value.value("enabled", http.enabled);
+    http.username = value.value("username", http.username);
+    http.password = value.value("password", http.password);
 }
 
 void readDtmf(Site& site, const json& value, const std::string& path) {
-    checkKeys(value, path, {"enabled", "whitelistRequired", "codeRelays", "whitelist", "visitors"});
-    forEachMember(
-        value, path, [&](const std::string& key, const json& member, const std::string& at) {
-            if (key == "enabled" || key == "whitelistRequired") {
-                (key == "enabled" ? site.dtmf.enabled : site.dtmf.whitelistRequired) =
-                    readBool(member, at);
-            } else if (key == "codeRelays") {
-                site.dtmf.codeRelays = readRelayMap(member, at);
-            } else if (key == "whitelist") {
-                site.dtmfWhitelist.clear();
-                forEachMember(
-                    member, at,
-                    [&](const std::string& number, const json& entry,
-                        const std::string& entryPath) {
-                        checkKeys(entry, entryPath, {"allowed", "resolvedPerId", "remoteUsername"});
-                        DtmfWhitelistResult& result = site.dtmfWhitelist[number];
-                        forEachMember(entry, entryPath,
-                                      [&](const std::string& field, const json& item,
-                                          const std::string& itemPath) {
-                                          if (field == "allowed") {
-                                              result.allowed = readBool(item, itemPath);
-                                          } else {
-                                              (field == "resolvedPerId" ? result.resolvedPerId
-                                                                        : result.remoteUsername) =
-                                                  readString(item, itemPath);
-                                          }
-                                      });
-                    });
-            } else {
-                site.dtmfVisitors.clear();
-                forEachMember(member, at,
-                              [&](const std::string& perId, const json& userId,
-                                  const std::string& entryPath) {
-                                  site.dtmfVisitors[perId] = readString(userId, entryPath);
-                              });
-            }
-        });
+    site.dtmf.enabled = value.value("enabled", site.dtmf.enabled);
+    site.dtmf.whitelistRequired = value.value("whitelistRequired", site.dtmf.whitelistRequired);
+    if (value.contains("codeRelays")) {
+        site.dtmf.codeRelays = readRelayMap(value["codeRelays"], childPath(path, "codeRelays"));
+    }
+    if (value.contains("whitelist")) {
+        site.dtmfWhitelist.clear();
+        for (const auto& entry : value["whitelist"].items()) {
+            DtmfWhitelistResult& result = site.dtmfWhitelist[entry.key()];
+            result.allowed = entry.value().value("allowed", false);
+            result.resolvedPerId = entry.value().value("resolvedPerId", "");
+            result.remoteUsername = entry.value().value("remoteUsername", "");
+        }
+    }
+    if (value.contains("visitors")) {
+        site.dtmfVisitors.clear();
+        for (const auto& entry : value["visitors"].items()) {
+            site.dtmfVisitors[entry.key()] = entry.value().get<std::string>();
+        }
+    }
 }
 
 TempKey readTempKey(const json& value, const std::string& path) {
-    checkKeys(
-        value, path,
-        {"userId", "targets", "failCode", "userText", "userText2", "requestText", "sourceCode"});
     TempKey key;
-    forEachMember(value, path,
-                  [&](const std::string& field, const json& member, const std::string& at) {
-                      if (field == "userId") {
-                          key.userId = readString(member, at);
-                      } else if (field == "targets") {
-                          key.data.targets = readTargets(member, at);
-                      } else if (field == "failCode" || field == "sourceCode") {
-                          (field == "failCode" ? key.data.failCode : key.data.sourceCode) =
-                              readInt(member, at);
-                      } else if (field == "userText") {
-                          key.data.userText = readString(member, at);
-                      } else if (field == "userText2") {
-                          key.data.userText2 = readString(member, at);
-                      } else {
-                          key.data.requestText = readString(member, at);
-                      }
-                  });
+    key.userId = value.value("userId", "");
+    if (value.contains("targets")) {
+        key.data.targets = readTargets(value["targets"], childPath(path, "targets"));
+    }
+    key.data.failCode = value.value("failCode", 0);
+    key.data.sourceCode = value.value("sourceCode", 0);
+    key.data.userText = value.value("userText", "");
+    key.data.userText2 = value.value("userText2", "");
+    key.data.requestText = value.value("requestText", "");
     return key;
 }
 
-void readRemote(Site& site, const json& value, const std::string& path) {
-    checkKeys(value, path, CHECKS);
-    forEachMember(
-        value, path, [&](const std::string& check, const json& byKey, const std::string& at) {
-            auto& answers = site.remote[check];
-            forEachMember(
-                byKey, at,
-                [&](const std::string& key, const json& answer, const std::string& answerPath) {
-                    const auto existing = answers.find(key);
-                    answers[key] = readAnswer(
-                        answer, answerPath,
-                        existing != answers.end() ? existing->second : RemoteAnswer{}, true);
-                });
-        });
+void readRemote(Site& site, const json& value) {
+    for (const auto& check : value.items()) {
+        auto& answers = site.remote[check.key()];
+        for (const auto& entry : check.value().items()) {
+            const auto existing = answers.find(entry.key());
+            answers[entry.key()] = readAnswer(
+                entry.value(), existing != answers.end() ? existing->second : RemoteAnswer{});
+        }
+    }
 }
 
 void setTimezone(const std::string& zone, const std::string& path) {
@@ -475,43 +337,42 @@ void setTimezone(const std::string& zone, const std::string& path) {
 
 void applySection(Site& site, const std::string& key, const json& value, const std::string& at) {
     if (key == "name" || key == "description") {
-        (key == "name" ? site.name : site.description) = readString(value, at);
+        (key == "name" ? site.name : site.description) = value.get<std::string>();
     } else if (key == "config") {
         readConfig(site.config, value, at);
     } else if (key == "users") {
         site.users.clear();
-        forEachElement(value, at, [&](const json& user, const std::string& p) {
-            site.users.push_back(readUser(user, p));
-        });
+        for (std::size_t i = 0; i < value.size(); ++i) {
+            site.users.push_back(readUser(value[i], childPath(at, i)));
+        }
         checkUsers(site.users, at);
     } else if (key == "schedules") {
         site.schedules.clear();
-        forEachElement(value, at, [&](const json& schedule, const std::string& p) {
-            site.schedules.push_back(readSchedule(schedule, p));
-        });
+        for (std::size_t i = 0; i < value.size(); ++i) {
+            site.schedules.push_back(readSchedule(value[i], childPath(at, i)));
+        }
     } else if (key == "holidays") {
         site.holidays.clear();
-        forEachElement(value, at, [&](const json& holiday, const std::string& p) {
-            site.holidays.push_back(readHoliday(holiday, p));
-        });
+        for (std::size_t i = 0; i < value.size(); ++i) {
+            site.holidays.push_back(readHoliday(value[i], childPath(at, i)));
+        }
     } else if (key == "publicPins" || key == "latchPins") {
         (key == "publicPins" ? site.publicPins : site.latchPins) = readRelayMap(value, at);
     } else if (key == "lockdown" || key == "holidayExemptRelays") {
         (key == "lockdown" ? site.lockdown : site.holidayExemptRelays) = readRelayList(value, at);
     } else if (key == "forbiddenOpenTypes") {
         site.forbiddenOpenTypes.clear();
-        forEachMember(
-            value, at, [&](const std::string& relay, const json& types, const std::string& p) {
-                readRelayList(relay, p);
-                std::vector<int>& list = site.forbiddenOpenTypes[relay];
-                const json asList = types.is_array() ? types : json::array({types});
-                for (std::size_t i = 0; i < asList.size(); ++i) {
-                    list.push_back(readOpenType(asList[i], types.is_array() ? childPath(p, i) : p));
-                }
-            });
+        forEachMember(value, at,
+                      [&](const std::string& relay, const json& types, const std::string& p) {
+                          checkRelayId(relay, p);
+                          std::vector<int>& list = site.forbiddenOpenTypes[relay];
+                          for (std::size_t i = 0; i < types.size(); ++i) {
+                              list.push_back(readOpenType(types[i], childPath(p, i)));
+                          }
+                      });
     } else if (key == "http") {
         site.httpConfigured = true;
-        readHttp(site.http, value, at);
+        readHttp(site.http, value);
     } else if (key == "dtmf") {
         site.dtmfConfigured = true;
         readDtmf(site, value, at);
@@ -524,97 +385,92 @@ void applySection(Site& site, const std::string& key, const json& value, const s
     } else if (key == "tempKeyTargets") {
         site.tempKeyTargets = readTargets(value, at);
     } else if (key == "bleIntervalSeconds") {
-        site.bleIntervalSeconds = readInt(value, at);
+        site.bleIntervalSeconds = value.get<int>();
     } else if (key == "readerPriority") {
         site.readerPriority.clear();
-        forEachElement(value, at, [&](const json& reader, const std::string& p) {
-            site.readerPriority.push_back(readReader(reader, p));
-        });
+        for (std::size_t i = 0; i < value.size(); ++i) {
+            site.readerPriority.push_back(readReader(value[i], childPath(at, i)));
+        }
     } else if (key == "remote") {
-        readRemote(site, value, at);
+        readRemote(site, value);
     }
 }
-
-const std::vector<std::string> SECTIONS = {
-    "config",    "users",    "schedules",           "holidays",           "publicPins",
-    "latchPins", "lockdown", "holidayExemptRelays", "forbiddenOpenTypes", "http",
-    "dtmf",      "tempKeys", "tempKeyTargets",      "bleIntervalSeconds", "readerPriority",
-    "remote"};
 
 }  // namespace
 
 std::vector<AuthTarget> readTargets(const json& value, const std::string& path) {
     std::vector<AuthTarget> targets;
-    const json list = value.is_array() ? value : json::array({value});
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        const std::string at = value.is_array() ? childPath(path, i) : path;
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        const json& item = value[i];
         AuthTarget target;
-        if (list[i].is_object()) {
-            checkKeys(list[i], at, {"type", "relay"});
-            if (list[i].contains("type")) {
-                target.type = readInt(list[i]["type"], childPath(at, "type"));
-            }
-            if (list[i].contains("relay")) {
-                target.relay = readString(list[i]["relay"], childPath(at, "relay"));
-            }
+        if (item.is_object()) {
+            target.type = item.value("type", 0);
+            target.relay = item.value("relay", "");
         } else {
             // A bare relay id, typed by the engine's own rule ("S" and a letter is a kind-1 relay).
-            target.relay = readString(list[i], at);
-            target.type = target.relay.size() > 1 && target.relay[0] == 'S' ? 1 : 0;
+            target.relay = item.get<std::string>();
+            checkRelayId(target.relay, childPath(path, i));
+            target.type = target.relay.size() > 1 ? 1 : 0;
         }
         targets.push_back(target);
     }
     return targets;
 }
 
-RemoteAnswer readAnswer(const json& value, const std::string& path, RemoteAnswer base,
-                        bool withMode) {
-    std::vector<std::string> keys = {"result", "failCode", "remoteFailCode", "reason"};
-    if (withMode) {
-        keys.insert(keys.begin(), {"mode", "delayMs"});
-    }
-    checkKeys(value, path, keys);
-    forEachMember(
-        value, path, [&](const std::string& key, const json& member, const std::string& at) {
-            if (key == "mode") {
-                const std::string mode = readString(member, at);
-                bool known = false;
-                for (int m = RemoteAnswer::INLINE; m <= RemoteAnswer::OFFLINE; ++m) {
-                    if (mode == modeName(static_cast<RemoteAnswer::Mode>(m))) {
-                        base.mode = static_cast<RemoteAnswer::Mode>(m);
-                        known = true;
-                    }
-                }
-                if (!known) {
-                    throw InputError(at,
-                                     "expected a mode (inline, later, held, never, offline), got " +
-                                         describe(member));
-                }
-            } else if (key == "delayMs") {
-                base.delayMs = readInt(member, at);
-            } else if (key == "result") {
-                base.result = readResult(member, at);
-            } else if (key == "failCode" || key == "remoteFailCode") {
-                (key == "failCode" ? base.failCode : base.remoteFailCode) = readInt(member, at);
-            } else {
-                base.reason = readString(member, at);
+RemoteAnswer readAnswer(const json& value, RemoteAnswer base) {
+    if (value.contains("mode")) {
+        for (int m = RemoteAnswer::INLINE; m <= RemoteAnswer::OFFLINE; ++m) {
+            if (value["mode"] == modeName(static_cast<RemoteAnswer::Mode>(m))) {
+                base.mode = static_cast<RemoteAnswer::Mode>(m);
             }
-        });
+        }
+    }
+    base.delayMs = value.value("delayMs", base.delayMs);
+    if (value.contains("result")) {
+        base.result = readResult(value["result"], "/result");
+    }
+    base.failCode = value.value("failCode", base.failCode);
+    base.remoteFailCode = value.value("remoteFailCode", base.remoteFailCode);
+    base.reason = value.value("reason", base.reason);
     return base;
+}
+
+std::vector<std::string> scheduleWarnings(const Site& site) {
+    // The engine compares times of day as text with no wrap past midnight: a range that ends
+    // before it starts never matches. The file is still accepted, as the engine accepts it.
+    std::vector<std::string> warnings;
+    for (std::size_t i = 0; i < site.schedules.size(); ++i) {
+        const ScheduleData& s = site.schedules[i];
+        if (!s.startTime.empty() && !s.endTime.empty() && s.endTime < s.startTime) {
+            warnings.push_back("/schedules/" + std::to_string(i) + ": the range " + s.startTime +
+                               "-" + s.endTime +
+                               " ends before it starts and never matches (no range crosses "
+                               "midnight): write it as two schedules, " +
+                               s.startTime + "-23:59:59 and 00:00:00-" + s.endTime);
+        }
+    }
+    for (std::size_t i = 0; i < site.holidays.size(); ++i) {
+        const std::string& range = site.holidays[i].data.timeRange;
+        if (range.size() == 17 && range.substr(9) < range.substr(0, 8)) {
+            warnings.push_back("/holidays/" + std::to_string(i) + "/timeRange: the range " + range +
+                               " ends before it starts and never matches (no range crosses "
+                               "midnight)");
+        }
+    }
+    return warnings;
 }
 
 Site loadSite(const std::string& file) {
     try {
         const json root = parseJsonFile(file);
-        std::vector<std::string> keys = SECTIONS;
-        keys.insert(keys.end(), {"name", "description", "timezone", "start"});
-        checkKeys(root, "", keys);
+        const std::vector<Problem> problems = validate(Format::SITE, root);
+        if (!problems.empty()) {
+            throw InputError(problems);
+        }
         Site site;
         site.file = file;
         // The time zone comes first: every time in the file is read in it.
-        if (root.contains("timezone")) {
-            site.timezone = readString(root["timezone"], "/timezone");
-        }
+        site.timezone = root.value("timezone", site.timezone);
         setTimezone(site.timezone, "/timezone");
         site.start = root.contains("start") ? readTime(root["start"], "/start")
                                             : readTime(json("2025-01-06T09:00:00"), "/start");
@@ -623,12 +479,11 @@ Site loadSite(const std::string& file) {
         }
         return site;
     } catch (const InputError& e) {
-        throw InputError(file + (e.path().empty() ? "" : ": " + e.path()), e.message());
+        throw e.within(file);
     }
 }
 
 void patchSite(Site& site, const json& patch, const std::string& path) {
-    checkKeys(patch, path, SECTIONS);
     for (const auto& item : patch.items()) {
         applySection(site, item.key(), item.value(), childPath(path, item.key()));
     }

@@ -92,20 +92,23 @@ struct Site {
     RemoteAnswer answerFor(const std::string& check, const std::string& key) const;
 };
 
-/// Loads a site file. Errors are InputErrors whose path starts with the file name. Sets the
-/// process's time zone (TZ) to the site's.
+/// Loads a site file: checks it against the site schema (every violation is reported), then reads
+/// it. Errors are InputErrors whose paths start with the file name. Sets the process's time zone
+/// (TZ) to the site's.
 Site loadSite(const std::string& file);
 
-/// Applies a patch object (site-file sections) to `site`: "config", "remote", "http" and "dtmf" are
-/// merged member by member, every other section is replaced.
+/// Applies a patch object (site-file sections, already checked against the schema) to `site`:
+/// "config", "remote", "http" and "dtmf" are merged member by member, every other section is
+/// replaced.
 void patchSite(Site& site, const json& patch, const std::string& path);
+
+/// Time ranges of the site that end before they start (and so never match), one text each.
+std::vector<std::string> scheduleWarnings(const Site& site);
 
 /// Targets: relay ids ("1", "SA"), or objects {"type": 2, "relay": "lift-3"}.
 std::vector<auth_engine::AuthTarget> readTargets(const json& value, const std::string& path);
 
-/// Reads the members of an answer given in `value` on top of `base`; `withMode` allows "mode" and
-/// "delayMs".
-RemoteAnswer readAnswer(const json& value, const std::string& path, RemoteAnswer base,
-                        bool withMode);
+/// Reads the members of an answer given in `value` on top of `base`.
+RemoteAnswer readAnswer(const json& value, RemoteAnswer base);
 
 }  // namespace authsim

@@ -114,6 +114,15 @@ bool SiteProvider::waitForDeliveries(std::chrono::milliseconds limit) {
                                    [this] { return scheduled.empty() && inFlight == 0; });
 }
 
+std::vector<SiteProvider::Question> SiteProvider::waiting() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<Question> all = held;
+    all.insert(all.end(), unanswered.begin(), unanswered.end());
+    std::stable_sort(all.begin(), all.end(),
+                     [](const Question& a, const Question& b) { return a.askedAt < b.askedAt; });
+    return all;
+}
+
 uint64_t SiteProvider::activity() const {
     std::lock_guard<std::mutex> lock(mutex);
     return questionCount + answerCount;
@@ -152,6 +161,7 @@ std::string SiteProvider::ask(Question question) {
     {
         std::lock_guard<std::mutex> lock(mutex);
         question.answer = data.answerFor(question.check, question.key);
+        question.askedAt = AuthClock::now();
         ++questionCount;
         if (question.answer.mode != RemoteAnswer::OFFLINE) {
             handle = question.check + "-" + std::to_string(questionCount);
@@ -170,6 +180,9 @@ std::string SiteProvider::ask(Question question) {
                     break;
                 case RemoteAnswer::HELD:
                     held.push_back(question);
+                    break;
+                case RemoteAnswer::NEVER:
+                    unanswered.push_back(question);
                     break;
                 default:
                     break;

@@ -33,6 +33,7 @@ public:
         RemoteAnswer answer;
         auth_engine::AuthCallback callback;
         auth_engine::AuthContext update;  ///< carried with the answer (temporary-key data)
+        int64_t askedAt = 0;              ///< simulated wall-clock time of the question
     };
 
     /// What the simulator shows: a line about a question or an answer, and the engine's reports
@@ -60,6 +61,9 @@ public:
     bool waitForDeliveries(std::chrono::milliseconds limit);
     /// Counts questions and delivered answers, so that a caller can tell when things went quiet.
     uint64_t activity() const;
+    /// The questions that wait for a scenario's answer (held) and those no peer will answer
+    /// (never), oldest first.
+    std::vector<Question> waiting() const;
 
     std::shared_ptr<auth_engine::UserData> getUserByCredential(
         const char* credential, const auth_engine::OpenDoorType& openType) override;
@@ -127,6 +131,7 @@ private:
     std::condition_variable deliveriesDone;
     Site data;
     std::vector<Question> held;
+    std::vector<Question> unanswered;  ///< asked of a peer in mode "never"
     std::multimap<Clock::time_point, Question> scheduled;
     std::size_t inFlight = 0;
     std::map<std::string, int64_t> lastBleOpen;  ///< user id -> simulated time of the last BLE open

@@ -1,21 +1,20 @@
 // authsim: a reference host and door simulator for the authentication engine. It plays the host of
 // one door device (its data comes from a site file) and the remote peers the engine asks, and runs
 // scenario files (`authsim run`) or steps typed by hand (`authsim shell`), printing every report.
-//
-// Exit status: 0 when every expectation held, 1 on any mismatch, 2 for a bad site or scenario file.
-
-#include <unistd.h>
 
 #include <cstdio>
-#include <iostream>
+#include <exception>
 #include <string>
 #include <vector>
 
 #include <auth_engine/AuthLogger.h>
+#include <auth_engine/version.h>
 #include <CLI/CLI.hpp>
 
+#include "LineReader.h"
 #include "Runner.h"
 #include "Scenario.h"
+#include "Schema.h"
 #include "Site.h"
 
 namespace {
@@ -24,6 +23,14 @@ using namespace authsim;
 
 constexpr int EXIT_MISMATCH = 1;
 constexpr int EXIT_BAD_INPUT = 2;
+constexpr int EXIT_USAGE = 3;
+
+const char* const EXIT_CODES =
+    "Exit status:\n"
+    "  0  every expectation held (also for --help and --version)\n"
+    "  1  a report differed from what a step expects, or the engine did not start\n"
+    "  2  a site or scenario file was refused (every problem is listed)\n"
+    "  3  the command line was wrong\n";
 
 void routeEngineLog(bool toStderr) {
     if (toStderr) {
@@ -34,17 +41,45 @@ void routeEngineLog(bool toStderr) {
     }
 }
 
-int runScenarios(const std::string& siteFile, const std::vector<std::string>& files, bool asJson) {
-    // Everything is read before anything runs, so a typo in the last file costs no transcript.
-    Site site;
-    std::vector<Scenario> scenarios;
+void printProblems(const InputError& error, const std::string& prefix) {
+    for (const auto& problem : error.problems()) {
+        std::fprintf(stderr, "authsim: %s%s%s\n", prefix.c_str(),
+                     problem.path.empty() ? "" : (problem.path + ": ").c_str(),
+                     problem.message.c_str());
+    }
+}
+
+bool readSite(const std::string& file, Site& site) {
     try {
-        site = loadSite(siteFile);
-        for (const auto& file : files) {
-            scenarios.push_back(loadScenario(file, site));
-        }
+        site = loadSite(file);
     } catch (const InputError& e) {
-        std::fprintf(stderr, "authsim: %s\n", e.what());
+        printProblems(e, "");
+        return false;
+    }
+    for (const auto& warning : scheduleWarnings(site)) {
+        std::fprintf(stderr, "authsim: warning: %s: %s\n", file.c_str(), warning.c_str());
+    }
+    return true;
+}
+
+int runScenarios(const std::string& siteFile, const std::vector<std::string>& files, bool asJson) {
+    // Everything is read before anything runs, so a typo in the last file costs no transcript;
+    // every file is read, so that one run lists every problem.
+    Site site;
+    if (!readSite(siteFile, site)) {
+        return EXIT_BAD_INPUT;
+    }
+    std::vector<Scenario> scenarios;
+    bool refused = false;
+    for (const auto& file : files) {
+        try {
+            scenarios.push_back(loadScenario(file, site));
+        } catch (const InputError& e) {
+            printProblems(e, "");
+            refused = true;
+        }
+    }
+    if (refused) {
         return EXIT_BAD_INPUT;
     }
     int failed = 0;
@@ -82,18 +117,57 @@ int runScenarios(const std::string& siteFile, const std::vector<std::string>& fi
     return failed == 0 ? 0 : EXIT_MISMATCH;
 }
 
+const char* const SHELL_COMMANDS =
+    "  help [VERB]  the steps, or one step's keys\n"
+    "  status  the time, the chain, the questions waiting, open choices and second factors\n"
+    "  quit  end (so does the end of input); the exit status says whether a step's expect failed\n";
+
+// "help", "help VERB", "status", or a step. Nothing typed ends the shell but quit and the end of
+// input: a bad step is reported and the next line is read.
+void shellLine(const std::string& line, int number, Runner& runner, const Site& site,
+               std::vector<std::string>& labels) {
+    const std::size_t space = line.find_first_of(" \t");
+    const std::string word = line.substr(0, space);
+    const std::size_t argument = line.find_first_not_of(" \t", space);
+    const std::string rest = argument == std::string::npos ? "" : line.substr(argument);
+    if (word == "help") {
+        if (rest.empty()) {
+            std::printf("Steps:\n%sShell:\n%s", stepHelp().c_str(), SHELL_COMMANDS);
+        } else if (!verbHelp(rest).empty()) {
+            std::printf("%s", verbHelp(rest).c_str());
+        } else {
+            const std::string guess = closest(rest, verbNames());
+            std::fprintf(stderr, "authsim: line %d: no step \"%s\"%s\n", number, rest.c_str(),
+                         guess.empty() ? "" : (", did you mean \"" + guess + "\"?").c_str());
+        }
+        return;
+    }
+    if (word == "status" && rest.empty()) {
+        std::printf("%s", runner.status().c_str());
+        return;
+    }
+    try {
+        runner.execute(readTypedStep(line, site, labels), number);
+    } catch (const InputError& e) {
+        printProblems(e, "line " + std::to_string(number) + ": ");
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "authsim: line %d: %s\n", number, e.what());
+    }
+}
+
 int runShell(const std::string& siteFile, bool asJson) {
     Site site;
-    try {
-        site = loadSite(siteFile);
-    } catch (const InputError& e) {
-        std::fprintf(stderr, "authsim: %s\n", e.what());
+    if (!readSite(siteFile, site)) {
         return EXIT_BAD_INPUT;
     }
-    const bool interactive = isatty(STDIN_FILENO) != 0;
-    if (interactive) {
-        std::printf("authsim shell on %s: one step per line; \"help\" lists them, \"quit\" ends.\n",
-                    site.name.empty() ? siteFile.c_str() : site.name.c_str());
+    std::vector<std::string> words = verbNames();
+    words.insert(words.end(), {"help", "status", "quit"});
+    LineReader reader("authsim> ", words);
+    if (reader.interactive()) {
+        std::printf(
+            "authsim shell on %s: one step per line; \"help\" lists them, \"status\" shows what "
+            "waits, \"quit\" ends.\n",
+            site.name.empty() ? siteFile.c_str() : site.name.c_str());
     }
     RunOptions options;
     options.json = asJson;
@@ -106,39 +180,26 @@ int runShell(const std::string& siteFile, bool asJson) {
     std::vector<std::string> labels;
     std::string line;
     int number = 0;
-    while (true) {
-        if (interactive) {
-            std::printf("authsim> ");
-            std::fflush(stdout);
-        }
-        if (!std::getline(std::cin, line)) {
-            break;
-        }
+    while (reader.read(line)) {
         ++number;
         const std::size_t first = line.find_first_not_of(" \t\r");
         if (first == std::string::npos || line[first] == '#') {
             continue;
         }
-        line = line.substr(first);
+        line = line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
         if (line == "quit" || line == "exit") {
             break;
         }
-        if (line == "help") {
-            std::printf("%s", stepHelp().c_str());
-            continue;
-        }
-        try {
-            // A line is a step in its text form, or a whole JSON step (which may carry "expect").
-            const json value = line[0] == '{' ? json::parse(line) : json(line);
-            runner.execute(readStep(value, "", site, labels), number);
-        } catch (const InputError& e) {
-            std::fprintf(stderr, "authsim: line %d: %s\n", number, e.what());
-        } catch (const json::parse_error&) {
-            std::fprintf(stderr, "authsim: line %d: not valid JSON\n", number);
-        }
+        shellLine(line, number, runner, site, labels);
     }
     runner.finish();
     return runner.mismatches() == 0 ? 0 : EXIT_MISMATCH;
+}
+
+std::string versionText() {
+    return std::string("authsim ") + AUTHSIM_VERSION + "\nauth_engine library " +
+           auth_engine::libraryVersion() + " (built against " AUTH_ENGINE_VERSION_STRING ")\n" +
+           "line editing: " + (LineReader::editing() ? "libedit" : "none (plain reading)");
 }
 
 }  // namespace
@@ -147,8 +208,13 @@ int main(int argc, char** argv) {
     CLI::App app{
         "authsim: reference host and door simulator for the authentication engine.\n"
         "A site file describes one door device; scenario files script attempts, remote\n"
-        "answers and the passing of time, with the reports they must produce."};
+        "answers and the passing of time, with the reports they must produce. Both are\n"
+        "checked against the JSON Schemas site.schema.json and scenario.schema.json."};
     app.require_subcommand(1);
+    app.set_version_flag("--version", versionText(),
+                         "print the versions of authsim and the library");
+    app.footer(std::string("Steps (scenario files and the shell):\n") + stepHelp() + "\n" +
+               EXIT_CODES);
     std::string siteFile;
     std::vector<std::string> scenarioFiles;
     bool asJson = false;
@@ -160,15 +226,20 @@ int main(int argc, char** argv) {
     run->add_option("scenarios", scenarioFiles, "scenario files (JSON)")->required();
     run->add_flag("--json", asJson, "print each report as one JSON object per line");
     run->add_flag("--log", log, "copy the engine's log lines to standard error");
+    run->footer(EXIT_CODES);
 
     CLI::App* shell = app.add_subcommand(
         "shell", "Read steps from standard input, one per line (\"help\" lists them)");
     shell->add_option("site", siteFile, "the site file (JSON)")->required();
     shell->add_flag("--json", asJson, "print each report as one JSON object per line");
     shell->add_flag("--log", log, "copy the engine's log lines to standard error");
-    shell->footer("Steps:\n" + stepHelp());
+    shell->footer("Steps:\n" + stepHelp() + "Shell:\n" + SHELL_COMMANDS + "\n" + EXIT_CODES);
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? 0 : EXIT_USAGE;
+    }
     routeEngineLog(log);
     return run->parsed() ? runScenarios(siteFile, scenarioFiles, asJson)
                          : runShell(siteFile, asJson);
