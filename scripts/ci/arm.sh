@@ -18,7 +18,7 @@ export TZ=UTC
 start=$SECONDS
 cmake -S "$root" -B "$build" \
     -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/arm-linux-gnueabihf.cmake" \
-    -DCMAKE_BUILD_TYPE="$type" >/dev/null
+    -DCMAKE_BUILD_TYPE="$type" -DAUTH_ENGINE_WERROR=ON >/dev/null
 cmake --build "$build" -j "$jobs"
 echo "== arm: built in $((SECONDS - start)) s"
 

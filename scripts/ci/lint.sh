@@ -14,7 +14,7 @@ jobs=$(nproc)
 # Only the compile commands are needed; nothing is built. The library alone is configured, so the
 # analysis needs neither GoogleTest nor the tools.
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Debug -DCMAKE_EXPORT_COMPILE_COMMANDS=ON \
-    -DAUTH_ENGINE_BUILD_TESTS=OFF -DAUTH_ENGINE_BUILD_TOOLS=OFF >/dev/null
+    -DAUTH_ENGINE_WERROR=ON -DAUTH_ENGINE_BUILD_TESTS=OFF -DAUTH_ENGINE_BUILD_TOOLS=OFF >/dev/null
 
 mapfile -t sources < <(find src -name '*.cpp' | sort)
 echo "== lint: clang-tidy on ${#sources[@]} files"

@@ -23,7 +23,7 @@ fail() {
 # configure_library [cmake options...]: (re)configures the library build; install dirs are always
 # given, so that a previous run's absolute dirs never linger in the cache.
 configure_library() {
-    cmake -S "$root" -B "$build/lib" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    cmake -S "$root" -B "$build/lib" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAUTH_ENGINE_WERROR=ON \
         -DAUTH_ENGINE_BUILD_TESTS=OFF -DAUTH_ENGINE_BUILD_TOOLS=OFF "$@" >/dev/null
 }
 
