@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <functional>
 
+#include "auth_engine/export.h"
+
 namespace auth_engine {
 
-class AuthClock {
+class AUTH_ENGINE_API AuthClock {
 public:
     /// Wall clock, seconds since the epoch (default: time(nullptr)).
     static int64_t now();

@@ -24,12 +24,13 @@
 #include "auth_engine/AuthTypes.h"
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
+#include "auth_engine/export.h"
 
 namespace auth_engine {
 
 class AuthEngine;  // private to the library
 
-class AuthFacade {
+class AUTH_ENGINE_API AuthFacade {
 public:
     /// The singleton, created on first use (thread-safe) and destroyed at exit.
     static AuthFacade& getInstance();

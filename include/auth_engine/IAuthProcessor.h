@@ -6,6 +6,7 @@
 #include <string>
 
 #include "auth_engine/AuthTypes.h"
+#include "auth_engine/export.h"
 
 namespace auth_engine {
 
@@ -17,7 +18,7 @@ class IDataProvider;
 /// process() returns CONTINUE to hand the context on, ASYNC_PENDING after asking the host (it is
 /// then called again with the answer in the context), or a final result that ends the chain. A host
 /// may add its own processor with AuthFacade::registerProcessor and name it in setProcessorChain.
-class IAuthProcessor {
+class AUTH_ENGINE_API IAuthProcessor {
 public:
     virtual ~IAuthProcessor() = default;
     virtual AuthResult process(AuthContext& context, IDataProvider& provider) = 0;

@@ -8,4 +8,5 @@
 #include "auth_engine/AuthTypes.h"
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
+#include "auth_engine/export.h"
 #include "auth_engine/version.h"

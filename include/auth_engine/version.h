@@ -4,6 +4,8 @@
 /// A host that compares the two learns whether it runs against the library it was built with.
 #pragma once
 
+#include "auth_engine/export.h"
+
 #define AUTH_ENGINE_VERSION_MAJOR 0
 #define AUTH_ENGINE_VERSION_MINOR 1
 #define AUTH_ENGINE_VERSION_PATCH 0
@@ -12,6 +14,6 @@
 namespace auth_engine {
 
 /// The version of the library the process actually runs, "MAJOR.MINOR.PATCH", for a host's log.
-const char* libraryVersion();
+AUTH_ENGINE_API const char* libraryVersion();
 
 }  // namespace auth_engine
