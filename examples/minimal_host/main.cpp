@@ -303,6 +303,12 @@ int main(int argc, char** argv) {
         });
     }
 
+    // TODO (integrator): log which library the process runs. The headers name the version the host
+    // was built with; the loaded library says its own (a newer one of the same major version is
+    // compatible).
+    std::printf("auth_engine %s (built with the headers of %s)\n", libraryVersion(),
+                AUTH_ENGINE_VERSION_STRING);
+
     PassbackPeer peer;
     auto site = std::make_shared<MinimalDoorData>(peer);
     AuthFacade& engine = AuthFacade::getInstance();

@@ -7,9 +7,9 @@
 #include "auth_engine/export.h"
 
 #define AUTH_ENGINE_VERSION_MAJOR 0
-#define AUTH_ENGINE_VERSION_MINOR 1
+#define AUTH_ENGINE_VERSION_MINOR 2
 #define AUTH_ENGINE_VERSION_PATCH 0
-#define AUTH_ENGINE_VERSION_STRING "0.1.0"
+#define AUTH_ENGINE_VERSION_STRING "0.2.0"
 
 namespace auth_engine {
 

@@ -109,7 +109,9 @@ rm -rf "$build/example-cmake"
 cmake -S "$example" -B "$build/example-cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_PREFIX_PATH="$prefix" -DMINIMAL_HOST_WERROR=ON >/dev/null
 cmake --build "$build/example-cmake" -j "$jobs"
-LD_LIBRARY_PATH=$prefix/lib "$build/example-cmake/minimal_host"
+LD_LIBRARY_PATH=$prefix/lib "$build/example-cmake/minimal_host" | tee "$work/example.out"
+grep -qx "auth_engine $version (built with the headers of $version)" "$work/example.out" ||
+    fail "the installed library does not report version $version at run time"
 
 echo "== example through pkg-config"
 mkdir -p "$build/example-pkg-config"
