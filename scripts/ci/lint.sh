@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Static analysis of the library sources: clang-tidy with the committed .clang-tidy, then cppcheck,
-# then the layout of every C++ file against the committed .clang-format. Exits non-zero on any
-# finding.
+# then the layout of every C++ file against the committed .clang-format, then the API reference
+# (Doxygen over the public headers, every warning an error). Exits non-zero on any finding.
 #   AUTH_ENGINE_LINT_BUILD_DIR  where compile_commands.json is generated (default build/lint)
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 cd "$root"
-"$root/scripts/setup" clang-tidy cppcheck clang-format
+"$root/scripts/setup" clang-tidy cppcheck clang-format doxygen
 
 build=${AUTH_ENGINE_LINT_BUILD_DIR:-build/lint}
 jobs=$(nproc)
@@ -41,6 +41,12 @@ echo "== lint: cppcheck took $((SECONDS - start)) s"
 echo "== lint: clang-format"
 mapfile -t cxx < <(find src include tests tools bench examples -name '*.cpp' -o -name '*.h' | sort)
 clang-format --dry-run --Werror "${cxx[@]}" || failed=1
+
+echo "== lint: API reference (Doxygen)"
+doxygen_log="$build/doxygen.log"
+cmake --build "$build" --target docs >"$doxygen_log" 2>&1 || failed=1
+grep -E "warning|error" "$doxygen_log" || true
+echo "== lint: Doxygen warnings: $(grep -c "warning:" "$doxygen_log" || true)"
 
 if [ "$failed" -ne 0 ]; then
     echo "== lint: FAILED"
