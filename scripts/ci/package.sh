@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
-# Packaging check: builds the library, checks that it exports the public API only, installs it into
-# temporary prefixes and builds and runs examples/minimal_host against the installed package, through
-# find_package and through pkg-config, with the shared and with the static library. A second install
-# with absolute library and include dirs checks that the package files point there. Exits non-zero on
-# any failure.
+# Packaging check. Builds the library and authsim once, as a distribution would (Release, Debian's
+# build flags) and checks that the library exports the public API only. Installs it into temporary
+# prefixes and builds and runs examples/minimal_host against the installed package, through
+# find_package and through pkg-config, with the shared and with the static library; a second install
+# with absolute library and include dirs checks that the package files point there. Then makes the
+# Debian packages, checks them with lintian, unpacks them into a scratch root and builds and runs
+# the example against that root, through find_package and through pkg-config. Exits non-zero on any
+# failure.
 #   AUTH_ENGINE_PACKAGE_BUILD_DIR  build directory (default: build/package)
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-"$root/scripts/setup" pkg-config
+"$root/scripts/setup" pkg-config dpkg-dev lintian nlohmann-json3-dev libcli11-dev
 build=${AUTH_ENGINE_PACKAGE_BUILD_DIR:-$root/build/package}
 example=$root/examples/minimal_host
 jobs=$(nproc)
@@ -24,11 +27,16 @@ fail() {
     exit 1
 }
 
-# configure_library [cmake options...]: (re)configures the library build; install dirs are always
-# given, so that a previous run's absolute dirs never linger in the cache.
+# configure_library [cmake options...]: (re)configures the build; install dirs are always given, so
+# that a previous run's absolute dirs never linger in the cache. The flags are Debian's own
+# (hardening included).
+export DEB_BUILD_MAINT_OPTIONS=hardening=+all
 configure_library() {
-    cmake -S "$root" -B "$build/lib" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAUTH_ENGINE_WERROR=ON \
-        -DAUTH_ENGINE_BUILD_TESTS=OFF -DAUTH_ENGINE_BUILD_TOOLS=OFF "$@" >/dev/null
+    cmake -S "$root" -B "$build/lib" -DCMAKE_BUILD_TYPE=Release -DAUTH_ENGINE_WERROR=ON \
+        -DAUTH_ENGINE_BUILD_TESTS=OFF \
+        -DCMAKE_CXX_FLAGS="$(dpkg-buildflags --get CXXFLAGS) $(dpkg-buildflags --get CPPFLAGS)" \
+        -DCMAKE_EXE_LINKER_FLAGS="$(dpkg-buildflags --get LDFLAGS)" \
+        -DCMAKE_SHARED_LINKER_FLAGS="$(dpkg-buildflags --get LDFLAGS)" "$@" >/dev/null
 }
 
 # check_installed LIBDIR INCLUDEDIR: the files of the package and the versioned library chain.
@@ -65,17 +73,19 @@ check_exports() {
     [ -z "$stray" ] || fail "engine internals exported:"$'\n'"$stray"
 }
 
-# build_with_pkg_config PCDIR OUT [static]: compiles the example with the flags pkg-config gives;
-# "static" links libauth_engine.a, with the flags of `pkg-config --static`.
+# build_with_pkg_config PCDIR OUT [static]: compiles the example with the flags pkg-config gives
+# (PKG_CONFIG_SYSROOT_DIR is honoured); "static" links libauth_engine.a, with the flags of
+# `pkg-config --static`.
 build_with_pkg_config() {
     local flags
     if [ "${3:-}" = static ]; then
         local libdir
-        libdir=$(PKG_CONFIG_PATH=$1 pkg-config --variable=libdir auth_engine)
-        flags="$(PKG_CONFIG_PATH=$1 pkg-config --cflags auth_engine) $libdir/libauth_engine.a"
-        flags+=" $(PKG_CONFIG_PATH=$1 pkg-config --static --libs-only-other auth_engine)"
+        libdir=$(PKG_CONFIG_LIBDIR=$1 pkg-config --variable=libdir auth_engine)
+        flags="$(PKG_CONFIG_LIBDIR=$1 pkg-config --cflags auth_engine)"
+        flags+=" ${PKG_CONFIG_SYSROOT_DIR:-}$libdir/libauth_engine.a"
+        flags+=" $(PKG_CONFIG_LIBDIR=$1 pkg-config --static --libs-only-other auth_engine)"
     else
-        flags=$(PKG_CONFIG_PATH=$1 pkg-config --cflags --libs auth_engine)
+        flags=$(PKG_CONFIG_LIBDIR=$1 pkg-config --cflags --libs auth_engine)
     fi
     echo "pkg-config flags: $flags"
     # shellcheck disable=SC2086  # the flags are meant to split
@@ -90,10 +100,12 @@ check_static() {
     "$1" >/dev/null
 }
 
-echo "== library"
-configure_library -DCMAKE_INSTALL_LIBDIR=lib -DCMAKE_INSTALL_INCLUDEDIR=include
+echo "== library and authsim"
+configure_library -DCMAKE_INSTALL_PREFIX=/usr/local -DCMAKE_INSTALL_LIBDIR=lib \
+    -DCMAKE_INSTALL_INCLUDEDIR=include
 cmake --build "$build/lib" -j "$jobs"
 check_exports "$build/lib/libauth_engine.so"
+
 
 echo "== install with relative dirs, prefix given at install time"
 prefix=$work/prefix
@@ -101,7 +113,7 @@ cmake --install "$build/lib" --prefix "$prefix" >/dev/null
 check_installed "$prefix/lib" "$prefix/include"
 grep -qx "prefix=$prefix" "$prefix/lib/pkgconfig/auth_engine.pc" ||
     fail "auth_engine.pc does not name the install prefix"
-[ "$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --modversion auth_engine)" = "$version" ] ||
+[ "$(PKG_CONFIG_LIBDIR=$prefix/lib/pkgconfig pkg-config --modversion auth_engine)" = "$version" ] ||
     fail "pkg-config does not report version $version"
 
 echo "== example through find_package"
@@ -134,10 +146,12 @@ cmake_minimum_required(VERSION 3.16)
 project(probe LANGUAGES CXX)
 find_package(auth_engine $((major + 1)).0 CONFIG QUIET)
 if(auth_engine_FOUND OR NOT auth_engine_CONSIDERED_VERSIONS STREQUAL "$version")
-    message(FATAL_ERROR "asked for $((major + 1)).0: found=\${auth_engine_FOUND}, seen=\${auth_engine_CONSIDERED_VERSIONS}")
+    message(FATAL_ERROR "asked for $((major + 1)).0: found=\${auth_engine_FOUND},"
+                        " seen=\${auth_engine_CONSIDERED_VERSIONS}")
 endif()
 find_package(auth_engine $major.0.1 CONFIG QUIET)
-if(NOT auth_engine_FOUND OR NOT TARGET auth_engine::auth_engine OR NOT TARGET auth_engine::auth_engine_static)
+if(NOT auth_engine_FOUND OR NOT TARGET auth_engine::auth_engine
+   OR NOT TARGET auth_engine::auth_engine_static)
     message(FATAL_ERROR "asked for $major.0.1: not found, or a library target missing")
 endif()
 PROBE
@@ -151,9 +165,9 @@ configure_library -DCMAKE_INSTALL_PREFIX="$absolute/usr" \
 cmake --install "$build/lib" >/dev/null
 check_installed "$absolute/libs/auth" "$absolute/headers"
 pc=$absolute/libs/auth/pkgconfig
-[ "$(PKG_CONFIG_PATH=$pc pkg-config --variable=libdir auth_engine)" = "$absolute/libs/auth" ] ||
+[ "$(PKG_CONFIG_LIBDIR=$pc pkg-config --variable=libdir auth_engine)" = "$absolute/libs/auth" ] ||
     fail "auth_engine.pc libdir is not the absolute dir"
-[ "$(PKG_CONFIG_PATH=$pc pkg-config --variable=includedir auth_engine)" = "$absolute/headers" ] ||
+[ "$(PKG_CONFIG_LIBDIR=$pc pkg-config --variable=includedir auth_engine)" = "$absolute/headers" ] ||
     fail "auth_engine.pc includedir is not the absolute dir"
 cmake -S "$example" -B "$work/example-absolute" \
     -Dauth_engine_DIR="$absolute/libs/auth/cmake/auth_engine" >/dev/null
@@ -162,7 +176,40 @@ LD_LIBRARY_PATH=$absolute/libs/auth "$work/example-absolute/minimal_host" >/dev/
 build_with_pkg_config "$pc" "$work/minimal_host-absolute"
 LD_LIBRARY_PATH=$absolute/libs/auth "$work/minimal_host-absolute" >/dev/null
 
-# Leave the build configured for the ordinary layout.
-configure_library -DCMAKE_INSTALL_PREFIX=/usr/local -DCMAKE_INSTALL_LIBDIR=lib \
+echo "== Debian packages"
+# The same build, installed under /usr with the multiarch library directory, as Debian lays it out.
+configure_library -DCMAKE_INSTALL_PREFIX=/usr \
+    -DCMAKE_INSTALL_LIBDIR="lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)" \
     -DCMAKE_INSTALL_INCLUDEDIR=include
+deb=$build/lib
+rm -f "$deb"/*.deb
+(cd "$deb" && cpack -G DEB >/dev/null)
+packages=("$deb"/*.deb)
+for name in "libauth-engine$major" libauth-engine-dev auth-engine-tools; do
+    [ -f "$deb/${name}_${version}-1_$(dpkg --print-architecture).deb" ] || fail "no package $name"
+done
+for file in "${packages[@]}"; do
+    printf '%-48s %8d bytes\n' "$(basename "$file")" "$(stat -c %s "$file")"
+done
+
+echo "== lintian"
+lintian --fail-on error "${packages[@]}" || fail "lintian reports errors"
+
+echo "== example against the packages unpacked into a scratch root"
+deb_root=$work/deb-root
+for file in "${packages[@]}"; do
+    dpkg -x "$file" "$deb_root"
+done
+deb_libdir=$(dirname "$(find "$deb_root/usr/lib" -name "libauth_engine.so.$version")")
+rm -rf "$build/example-deb"
+cmake -S "$example" -B "$build/example-deb" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_PREFIX_PATH="$deb_root/usr" -DMINIMAL_HOST_WERROR=ON >/dev/null
+cmake --build "$build/example-deb" -j "$jobs" >/dev/null
+LD_LIBRARY_PATH=$deb_libdir "$build/example-deb/minimal_host" >/dev/null
+PKG_CONFIG_SYSROOT_DIR=$deb_root build_with_pkg_config "$deb_libdir/pkgconfig" \
+    "$build/example-deb/minimal_host-pkg-config"
+LD_LIBRARY_PATH=$deb_libdir "$build/example-deb/minimal_host-pkg-config" >/dev/null
+
+# ---- checks of the tools package (authsim): its packages are in $deb, unpacked in $deb_root ----
+
 echo "== package: all checks passed"
