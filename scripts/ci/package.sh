@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
 # Packaging check. Builds the library and authsim once, as a distribution would (Release, Debian's
-# build flags) and checks that the library exports the public API only. Installs it into temporary
-# prefixes and builds and runs examples/minimal_host against the installed package, through
-# find_package and through pkg-config, with the shared and with the static library; a second install
-# with absolute library and include dirs checks that the package files point there. Then makes the
-# Debian packages, checks them with lintian, unpacks them into a scratch root and builds and runs
-# the example against that root, through find_package and through pkg-config. Exits non-zero on any
-# failure.
+# build flags), checks that the library exports the public API only and compares its binary
+# interface with the baseline (scripts/abi-baseline). Installs it into temporary prefixes and builds
+# and runs examples/minimal_host against the installed package, through find_package and through
+# pkg-config, with the shared and with the static library; a second install with absolute library
+# and include dirs checks that the package files point there. Then makes the Debian packages, checks
+# them with lintian, unpacks them into a scratch root and builds and runs the example against that
+# root, through find_package and through pkg-config. Exits non-zero on any failure.
 #   AUTH_ENGINE_PACKAGE_BUILD_DIR  build directory (default: build/package)
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-"$root/scripts/setup" pkg-config dpkg-dev lintian nlohmann-json3-dev libcli11-dev
+"$root/scripts/setup" pkg-config dpkg-dev lintian abigail-tools nlohmann-json3-dev libcli11-dev
 build=${AUTH_ENGINE_PACKAGE_BUILD_DIR:-$root/build/package}
 example=$root/examples/minimal_host
 jobs=$(nproc)
@@ -29,7 +29,8 @@ fail() {
 
 # configure_library [cmake options...]: (re)configures the build; install dirs are always given, so
 # that a previous run's absolute dirs never linger in the cache. The flags are Debian's own
-# (hardening included).
+# (hardening included); they carry -g, so the library keeps the debug information the ABI comparison
+# reads (installs with --strip and the packages drop it).
 export DEB_BUILD_MAINT_OPTIONS=hardening=+all
 configure_library() {
     cmake -S "$root" -B "$build/lib" -DCMAKE_BUILD_TYPE=Release -DAUTH_ENGINE_WERROR=ON \
@@ -106,6 +107,8 @@ configure_library -DCMAKE_INSTALL_PREFIX=/usr/local -DCMAKE_INSTALL_LIBDIR=lib \
 cmake --build "$build/lib" -j "$jobs"
 check_exports "$build/lib/libauth_engine.so"
 
+echo "== ABI against abi/libauth_engine.abi"
+"$root/scripts/abi-baseline" --check "$(readlink -f "$build/lib/libauth_engine.so")"
 
 echo "== install with relative dirs, prefix given at install time"
 prefix=$work/prefix
