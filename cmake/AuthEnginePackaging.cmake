@@ -36,7 +36,8 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 # authsim's dependency on the library is the component dependency below; dpkg-shlibdeps finds the
-# library in the build tree, where it belongs to no installed package.
+# library in the build tree, where it belongs to no installed package. CPack reads this from CMake
+# 3.20 on; with an older one, run cpack with LD_LIBRARY_PATH=<build dir> instead.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_CURRENT_BINARY_DIR})
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${_runtime_package})
