@@ -1,3 +1,6 @@
+# SPDX-License-Identifier: Apache-2.0
+# SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 # Debian packages, made by CPack from the install components:
 #   runtime      -> libauth-engine<major>  the shared library
 #   development  -> libauth-engine-dev     headers, static library, CMake package, auth_engine.pc

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The smallest real integration of the authentication engine, built against the installed package.
 //
 // A door controller with two relays: "1" (an office door, no check against other devices) and "2"

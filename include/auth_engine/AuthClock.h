@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 /// @file AuthClock.h
 /// @brief The library's clocks. Every wall-clock and uptime reading of the library goes through
 /// here, so that a host simulator or a test can move time.

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 /// @file AuthFacade.h
 /// @brief The host's single entry point: a process-wide singleton that owns at most one engine.
 ///

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 /// @file IAuthProcessor.h
 /// @brief The processor contract (one link of the chain of responsibility) and the chain names.
 #pragma once

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 /// @file version.h
 /// @brief The library's version, at compile time (these macros) and at run time (libraryVersion).
 ///

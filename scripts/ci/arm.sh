@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 # Cross-builds the library and every test for 32-bit ARM Linux (hard float) and runs the tests under
 # qemu-arm. Then builds the shared library alone as Release too, and prints the stripped size of
 # both (the aim for MinSizeRel, what a door device ships, is at most 200 KiB). Exits non-zero on any

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 # Static analysis of the library sources: clang-tidy with the committed .clang-tidy, then cppcheck,
 # then the layout of every C++ file against the committed .clang-format, then the API reference
 # (Doxygen over the public headers, every warning an error). Exits non-zero on any finding.

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 # Packaging check. Builds the library and authsim once, as a distribution would (Release, Debian's
 # build flags), checks that the library exports the public API only and compares its binary
 # interface with the baseline (scripts/abi-baseline). Installs it into temporary prefixes and builds

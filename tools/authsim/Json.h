@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Reading the site and scenario files: every value is read through these helpers, which know where
 // in the file they are (a JSON pointer such as /users/2/validTimeEnd) and say what they expected.
 // The readers are lenient about the spelling of a value ("31" for 31, "true" for true, "1" for
