@@ -4,12 +4,13 @@
 
 # Static analysis of the library sources: clang-tidy with the committed .clang-tidy, then cppcheck,
 # then the layout of every C++ file against the committed .clang-format, then the API reference
-# (Doxygen over the public headers, every warning an error). Exits non-zero on any finding.
+# (Doxygen over the public headers, every warning an error), then the licence information of every
+# file (reuse lint). Exits non-zero on any finding.
 #   AUTH_ENGINE_LINT_BUILD_DIR  where compile_commands.json is generated (default build/lint)
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 cd "$root"
-"$root/scripts/setup" clang-tidy cppcheck clang-format doxygen
+"$root/scripts/setup" clang-tidy cppcheck clang-format doxygen reuse
 
 build=${AUTH_ENGINE_LINT_BUILD_DIR:-build/lint}
 jobs=$(nproc)
@@ -50,6 +51,10 @@ doxygen_log="$build/doxygen.log"
 cmake --build "$build" --target docs >"$doxygen_log" 2>&1 || failed=1
 grep -E "warning|error" "$doxygen_log" || true
 echo "== lint: Doxygen warnings: $(grep -c "warning:" "$doxygen_log" || true)"
+
+echo "== lint: licence information (reuse lint)"
+reuse lint >"$build/reuse.log" 2>&1 || { cat "$build/reuse.log"; failed=1; }
+tail -n 1 "$build/reuse.log"
 
 if [ "$failed" -ne 0 ]; then
     echo "== lint: FAILED"
