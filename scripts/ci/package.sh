@@ -13,7 +13,8 @@
 #   AUTH_ENGINE_PACKAGE_BUILD_DIR  build directory (default: build/package)
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-"$root/scripts/setup" pkg-config dpkg-dev lintian abigail-tools nlohmann-json3-dev libcli11-dev
+"$root/scripts/setup" pkg-config dpkg-dev file lintian abigail-tools nlohmann-json3-dev \
+    libcli11-dev
 build=${AUTH_ENGINE_PACKAGE_BUILD_DIR:-$root/build/package}
 example=$root/examples/minimal_host
 jobs=$(nproc)
