@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // A lean IDataProvider for the benchmarks: fixed, read-only site data (one door pair, a few users)
 // answered without locks or call logging, so that what is measured is the engine, not the double.
 // The questions the engine sends (temporary key, anti-passback) are queued for the benchmark thread

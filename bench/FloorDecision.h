@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The card decision of the decision benchmarks written by hand as straight-line code: the same
 // provider calls in the same order and the same response, without a chain, a registry, logging or
 // any of the engine's bookkeeping. It is the floor the engine's cost is compared with.

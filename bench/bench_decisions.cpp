@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Timings of one decision: synchronously through the full default chain (three logging setups),
 // the same decision written by hand (the floor), asynchronous round trips through the worker, park
 // and resume round trips, and throughput with several host threads.

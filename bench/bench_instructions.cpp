@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // A fixed number of card decisions, for counting instructions under
 //   valgrind --tool=callgrind --toggle-collect=auth_bench_measured_decisions
 //            auth_bench_instructions MODE COUNT

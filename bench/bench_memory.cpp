@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Memory held by waiting work, counted by replacing the global operator new/delete of this program
 // (the library's allocations resolve to them too). Every figure is live heap bytes (as the
 // allocator hands them out, malloc_usable_size) above the idle engine:

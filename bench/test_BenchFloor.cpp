@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The hand-written floor is a fair yardstick only while it asks the provider exactly what the chain
 // asks, in the same order, and reaches the same decision. Checked for the benchmarked decision and
 // for its holiday variant (a holiday in force, relays kept by an exempting schedule).

@@ -1,3 +1,6 @@
+# SPDX-License-Identifier: Apache-2.0
+# SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 # AUTH_ENGINE_SANITIZE=address gives AddressSanitizer with UndefinedBehaviorSanitizer; =thread gives
 # ThreadSanitizer. Applied to every target of the build, so the library and its tests agree.
 if(AUTH_ENGINE_SANITIZE STREQUAL "address")

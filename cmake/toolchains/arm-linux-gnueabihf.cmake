@@ -1,3 +1,6 @@
+# SPDX-License-Identifier: Apache-2.0
+# SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 # Cross build for 32-bit ARM Linux (hard float). Tests run under qemu-arm.
 #   cmake -S . -B build/arm -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/arm-linux-gnueabihf.cmake
 # Overridable (cache variables, or environment variables of the same name at the first configure):

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The smallest real integration of the authentication engine, built against the installed package.
 //
 // A door controller with two relays: "1" (an office door, no check against other devices) and "2"
@@ -302,6 +305,12 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "engine: %s\n", line.c_str());
         });
     }
+
+    // TODO (integrator): log which library the process runs. The headers name the version the host
+    // was built with; the loaded library says its own (a newer one of the same major version is
+    // compatible).
+    std::printf("auth_engine %s (built with the headers of %s)\n", libraryVersion(),
+                AUTH_ENGINE_VERSION_STRING);
 
     PassbackPeer peer;
     auto site = std::make_shared<MinimalDoorData>(peer);

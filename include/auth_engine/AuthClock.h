@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 /// @file AuthClock.h
 /// @brief The library's clocks. Every wall-clock and uptime reading of the library goes through
 /// here, so that a host simulator or a test can move time.
@@ -6,9 +9,11 @@
 #include <cstdint>
 #include <functional>
 
+#include "auth_engine/export.h"
+
 namespace auth_engine {
 
-class AuthClock {
+class AUTH_ENGINE_API AuthClock {
 public:
     /// Wall clock, seconds since the epoch (default: time(nullptr)).
     static int64_t now();

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 /// @file AuthFacade.h
 /// @brief The host's single entry point: a process-wide singleton that owns at most one engine.
 ///
@@ -24,12 +27,13 @@
 #include "auth_engine/AuthTypes.h"
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
+#include "auth_engine/export.h"
 
 namespace auth_engine {
 
 class AuthEngine;  // private to the library
 
-class AuthFacade {
+class AUTH_ENGINE_API AuthFacade {
 public:
     /// The singleton, created on first use (thread-safe) and destroyed at exit.
     static AuthFacade& getInstance();

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 /// @file AuthLogger.h
 /// @brief Logging and relay-list helpers.
 #pragma once
@@ -7,13 +10,14 @@
 #include <vector>
 
 #include "auth_engine/AuthTypes.h"
+#include "auth_engine/export.h"
 
 namespace auth_engine {
 
 /// Logging of the library. Both levels format printf-style and go to the system log (vsyslog) with
 /// priority 3; nothing is added to the text. setSink redirects every line (tests, hosts with their
 /// own log); an empty function restores vsyslog. Host-supplied text is never used as a format.
-class AuthLogger {
+class AUTH_ENGINE_API AuthLogger {
 public:
     static void info(const char* format, ...) __attribute__((format(printf, 1, 2)));
     static void error(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -30,9 +34,9 @@ public:
 
 /// Reads relay ids: single digits, or "S" followed by one letter; everything else is skipped
 /// ("12" is the relays "1" and "2"). Order and repeats are kept.
-std::vector<std::string> parseRelayString(const std::string& text);
+AUTH_ENGINE_API std::vector<std::string> parseRelayString(const std::string& text);
 
 /// Joins relay ids with "," (no spaces); an empty list gives an empty text.
-std::string joinRelayVector(const std::vector<std::string>& relays);
+AUTH_ENGINE_API std::string joinRelayVector(const std::vector<std::string>& relays);
 
 }  // namespace auth_engine

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 /// @file AuthTypes.h
 /// @brief Enumerations, the completion callback type and every record that crosses the library
 /// boundary. All records are plain values: copy them freely. Per-kind request data and the user

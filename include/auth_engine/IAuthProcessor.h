@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 /// @file IAuthProcessor.h
 /// @brief The processor contract (one link of the chain of responsibility) and the chain names.
 #pragma once
@@ -6,6 +9,7 @@
 #include <string>
 
 #include "auth_engine/AuthTypes.h"
+#include "auth_engine/export.h"
 
 namespace auth_engine {
 
@@ -25,7 +29,7 @@ class IDataProvider;
 /// "resumed with the answer": the response's result and fail code are also written by earlier
 /// processors and by answers to other questions, so a processor never infers from them that its own
 /// question was answered. A request that is not answered in time ends FAILED without a second call.
-class IAuthProcessor {
+class AUTH_ENGINE_API IAuthProcessor {
 public:
     virtual ~IAuthProcessor() = default;
     virtual AuthResult process(AuthContext& context, IDataProvider& provider) = 0;

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 /// @file IDataProvider.h
 /// @brief The host interface. The engine keeps no data of its own: users, keys, schedules,
 /// holidays, configuration and every remote check come through this class, which the host

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 /// @file auth_engine.h
 /// @brief Umbrella header: everything a host needs.
 #pragma once
@@ -8,4 +11,5 @@
 #include "auth_engine/AuthTypes.h"
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
+#include "auth_engine/export.h"
 #include "auth_engine/version.h"

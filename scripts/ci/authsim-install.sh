@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 # The installed authsim, as a user of the package meets it: builds the library and authsim,
 # installs them into a temporary prefix, then runs from there `authsim --version`, the man page,
 # the bash completion and an example site, and checks that the schemas were installed as they are
@@ -32,8 +35,10 @@ export LD_LIBRARY_PATH=$prefix/lib
 echo "== authsim: --version"
 version=$("$authsim" --version) || fail "authsim --version exited with $?"
 echo "$version"
-grep -qx "authsim 0.1.0" <<<"$version" || fail "--version does not name authsim 0.1.0"
-grep -q "^auth_engine library 0.1.0 (built against 0.1.0)$" <<<"$version" ||
+expected=$(sed -n 's/^#define AUTH_ENGINE_VERSION_STRING "\(.*\)"$/\1/p' \
+    "$root/include/auth_engine/version.h")
+grep -qx "authsim $expected" <<<"$version" || fail "--version does not name authsim $expected"
+grep -q "^auth_engine library $expected (built against $expected)$" <<<"$version" ||
     fail "--version does not name the library's versions"
 
 echo "== authsim: man page"

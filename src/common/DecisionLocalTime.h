@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The local calendar view of an instant, converted once per decision. The time check and the
 // holiday check both read the wall clock and convert it with localtime_r, which takes the C
 // library's time zone lock every time; within one decision the same second converts alike, so the

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Keeping the first of each value of a list, and asking whether a list holds a value, in time that
 // grows linearly with the host's data. A decision usually meets a handful of relays or targets:
 // those are compared in place, without allocating. A host that hands over thousands (a relay key

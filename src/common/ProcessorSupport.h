@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Small steps that several processors take the same way: refusing a request, handing the host an
 // answer callback, taking relays out of a request, and adopting the targets of a door command.
 #pragma once

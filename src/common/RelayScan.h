@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Relay ids read straight out of a text, without building a list first: the reading rule of
 // parseRelayString, for callers that look at each id once.
 #pragma once

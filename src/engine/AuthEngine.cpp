@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // AuthEngine set-up, processor registry and chain, the synchronous run and the small helpers shared
 // by every path (host-call guard, reporting, inspection).
 #include "engine/AuthEngine.h"

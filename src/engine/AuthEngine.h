@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // AuthEngine: the processor registry and chain, the synchronous run, the worker thread, parked
 // chains and their resume, the independent relay phase, timeouts and reset. Private to the library;
 // tests and tools include it from src/.

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // AuthEngine asynchronous side: the worker thread and its queues, parked chains, host answers and
 // their routing, the resume of parked chains, the chain timeout sweep and reset.
 #include <pthread.h>

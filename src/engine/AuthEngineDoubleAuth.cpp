@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Host control of a waiting first factor: time it out or cancel it. The engine only finds the
 // double-authentication processor that the chain actually runs and hands the call to it.
 #include <map>

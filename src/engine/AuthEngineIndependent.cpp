@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The independent relay phase: after the chain has passed, relays that need no further check open
 // at once, the others are held back per relay for anti-passback, then interlock, then parking
 // restriction. Each held-back group waits under its own phase id and is reported on its own, so one

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The host's entry point. Every call works on a copy of the engine pointer taken under engineMutex,
 // so that reset, which swaps the pointer out before resetting the engine, never pulls the engine
 // from under a call that is still running. No exception leaves a facade call.

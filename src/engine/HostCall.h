@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Calls into host code (provider operations, processors, callbacks) with every throw caught and
 // logged. A template rather than a std::function parameter: the call sits on every step of every
 // decision, and wrapping a lambda with several captures in a std::function allocates.

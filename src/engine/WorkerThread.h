@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Marks the thread an engine's worker runs on, so that the engine can tell its own worker from a
 // host thread.
 #pragma once

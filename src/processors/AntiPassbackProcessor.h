@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Asks the host, relay by relay, whether the user may pass a relay under anti-passback. In the
 // chain (process) it sends the questions and later sums the answers up; in the independent relay
 // phase (processRelays) it only sends them and the engine sums them up.

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Two-factor opening: a first factor is held as a pending state; a second factor of the configured
 // kind, of the same user, within the timeout, continues the chain as one authentication.
 #pragma once

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Turns a DTMF code entered during a call into relays and (when the host knows the caller) a user,
 // asking the host's whitelist when the configuration requires it.
 #pragma once

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // On a holiday that applies to the user, keeps only relays exempt from holidays.
 #pragma once
 

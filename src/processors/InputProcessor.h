@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Authorises an open triggered by one of the device's inputs (relays "1" and "2" only).
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Asks the host, relay by relay, whether an interlocked relay may open now. Serves the chain, the
 // independent interlock phase, and the engine's retry of unanswered relays after a timeout.
 #pragma once

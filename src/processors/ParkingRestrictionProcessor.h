@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Asks the host once per request whether a plate user of kind 1 may open relays under parking
 // restriction. An offline host lets the user through.
 #pragma once

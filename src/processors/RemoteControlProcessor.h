@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Opens the targets of a remote controller's command for a known remote user, or under a
 // synthetic "command-authorized" user when the command names targets.
 #pragma once

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Has a temporary key validated by a remote service through the host: the first pass asks and parks
 // the request, the second pass (resumed with the answer in context.tempKeyAuthData) turns the
 // answer into a user and targets, or a failure.

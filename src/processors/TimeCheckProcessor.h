@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Decides whether the user, the vehicle plate or the relay key is valid now, and which candidate
 // relays their schedules open at this time of day, weekday and date. Also records, per relay,
 // whether the admitting schedule grants a holiday exemption (read by the holiday check).

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Resolves who is asking: public and latch PINs, the credential owner, the vehicle key record,
 // DTMF visitors; an unknown user fails or is left to double authentication.
 #pragma once

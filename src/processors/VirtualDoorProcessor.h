@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Builds the relay schedule map from the user's schedule-relay text, restricts the requested
 // relays to it, and applies the reader-to-door configuration (override or filter).
 #pragma once

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Shared by the fuzz targets: a reader that turns the fuzzer's bytes into small decisions, the
 // failure check, the entry every target defines, and list helpers for the failure details.
 #pragma once

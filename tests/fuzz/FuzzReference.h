@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Plain reference versions of the schedule and calendar rules, written without the C calendar
 // functions the library uses, so that the fuzz targets can compare the two.
 #pragma once

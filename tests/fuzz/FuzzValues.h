@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Value generators shared by the fuzz targets: relay ids, times of day and dates that are usually
 // well formed (so that comparisons are reached) and sometimes arbitrary bytes.
 #pragma once

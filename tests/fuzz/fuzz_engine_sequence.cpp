@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Whole-engine sequences: the input configures a scripted host, then turns into a sequence of
 // engine calls (attempts of every open type, host answers to real and made-up ids, relay choices,
 // clock moves, timeout sweeps, resumes, resets). The host misbehaves as the input says: an

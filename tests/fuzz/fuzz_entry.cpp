@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The libFuzzer entry points of every target: a quiet log and a UTC calendar once, then each input
 // handed to the target's fuzzOne.
 #include <cstddef>

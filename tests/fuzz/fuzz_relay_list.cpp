@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Relay-list text: any text parses into valid relay ids, joining them and parsing again gives the
 // same list, every digit of the text is one relay, and a ',' is a clean cut between two texts.
 #include <cstddef>

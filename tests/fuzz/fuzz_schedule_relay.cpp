@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Schedule texts from the host: a user's schedule-to-relay text read by the virtual door, and a
 // relay key's schedule id list read by the time check. Whatever the texts hold, the schedule map
 // names no relay the text does not name, keeps no schedule id below 1, and the relay key's verdict

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Time-of-day, weekday and date comparisons of the schedule check, and the holiday check with
 // host-supplied holiday texts, compared with a reference that computes the calendar by counting
 // days instead of asking the C library.

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Runs a fuzz target over files instead of generated inputs, so that the committed corpora replay
 // as ordinary tests with any compiler. Arguments are files or directories (every regular file
 // inside, in name order). Fails when nothing was replayed: an empty run would hide a wrong path.

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Faults the engine meets in the field: a host whose every operation throws, answers that arrive
 // after a reset, a reset racing running attempts, a flood of parked requests timing out together,
 // a full submission queue and a host that answers every question twice.

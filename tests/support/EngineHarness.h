@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Shared set-up of the engine and facade tests: an engine wired to the fake host, a callback
 // recorder and the test clock; scripted processors; request builders and the common expectations.
 #pragma once

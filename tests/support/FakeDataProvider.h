@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // A scripted, thread-safe IDataProvider for tests.
 //
 // Set the public data members before the engine runs, or under `lock()` while it runs. Every

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Captures the library's log lines for the lifetime of the object (restores syslog afterwards).
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // What the processor unit tests share: a fixture holding one processor with a scripted host, and
 // builders for the contexts the chain hands to a processor.
 #pragma once

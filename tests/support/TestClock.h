@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Puts the library's clocks under the test's control for its lifetime and runs calendars in UTC.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The worker must sweep timeouts about once a second whatever the wall clock does. This program
 // stands in for the C library's clock_gettime (the engine, in the same process, calls this one):
 // it can show the wall clock an hour ahead of the kernel's, which is what a worker sees when the

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The processors that turn what was presented into a user and candidate relays: the user lookup and
 // the DTMF, remote control, HTTP and input openings.
 #include <gtest/gtest.h>

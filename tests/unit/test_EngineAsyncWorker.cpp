@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The worker thread, its queues, the timeouts of parked chains and the reset.
 #include <thread>
 

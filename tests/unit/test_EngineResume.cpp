@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Host answers to parked chains: how they are merged, routed, held for a park under construction
 // and resumed.
 #include <thread>

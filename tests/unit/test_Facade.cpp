@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The host's entry point: answers without an engine, init and reset, the convenience overloads.
 #include "support/EngineHarness.h"
 #include "support/LogCapture.h"

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The shortcuts taken on every decision: the null log sink and the reused line buffer, the calendar
 // texts written without strftime/snprintf, and a chain that parks while a reset runs.
 #include <gtest/gtest.h>

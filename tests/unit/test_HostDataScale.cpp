@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // A host may hand over far more data than a door ever needs: a relay key naming a million
 // schedules, a schedule text repeating one relay half a million times, two hundred thousand relays
 // of which half are locked. Each decision must still finish (its work grows with the data, not with

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The processors that ask the host a question and wait for its answer: anti-passback, interlock,
 // parking restriction and temporary keys.
 #include <gtest/gtest.h>

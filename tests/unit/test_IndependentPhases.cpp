@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Held-back relays through the anti-passback, interlock and parking phases, the relay choice,
 // timeouts and shutdown, driven through a real engine and worker.
 #include "support/EngineHarness.h"

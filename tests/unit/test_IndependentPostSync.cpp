@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The split after the chain: what is reported at once, what is failed, what is offered for a
 // choice.
 #include "support/EngineHarness.h"

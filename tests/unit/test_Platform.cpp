@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The library on its 32-bit target: time values past January 2038 (validity bounds, schedule dates,
 // holidays, timeouts, log lines) must behave as they do on a 64-bit host.
 #include <gtest/gtest.h>

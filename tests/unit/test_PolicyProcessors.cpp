@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The processors that narrow the candidate relays by policy: schedules and validity, virtual doors,
 // holidays, forbidden open types, lockdown and the BLE open interval.
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Reading the site and scenario files. A file is first checked against its JSON Schema (Schema.h),
 // so the readers here only convert values the schema has already accepted; they keep the checks a
 // schema cannot make (that a date exists, that a text is a relay id, that a duration fits), and

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Reads the shell's lines. On a terminal, with line editing and history (libedit) when authsim was
 // built with it; otherwise, and whenever standard input is not a terminal, plain reading without a
 // prompt, so that piped and scripted use is unchanged.

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The names by which site and scenario files spell the library's numbers (open types, results,
 // readers, directions, double-authentication modes). Every name also accepts its number.
 #pragma once

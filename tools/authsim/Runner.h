@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Runs steps against the engine through AuthFacade, with the simulated clock and a SiteProvider,
 // prints what happens and checks the reports against the steps' expectations.
 //

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // Scenario files and steps. A step is a JSON object {"do": VERB, ...}, or the same step written as
 // one line of text, "VERB [positional values] [key=value ...]", as the shell reads it:
 //

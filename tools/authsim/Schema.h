@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The site and scenario formats, stated once as JSON Schemas (tools/authsim/schema/, installed for
 // editors and people) and built into authsim, which checks every file against them with a JSON
 // Schema validator before reading it. Only what a schema cannot say (that a date exists, that a

@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The site: everything a door device's host knows (configuration, users and their credentials,
 // schedules, holidays, PINs, relay settings, DTMF, HTTP, temporary keys) and how the remote peers
 // answer the engine's questions. Loaded from a JSON site file; a scenario step may patch it.

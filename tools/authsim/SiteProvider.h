@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // The host side of the simulator: an IDataProvider that answers every operation from a Site, and
 // plays the remote peers that answer anti-passback, interlock, parking and temporary-key questions
 // (inline, later from another thread, when a scenario says so, never, or offline).

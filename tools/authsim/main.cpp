@@ -1,3 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 // authsim: a reference host and door simulator for the authentication engine. It plays the host of
 // one door device (its data comes from a site file) and the remote peers the engine asks, and runs
 // scenario files (`authsim run`) or steps typed by hand (`authsim shell`), printing every report.

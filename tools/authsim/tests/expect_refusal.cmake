@@ -1,3 +1,6 @@
+# SPDX-License-Identifier: Apache-2.0
+# SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 # Runs authsim with the arguments after "--" and checks that it exits with EXIT and prints a line
 # matching MESSAGE (standard output and error together). EMULATOR, when set, is the command that runs
 # a target program on the build machine, its words separated by "|".

@@ -1,3 +1,6 @@
+# SPDX-License-Identifier: Apache-2.0
+# SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 # The README's walk-through shows its finished site and scenario in full, as fenced blocks whose
 # info string names the file ("```json examples/site/first-site.json"). Each block must be exactly
 # that file, and the scenario must pass against the site, so that the README cannot drift.

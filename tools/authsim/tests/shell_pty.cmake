@@ -1,3 +1,6 @@
+# SPDX-License-Identifier: Apache-2.0
+# SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
 # Drives `authsim shell` through a pseudo-terminal (util-linux `script`), typing shell-session.txt:
 # a step, the Up key and Enter (history: the step again), a misspelt verb, an answer nothing waits
 # for (a failed step), a held question, then status. AUTHSIM, SITE, SESSION and EMULATOR (words
