@@ -8,11 +8,16 @@
 /// "AuthFacade not initialized" where a response is returned, an empty text where an id is
 /// returned, nothing otherwise. No call lets an exception out.
 ///
-/// Callbacks and re-entry: a completion callback, and the provider's onAuthResult, may run while
-/// the engine holds its lock (a parked chain that timed out, the shutdown drain in reset). Such
-/// code must not call any facade or engine operation; hand the work to another thread instead.
-/// Answer callbacks that the engine hands to the provider (temporary key, anti-passback, interlock,
-/// parking) are the opposite: call them from anywhere, inline included.
+/// Callbacks and re-entry: host code the engine runs (a provider operation, a completion callback,
+/// onAuthResult) may call the facade. A completion callback or onAuthResult may run while the
+/// engine holds its lock (a parked chain that timed out, the shutdown drain in reset): there a call
+/// that would wait for that lock (authenticate, authenticateAsync, handleAsyncResult,
+/// handleUnlockOptionsResponse, verifyInterlockTargets, waitForIdle) is refused at once with its
+/// failure value (a synchronous attempt answers FAILED, "Refused: called from a callback made under
+/// the engine's lock") and an error log line; better to hand such work to another thread. reset
+/// may be called from any host code (see reset). Answer callbacks that the engine hands to the
+/// provider (temporary key, anti-passback, interlock, parking) may be called from anywhere, inline
+/// included; only the first answer to a question counts.
 ///
 /// One request may be reported several times (AuthResponse::asyncType names the phase): once at
 /// once for the relays that open immediately or for the failure, and once per held-back phase
@@ -69,9 +74,11 @@ public:
                                   ReaderType readerType, AuthCallback callback);
 
     /// Delivers a host's answer to a question the engine asked (temporary key, anti-passback,
-    /// interlock, parking). `requestId` is the id the question was sent under. `type` is ignored:
-    /// the engine knows each question's kind from its id. Unknown ids and repeated answers are
-    /// dropped.
+    /// interlock, parking, or a processor of the host's that returned ASYNC_PENDING, under the
+    /// request's id). `requestId` is the id the question was sent under. `type` is ignored: the
+    /// engine knows each question's kind from its id. Only the first answer to an asked question
+    /// counts: unknown ids, questions never asked, repeats and answers to questions asked before a
+    /// reset (ids are never issued twice) are dropped.
     void handleAsyncResult(const std::string& requestId, AsyncRequestType type, AuthResult result,
                            const AuthResponse& response, const AuthContext& context);
 
@@ -110,7 +117,12 @@ public:
 
     /// Stops the worker, fails queued submissions and parked relay phases with "Engine shutdown",
     /// drops parked chains silently, and destroys the engine. Late answers are dropped. init starts
-    /// afresh.
+    /// afresh (request ids go on counting: none is issued twice).
+    ///
+    /// Called from host code the engine is running (a provider operation, a callback,
+    /// onAuthResult), on the worker or any other thread, the facade is uninitialised at once and the
+    /// shutdown completes once that host code has returned: the worker never joins itself and
+    /// nothing in use is freed.
     void reset();
 
     /// True between a successful init and reset.

@@ -11,17 +11,28 @@
 ///
 /// Absence is reported by the result (empty pointer, false, empty list), never by an exception. An
 /// exception that escapes an operation anyway is caught and logged by the engine; the request it
-/// served ends FAILED with fail code 0 and reason "Internal error".
+/// served ends FAILED with fail code 0 and reason "Internal error", and nothing opens for it: an
+/// answer that cannot be had never becomes a default (getAuthConfig throwing at the relay split
+/// does not switch the checks off).
 ///
 /// Answer callbacks (handed to operations 19, 26, 27 and 28) may be called on any thread, at any
-/// time, inline from inside the operation included, and more than once (repeats are ignored). They
-/// only forward to the engine. An empty callback means that no answer is expected. An empty
-/// returned handle (26, 27, 28) means the question was not sent (device offline). A parking refusal
-/// carries fail code 23.
+/// time, inline from inside the operation included. They only forward to the engine. The first
+/// answer to a question counts; repeats, answers to questions never asked and answers to questions
+/// asked before a reset are dropped. An answer given inline from an operation that then throws
+/// counts as failed. An empty callback means that no answer is expected. An empty returned handle
+/// (26, 27, 28) means the question was not sent (device offline). A parking refusal carries fail
+/// code 23.
 ///
-/// Completion callbacks and onAuthResult may run while the engine holds its lock (a timed-out
-/// parked chain, the shutdown drain): they must not call any facade or engine operation, inspection
-/// included; hand such work to another thread.
+/// The questions are answered under these ids, also through AuthFacade::handleAsyncResult: a
+/// temporary key (19) and a parking check of the chain (28) under the request id; an anti-passback
+/// (26) or interlock (27) question under the asking context's requestId + "_ap_" or "_il_" + the
+/// relay; the relay phases run under the request id + "_ind_" + the phase ("antipassback",
+/// "interlock", "parking", "unlock_options"), so a parking check of a phase is answered under that.
+///
+/// Host code may call back into the engine: reset from inside an operation or a callback completes
+/// once that code has returned. Completion callbacks and onAuthResult may run while the engine holds
+/// its lock (a timed-out parked chain, the shutdown drain): a facade call from there that would
+/// wait for that lock is refused at once (see AuthFacade.h); hand such work to another thread.
 ///
 /// The order of the operations is part of the binary contract with the host; never reorder them.
 #pragma once
