@@ -359,7 +359,7 @@ void AuthEngine::registerProcessor(std::shared_ptr<IAuthProcessor> processor) {
     }
     const Inside inside(*this);
     std::string name;
-    if (!guardHostCall("getName", [&] { name = processor->getName(); })) {
+    if (!callHost("getName", [&] { name = processor->getName(); })) {
         return;
     }
     attachEngine(processor, this);
@@ -425,7 +425,7 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
             AuthLogger::error("[AuthEngine:%d] requestId=%s is already in use, refused", __LINE__,
                               requestId.c_str());
             context.response.reason = "Request id already in use";
-            reportToHost(context, callback);
+            reportToHost(provider().get(), context, callback);
             return context.response;
         }
     }
@@ -494,7 +494,7 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
         case IGNORED:
             context.response.result = IGNORED;
             if (callback) {
-                guardHostCall("callback", [&] { callback(requestId, context.response, context); });
+                callHost("callback", [&] { callback(requestId, context.response, context); });
             }
             release();
             return context.response;
@@ -502,7 +502,7 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
             context.response.result = DOUBLE_AUTH_PENDING;
             AuthLogger::info("AuthEngine::authenticate: requestId=%s, result=%s", requestId.c_str(),
                              AuthLogger::authResultToString(DOUBLE_AUTH_PENDING));
-            reportToHost(context, callback);
+            reportToHost(provider().get(), context, callback);
             release();
             return context.response;
         default:
@@ -581,25 +581,6 @@ AuthResult AuthEngine::runProcessors(const std::vector<std::shared_ptr<IAuthProc
     return runList(*host, list, first, context);
 }
 
-AuthResult AuthEngine::runChainFrom(std::shared_ptr<IAuthProcessor> start, AuthContext& context) {
-    return runProcessors(collectChain(std::move(start)), 0, context);
-}
-
-// ---- host calls ----
-
-bool AuthEngine::guardHostCall(const char* what, const std::function<void()>& fn) {
-    return callHost(what, fn);
-}
-
-void AuthEngine::reportToHost(const AuthContext& context, const AuthCallback& callback) {
-    if (const std::shared_ptr<IDataProvider> host = provider()) {
-        callHost("onAuthResult", [&] { host->onAuthResult(context, context.response.result); });
-    }
-    if (callback) {
-        callHost("callback", [&] { callback(context.requestId, context.response, context); });
-    }
-}
-
 std::shared_ptr<IDataProvider> AuthEngine::provider() {
     if (heldProvider.engine == this) {
         return *heldProvider.host;
@@ -645,7 +626,7 @@ std::vector<std::string> AuthEngine::chainNames() {
     }
     std::vector<std::string> names;
     for (const auto& processor : collectChain(head)) {
-        guardHostCall("getName", [&] { names.push_back(processor->getName()); });
+        callHost("getName", [&] { names.push_back(processor->getName()); });
     }
     return names;
 }

@@ -218,11 +218,6 @@ private:
         AuthContext contextUpdate;
     };
 
-    // Chain walk shared by authenticate and the resume: runs from `start` until a non-CONTINUE
-    // result, stopping at a processor already visited. Sets pendingProcessor on ASYNC_PENDING. A
-    // throw from a processor ends the request FAILED, fail code 0, "Internal error".
-    AuthResult runChainFrom(std::shared_ptr<IAuthProcessor> start, AuthContext& context);
-
     // ---- questions, answers and ids under construction (*Locked calls require queueMutex) ----
 
     /// A request or phase that is being built or is parked: questions may be asked for it.
@@ -245,10 +240,6 @@ private:
     /// id to resume, or empty), held for an owner under construction, dropped otherwise.
     std::string applyAnswerLocked(const std::string& requestId, AuthResult result,
                                   const AuthResponse& response, const AuthContext& contextUpdate);
-
-    /// Calls host code (provider operation, onAuthResult, callback); a throw is caught and logged
-    /// with `what`, and false is returned so that the caller goes on with its next step.
-    static bool guardHostCall(const char* what, const std::function<void()>& fn);
 
     // ---- host code that calls back in ----
 
@@ -298,9 +289,6 @@ private:
     void completeShutdown();
     /// Fails what is queued or parked as at shutdown and empties the engine; no join.
     void tearDown();
-
-    /// onAuthResult(context, context.response.result), then the callback if set, each guarded.
-    void reportToHost(const AuthContext& context, const AuthCallback& callback);
 
     /// The processors met walking from `start`, stopping at one already visited (takes chainMutex).
     std::vector<std::shared_ptr<IAuthProcessor>> collectChain(
@@ -376,7 +364,6 @@ private:
     std::shared_ptr<IDataProvider> dataProvider;
     std::shared_ptr<IAuthProcessor> chainHead;
     std::map<std::string, std::shared_ptr<IAuthProcessor>> processors;
-    AuthContext currentContext;
     std::map<std::string, AsyncContext> asyncContexts;
     std::map<std::string, IndependentAsyncContext> independentContexts;
     std::map<std::string, std::string> subRequests;

@@ -14,6 +14,7 @@
 #include "auth_engine/AuthLogger.h"
 #include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
+#include "engine/HostCall.h"
 #include "engine/QuestionIds.h"
 #include "engine/WorkerThread.h"
 
@@ -168,7 +169,7 @@ void AuthEngine::enqueueResume(const std::string& requestId) {
 void* AuthEngine::asyncThreadFunc(void* arg) {
     auto* const self = static_cast<AuthEngine*>(arg);
     workerEngineOfThread = self;
-    guardHostCall("reloadConfig", [&] { self->reloadConfig(); });
+    callHost("reloadConfig", [&] { self->reloadConfig(); });
     while (self->running) {
         // Posted, timed out or interrupted: every outcome starts a pass.
         waitForWork(self->queueSemaphore);
@@ -194,13 +195,12 @@ void* AuthEngine::asyncThreadFunc(void* arg) {
             }
         }
         if (haveResume) {
-            guardHostCall("resumeAuthentication", [&] { self->resumeAuthentication(resumeId); });
+            callHost("resumeAuthentication", [&] { self->resumeAuthentication(resumeId); });
         } else if (!entry.requestId.empty()) {
-            guardHostCall("authenticate", [&] {
-                self->authenticate(entry.request, entry.callback, entry.requestId);
-            });
+            callHost("authenticate",
+                     [&] { self->authenticate(entry.request, entry.callback, entry.requestId); });
         }
-        guardHostCall("checkAllPendingTimeouts", [&] { self->checkAllPendingTimeouts(); });
+        callHost("checkAllPendingTimeouts", [&] { self->checkAllPendingTimeouts(); });
         {
             std::lock_guard<std::mutex> lock(self->queueMutex);
             self->workerBusy = false;
@@ -211,7 +211,7 @@ void* AuthEngine::asyncThreadFunc(void* arg) {
     if (self->shutdownOnWorker) {
         // The reset was asked from host code this worker ran: it empties the engine itself, and
         // is joined by whoever next starts, resets or destroys the engine.
-        guardHostCall("reset", [&] { self->tearDown(); });
+        callHost("reset", [&] { self->tearDown(); });
     }
     {
         std::lock_guard<std::mutex> lock(self->queueMutex);
@@ -314,7 +314,7 @@ AuthCallback AuthEngine::makeAnswerCallback(const std::string& routedId) {
             return;  // the engine was reset: a late answer is dropped
         }
         AuthEngine* const engine = current->engine;
-        guardHostCall("handleAsyncResponse", [&] {
+        callHost("handleAsyncResponse", [&] {
             engine->handleAsyncResponse(routedId.empty() ? calledId : routedId, response.result,
                                         response, context);
         });
@@ -490,7 +490,7 @@ void AuthEngine::resumeAuthentication(const std::string& requestId) {
     std::size_t index = walk.size();
     for (std::size_t i = 0; i < walk.size() && index == walk.size(); ++i) {
         std::string name;
-        guardHostCall("getName", [&] { name = walk[i]->getName(); });
+        callHost("getName", [&] { name = walk[i]->getName(); });
         if (name == context.pendingProcessor) {
             index = i;
         }
@@ -524,18 +524,18 @@ void AuthEngine::resumeAuthentication(const std::string& requestId) {
         return;
     }
     if (context.pendingProcessor == chain::TEMP_KEY && result != DOUBLE_AUTH_PENDING) {
-        guardHostCall("processPostSyncPhase", [&] { processPostSyncPhase(context, callback); });
+        callHost("processPostSyncPhase", [&] { processPostSyncPhase(context, callback); });
         return;
     }
     if (result == SUCCESS) {
-        guardHostCall("buildAuthTargets", [&] { buildAuthTargets(context); });
+        callHost("buildAuthTargets", [&] { buildAuthTargets(context); });
     } else {
         context.response.targets.clear();
         if (result == FAILED) {
             context.response.openedRelays.clear();
         }
     }
-    reportToHost(context, callback);
+    reportToHost(provider().get(), context, callback);
 }
 
 // ---- timeouts ----
@@ -549,9 +549,8 @@ void AuthEngine::checkAllPendingTimeouts() {
         return;
     }
     const Inside inside(*this);
-    guardHostCall("checkTimeoutForChainRequests", [&] { checkTimeoutForChainRequests(); });
-    guardHostCall("checkTimeoutForIndependentRequests",
-                  [&] { checkTimeoutForIndependentRequests(); });
+    callHost("checkTimeoutForChainRequests", [&] { checkTimeoutForChainRequests(); });
+    callHost("checkTimeoutForIndependentRequests", [&] { checkTimeoutForIndependentRequests(); });
 }
 
 void AuthEngine::checkTimeoutForChainRequests() {
@@ -583,12 +582,11 @@ void AuthEngine::checkTimeoutForChainRequests() {
         // Called under the lock by design; a call back in that would lock again is refused.
         const CallbacksUnderLock underLock(*this);
         if (host) {
-            guardHostCall("onAuthResult",
-                          [&] { host->onAuthResult(context, context.response.result); });
+            callHost("onAuthResult", [&] { host->onAuthResult(context, context.response.result); });
         }
         if (parked.callback) {
-            guardHostCall("callback",
-                          [&] { parked.callback(context.requestId, context.response, context); });
+            callHost("callback",
+                     [&] { parked.callback(context.requestId, context.response, context); });
         }
         forgetQuestionsLocked(id);
         it = asyncContexts.erase(it);
@@ -664,7 +662,7 @@ void AuthEngine::tearDown() {
             const AsyncAuthRequest entry = std::move(requestQueue.front());
             requestQueue.pop_front();
             if (entry.callback) {
-                guardHostCall("callback", [&] {
+                callHost("callback", [&] {
                     entry.callback(entry.requestId, shutdownResponse(), AuthContext());
                 });
             }
@@ -699,7 +697,7 @@ void AuthEngine::tearDown() {
     for (const auto& entry : phases) {
         const IndependentAsyncContext& phase = entry.second;
         if (phase.callback) {
-            guardHostCall("callback", [&] {
+            callHost("callback", [&] {
                 phase.callback(phase.context.requestId, shutdownResponse(), AuthContext());
             });
         }

@@ -148,11 +148,10 @@ void AuthEngine::notifyIndependentPhase(AuthContext& context, const AuthCallback
         buildAuthTargetsForRelays(context, opened, false);
     }
     if (notifyProvider) {
-        reportToHost(context, callback);
+        reportToHost(provider().get(), context, callback);
     } else if (callback) {
-        guardHostCall("independent phase callback", [&callback, &context] {
-            callback(context.requestId, context.response, context);
-        });
+        callHost("independent phase callback",
+                 [&callback, &context] { callback(context.requestId, context.response, context); });
     }
 }
 
@@ -216,7 +215,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         context.response.openedRelays.clear();
         context.response.targets.clear();
         context.response.allFailed = 1;
-        reportToHost(context, callback);
+        reportToHost(provider().get(), context, callback);
         return;
     }
     const AuthConfig& config = *snapshot;
@@ -257,7 +256,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         context.response.failedRelays = failed;
         context.response.unlockOptionsId = optionsId;
         context.response.unlockOptionsRelays = candidates;
-        reportToHost(context, callback);
+        reportToHost(provider().get(), context, callback);
         return;
     }
 
@@ -340,7 +339,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
     }
     if (!opened.empty() || !failed.empty() || grantsTarget || context.response.result == FAILED ||
         !heldBack) {
-        reportToHost(context, callback);
+        reportToHost(provider().get(), context, callback);
     }
     if (!heldBack) {
         return;
@@ -639,10 +638,10 @@ void AuthEngine::reportPhaseFailure(const AuthContext& context, const AuthCallba
     failed.response.failedRelays = relays;
     failed.response.allFailed = 1;
     if (notifyProvider) {
-        reportToHost(failed, callback);
+        reportToHost(provider().get(), failed, callback);
     } else if (callback) {
-        guardHostCall("independent phase callback",
-                      [&] { callback(failed.requestId, failed.response, failed); });
+        callHost("independent phase callback",
+                 [&] { callback(failed.requestId, failed.response, failed); });
     }
 }
 
@@ -715,7 +714,7 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
         }
         AuthLogger::info("[AuthEngine::resumeIndependentAsync] UnlockOptions canceled, failCode=%d",
                          context.response.failCode);
-        reportToHost(context, wrapper.callback);
+        reportToHost(provider().get(), context, wrapper.callback);
         return;
     }
 
@@ -738,7 +737,7 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
             }
             context.response.targets.clear();
         }
-        reportToHost(context, wrapper.callback);
+        reportToHost(provider().get(), context, wrapper.callback);
         return;
     }
 
@@ -805,93 +804,44 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
         }
     }
 
-    if (!wrapper.relayChecks.empty()) {
-        std::map<std::string, std::vector<int>> checks = wrapper.relayChecks;
-        for (const std::string& relay : passed) {
-            popCheck(checks, relay, CHECK_ANTI_PASSBACK);
-        }
-        for (const std::string& relay : failed) {
-            checks.erase(relay);
-            context.relayFailReasons[relay] = chain::ANTI_PASSBACK;
-        }
-        std::vector<std::string> opened;
-        for (auto entry = checks.begin(); entry != checks.end();) {
-            if (entry->second.empty()) {
-                opened.push_back(entry->first);
-                entry = checks.erase(entry);
-            } else if (entry->second.front() == CHECK_ANTI_PASSBACK) {
-                failed.push_back(entry->first);
-                context.relayFailReasons[entry->first] = chain::ANTI_PASSBACK;
-                entry = checks.erase(entry);
-            } else {
-                ++entry;
-            }
-        }
-        notifyIndependentPhase(context, wrapper.callback, PHASE_ANTI_PASSBACK, opened, failed,
-                               FAIL_CODE_ANTI_PASSBACK, true);
-        std::vector<std::string> interlock;
-        std::vector<std::string> parking;
-        for (const auto& entry : checks) {
-            if (entry.second.front() == CHECK_INTERLOCK) {
-                interlock.push_back(entry.first);
-            } else {
-                parking.push_back(entry.first);
-            }
-        }
-        // Relays that need interlock and parking reach parking from the interlock resume.
-        if (!interlock.empty()) {
-            continueWithInterlock(wrapper, context, checks, parentId, interlock);
-        } else {
-            continueWithParking(wrapper, context, checks, parentId, parking);
-        }
-        return;
-    }
-
-    // Summary form: a phase parked without a check map reports everything it knows at once.
-    std::vector<std::string> passedOnly;
-    std::vector<std::string> passedAndParking;
-    const ListLookup apAndParking(wrapper.apAndParkingRelays);
+    // Every relay of the phase has its list of checks still to pass (the split made one for each).
+    std::map<std::string, std::vector<int>> checks = wrapper.relayChecks;
     for (const std::string& relay : passed) {
-        if (apAndParking.contains(relay)) {
-            passedAndParking.push_back(relay);
-        } else {
-            passedOnly.push_back(relay);
-        }
+        popCheck(checks, relay, CHECK_ANTI_PASSBACK);
     }
     for (const std::string& relay : failed) {
+        checks.erase(relay);
         context.relayFailReasons[relay] = chain::ANTI_PASSBACK;
     }
-    std::vector<std::string> parking = wrapper.parkingOnlyRelays;
-    parking.insert(parking.end(), passedAndParking.begin(), passedAndParking.end());
-    const bool immediateOpen = !passedOnly.empty();
-    const bool apSuccess = immediateOpen || !passedAndParking.empty();
-    context.asyncType = PHASE_ANTI_PASSBACK;
-    context.response.result = apSuccess ? SUCCESS : FAILED;
-    context.response.parkingPending = parking.empty() ? 0 : 1;
-    context.response.asyncType = PHASE_ANTI_PASSBACK;
-    context.response.openedRelays = passedOnly;
-    context.response.failedRelays = failed;
-    context.response.failCode = failed.empty() ? 0 : FAIL_CODE_ANTI_PASSBACK;
-    if (immediateOpen) {
-        buildAuthTargetsForRelays(context, passedOnly, true);
-    } else {
-        context.response.targets.clear();
+    std::vector<std::string> opened;
+    for (auto entry = checks.begin(); entry != checks.end();) {
+        if (entry->second.empty()) {
+            opened.push_back(entry->first);
+            entry = checks.erase(entry);
+        } else if (entry->second.front() == CHECK_ANTI_PASSBACK) {
+            failed.push_back(entry->first);
+            context.relayFailReasons[entry->first] = chain::ANTI_PASSBACK;
+            entry = checks.erase(entry);
+        } else {
+            ++entry;
+        }
     }
-    AuthLogger::info(
-        "[AuthEngine::resumeIndependentAsync] AP summary: requestId=%s, apSuccess=%d, "
-        "immediateOpen=%d, apOnlyPass=%d, apAndParkingPass=%d, parkingNeeded=%d, failRelay=%d, "
-        "successTargets=%d",
-        context.requestId.c_str(), apSuccess ? 1 : 0, immediateOpen ? 1 : 0,
-        static_cast<int>(passedOnly.size()), static_cast<int>(passedAndParking.size()),
-        static_cast<int>(parking.size()), static_cast<int>(failed.size()),
-        static_cast<int>(context.response.targets.size()));
-    reportToHost(context, wrapper.callback);
-    if (!parking.empty()) {
-        AuthContext parkingContext = context;
-        parkingContext.antiPassbackResults.clear();
-        parkingContext.antiPassbackPending = 0;
-        // The parking phase extends the anti-passback phase id.
-        continueWithParking(wrapper, parkingContext, {}, context.requestId, parking);
+    notifyIndependentPhase(context, wrapper.callback, PHASE_ANTI_PASSBACK, opened, failed,
+                           FAIL_CODE_ANTI_PASSBACK, true);
+    std::vector<std::string> interlock;
+    std::vector<std::string> parking;
+    for (const auto& entry : checks) {
+        if (entry.second.front() == CHECK_INTERLOCK) {
+            interlock.push_back(entry.first);
+        } else {
+            parking.push_back(entry.first);
+        }
+    }
+    // Relays that need interlock and parking reach parking from the interlock resume.
+    if (!interlock.empty()) {
+        continueWithInterlock(wrapper, context, checks, parentId, interlock);
+    } else {
+        continueWithParking(wrapper, context, checks, parentId, parking);
     }
 }
 
@@ -1032,7 +982,7 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
         enqueueResume(id);
     }
     for (const IndependentAsyncContext& phase : timedOut) {
-        reportToHost(phase.context, phase.callback);
+        reportToHost(provider().get(), phase.context, phase.callback);
     }
 }
 
