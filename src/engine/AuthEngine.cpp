@@ -647,14 +647,6 @@ std::size_t AuthEngine::parkedPhaseCount() {
     return independentContexts.size();
 }
 
-std::size_t AuthEngine::subRequestCount() {
-    if (refusedUnderLock("subRequestCount")) {
-        return 0;
-    }
-    std::lock_guard<std::mutex> lock(queueMutex);
-    return subRequests.size();
-}
-
 bool AuthEngine::peekParkedChain(const std::string& requestId, AsyncContext& out) {
     if (refusedUnderLock("peekParkedChain")) {
         return false;
@@ -679,86 +671,6 @@ bool AuthEngine::peekParkedPhase(const std::string& phaseId, IndependentAsyncCon
     }
     out = found->second;
     return true;
-}
-
-std::string AuthEngine::subRequestParent(const std::string& subRequestId) {
-    if (refusedUnderLock("subRequestParent")) {
-        return {};
-    }
-    std::lock_guard<std::mutex> lock(queueMutex);
-    const auto found = subRequests.find(subRequestId);
-    return found == subRequests.end() ? std::string() : found->second;
-}
-
-std::size_t AuthEngine::openQuestionCount() {
-    if (refusedUnderLock("openQuestionCount")) {
-        return 0;
-    }
-    std::lock_guard<std::mutex> lock(queueMutex);
-    return subRequests.size() + ownQuestions.size();
-}
-
-bool AuthEngine::questionOpen(const std::string& id) {
-    if (refusedUnderLock("questionOpen")) {
-        return false;
-    }
-    std::lock_guard<std::mutex> lock(queueMutex);
-    return subRequests.count(id) != 0 || ownQuestions.count(id) != 0;
-}
-
-std::size_t AuthEngine::heldAnswerCount() {
-    if (refusedUnderLock("heldAnswerCount")) {
-        return 0;
-    }
-    std::lock_guard<std::mutex> lock(queueMutex);
-    std::size_t held = 0;
-    for (const auto& entry : underConstruction) {
-        held += entry.second.size();
-    }
-    return held;
-}
-
-uint64_t AuthEngine::droppedAnswerCount() {
-    if (refusedUnderLock("droppedAnswerCount")) {
-        return 0;
-    }
-    std::lock_guard<std::mutex> lock(queueMutex);
-    return droppedAnswers;
-}
-
-bool AuthEngine::waitForIdle(int timeoutMs) {
-    if (refusedUnderLock("waitForIdle")) {
-        return false;
-    }
-    std::unique_lock<std::mutex> lock(queueMutex);
-    return idleChanged.wait_for(
-        lock, std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs),
-        [&] { return !running || (resumeQueue.empty() && requestQueue.empty() && !workerBusy); });
-}
-
-bool AuthEngine::settle(int timeoutMs) {
-    if (workerEngineOfThread == this) {
-        AuthLogger::error("[AuthEngine] waitForIdle refused: called on the engine's own worker");
-        return false;
-    }
-    if (refusedUnderLock("waitForIdle")) {
-        return false;
-    }
-    std::unique_lock<std::mutex> lock(queueMutex);
-    if (!running) {
-        return true;
-    }
-    // A pass already under way may have read the clocks before the caller moved them: only a pass
-    // that starts after this point counts.
-    const uint64_t target = passesStarted + 1;
-    lock.unlock();
-    sem_post(&queueSemaphore);
-    lock.lock();
-    return idleChanged.wait_for(
-        lock, std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs), [&] {
-            return !running || (passesCompleted >= target && resumeQueue.empty() &&
-                                requestQueue.empty() && !workerBusy);
-        });
 }
 
 }  // namespace auth_engine

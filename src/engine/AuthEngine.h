@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
-// AuthEngine: the processor registry and chain, the synchronous run, the worker thread, parked
-// chains and their resume, the independent relay phase, timeouts and reset. Private to the library;
-// tests and tools include it from src/.
+// AuthEngine: the processor registry and chain, the synchronous run (AuthEngine.cpp), the worker
+// (EngineWorker.cpp), questions and answers (EngineAnswers.cpp), parked chains, their resume,
+// timeouts and reset (AuthEngineAsync.cpp), the relay phases (AuthEngineIndependent.cpp). Private
+// to the library; tests and tools include it from src/.
 #pragma once
 
 #include <semaphore.h>
@@ -95,17 +96,21 @@ public:
     std::string generateRequestId();
     int64_t getUptimeSeconds();
 
-    // ---- worker, answers, resume (AuthEngineAsync.cpp) ----
+    // ---- the worker and its queues (EngineWorker.cpp) ----
     std::string authenticateAsync(const AuthRequest& request, const AuthCallback& callback);
     void enqueueResume(const std::string& requestId);
     static void* asyncThreadFunc(void* engine);
-    void saveAsyncContext(const std::string& requestId, const AuthContext& context,
-                          AsyncRequestType type, AuthCallback callback);
+
+    // ---- questions and answers (EngineAnswers.cpp) ----
     void registerSubRequest(const std::string& subRequestId, const std::string& parentRequestId);
     /// Caller holds queueMutex.
     void unregisterSubRequests(const std::string& parentRequestId);
     void handleAsyncResponse(const std::string& requestId, AuthResult result,
                              const AuthResponse& response, const AuthContext& contextUpdate);
+
+    // ---- parked chains and their resume (AuthEngineAsync.cpp) ----
+    void saveAsyncContext(const std::string& requestId, const AuthContext& context,
+                          AsyncRequestType type, AuthCallback callback);
     void resumeAuthentication(const std::string& requestId);
 
     // ---- timeouts and reset (AuthEngineAsync.cpp; the independent sweep in
@@ -281,6 +286,10 @@ private:
     /// True (after an error log line naming `call`) when the calling thread runs a callback this
     /// engine made while holding queueMutex: the call would wait for that lock forever.
     bool refusedUnderLock(const char* call) const;
+
+    /// One pass of the worker: waits for a post (or a second), takes one item (a resume before a
+    /// new submission), runs it, sweeps the timeouts. False once the engine stops running.
+    bool processNextItem();
 
     /// Closes the engine to new work: the gate (late answers are dropped), the intake, the ready
     /// flag; wakes the worker so that it stops after its present pass.
