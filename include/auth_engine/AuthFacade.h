@@ -120,8 +120,8 @@ public:
     /// afresh (request ids go on counting: none is issued twice).
     ///
     /// Called from host code the engine is running (a provider operation, a callback,
-    /// onAuthResult), on the worker or any other thread, the facade is uninitialised at once and the
-    /// shutdown completes once that host code has returned: the worker never joins itself and
+    /// onAuthResult), on the worker or any other thread, the facade is uninitialised at once and
+    /// the shutdown completes once that host code has returned: the worker never joins itself and
     /// nothing in use is freed.
     void reset();
 

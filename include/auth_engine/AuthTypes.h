@@ -337,6 +337,10 @@ struct AuthResponse {
     std::string unlockOptionsId;
     std::vector<std::string> relays;  ///< relays carried by a host answer
     int parkingPending = 0;
+    /// True when the attempt was made with the user's duress code (AuthConfig::duressEnabled): it
+    /// opens what the user's normal code opens, and IDataProvider::onDuress was called before this
+    /// report so that the host's alarm path runs even if the report is lost.
+    bool duress = false;
 };
 
 /// Per-request working state carried through the processor chain.
@@ -410,6 +414,24 @@ struct AuthConfig {
     std::map<ReaderType, std::map<RELAY_DIRECTION, std::vector<std::string>>> readerRelayMap;
     std::map<std::string, int> antiPassbackRelayMap;  ///< relay -> direction; 0 or absent: none
     std::map<std::string, bool> interlockRelayMap;    ///< relay -> interlocked
+    /// Guessing protection: after this many refusals for an unknown code (or card, see
+    /// guessCountsCards) within guessWindowSeconds at one reader (AuthRequest::readerType), the
+    /// attempts at that reader are refused for guessLockoutSeconds with fail::TOO_MANY_ATTEMPTS,
+    /// before any user data is looked up. 0 (the default) switches the protection off; values
+    /// above 32 count as 32. A granted attempt at the reader clears its count. A lockout that has
+    /// started runs to its end (or to a reset) even if the protection is switched off meanwhile.
+    int guessLimit = 0;
+    /// Guessing protection: the window, in seconds of uptime, in which guessLimit refusals lock
+    /// the reader out.
+    int guessWindowSeconds = 60;
+    /// Guessing protection: how long, in seconds of uptime, a reader stays locked out.
+    int guessLockoutSeconds = 60;
+    /// Guessing protection: false (the default) counts memorised codes only (PIN and DTMF open
+    /// types); true also counts unknown cards.
+    bool guessCountsCards = false;
+    /// Duress codes: true asks IDataProvider::getUserByDuressCode for a PIN or DTMF attempt whose
+    /// normal lookup found no user. False (the default) never asks.
+    bool duressEnabled = false;
 };
 
 /// The one completion callback type: (request id, response, context).

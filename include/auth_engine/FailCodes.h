@@ -31,6 +31,7 @@ constexpr int WRONG_SECOND_FACTOR = 40;       ///< a second factor of the wrong 
 constexpr int SECOND_FACTOR_OTHER_USER = 41;  ///< a second factor of another user, or of none
 constexpr int UNKNOWN_PENDING_ID = 42;        ///< no first factor waits under that id
 constexpr int RELAY_CHOICE = 44;              ///< the relay choice was cancelled or timed out
+constexpr int TOO_MANY_ATTEMPTS = 45;  ///< the reader is locked out after repeated unknown codes
 }  // namespace fail
 
 /// Fixed texts of AuthResponse::reason.
@@ -84,6 +85,7 @@ constexpr const char* VIRTUAL_DOOR_DENIED = "Virtual door access denied";
 constexpr const char* FORBIDDEN_FOR_ALL_RELAYS = "Forbidden open type for all relays";
 constexpr const char* ALL_RELAYS_LOCKED = "All relays are in lockdown";
 constexpr const char* BLE_INTERVAL = "BLE open interval";
+constexpr const char* TOO_MANY_ATTEMPTS = "Too many failed attempts";
 // Checks against other devices.
 constexpr const char* ANTI_PASSBACK_PENDING = "Anti-passback verification pending";
 constexpr const char* ANTI_PASSBACK_PENDING_UNROUTED =

@@ -189,6 +189,32 @@ public:
         (void)priority;
         return false;
     }
+
+    /// 31. Guessing protection (AuthConfig::guessLimit): `reader` has just been locked out after
+    /// `count` refusals for unknown codes; its attempts are refused until the uptime clock
+    /// (AuthClock::uptime) reaches `lockoutEndUptime`. Called once per lockout, before the report
+    /// of the refusal that started it.
+    virtual void onGuessLockout(ReaderType reader, int count, int64_t lockoutEndUptime) {
+        (void)reader;
+        (void)count;
+        (void)lockoutEndUptime;
+    }
+
+    /// 32. Duress codes (AuthConfig::duressEnabled): the user whose duress code is `code` for an
+    /// attempt of kind `openType` (a PIN or DTMF kind). Asked only when the normal lookup
+    /// (operation 2) found no user. True fills `user` and the attempt goes on exactly as with the
+    /// user's normal code, its reports carrying AuthResponse::duress. False: no duress code.
+    virtual bool getUserByDuressCode(const std::string& code, OpenDoorType openType,
+                                     UserData& user) {
+        (void)code;
+        (void)openType;
+        (void)user;
+        return false;
+    }
+
+    /// 33. A duress code was used (context.userData is its user). Called once per attempt, before
+    /// its first report, so that the host's alarm path runs even if the report is lost.
+    virtual void onDuress(const AuthContext& context) { (void)context; }
 };
 
 }  // namespace auth_engine

@@ -59,4 +59,17 @@ void adoptCommandTargets(AuthContext& context, const std::vector<AuthTarget>& ta
     context.virtualDoorExempt = true;
 }
 
+bool isMemorisedCode(OpenDoorType openType) {
+    switch (openType) {
+        case OPEN_TYPE_PIN:
+        case OPEN_TYPE_PIN_5:
+        case OPEN_TYPE_PIN_7:
+        case OPEN_TYPE_PIN_19:
+        case OPEN_TYPE_DTMF:
+            return true;
+        default:
+            return false;
+    }
+}
+
 }  // namespace auth_engine

@@ -33,4 +33,8 @@ const char* targetListRefusal(const std::vector<AuthTarget>& targets,
 /// targets the ones to actuate, and no user lookup or user-based policy applies.
 void adoptCommandTargets(AuthContext& context, const std::vector<AuthTarget>& targets);
 
+/// Whether `openType` is a memorised code (the PIN kinds and DTMF): what guessing protection counts
+/// by default and what a duress code can stand for.
+bool isMemorisedCode(OpenDoorType openType);
+
 }  // namespace auth_engine

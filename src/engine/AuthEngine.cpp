@@ -430,7 +430,14 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
         }
     }
 
-    const AuthResult result = runSnapshot(chain, context);
+    // A locked-out reader is refused before anything is looked up for the attempt.
+    const AuthResult result = guessGuard.refusesNow(request.readerType)
+                                  ? GuessGuard::refuse(context)
+                                  : runSnapshot(chain, context);
+    if (context.response.duress) {
+        // Before any report of the attempt, so that the host's alarm runs even if that is lost.
+        callHost("onDuress", [&] { host->onDuress(context); });
+    }
 
     // Reader default relays (informational): direction 2 is deliberately preferred over 1.
     if (context.readerRelays.empty()) {

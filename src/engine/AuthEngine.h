@@ -26,6 +26,7 @@
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
 #include "common/HostQuestions.h"
+#include "engine/GuessGuard.h"
 
 namespace auth_engine {
 
@@ -172,6 +173,10 @@ public:
     /// Answers dropped since the engine was made: unknown ids, repeats, answers to questions that
     /// were never asked or whose request had already ended.
     uint64_t droppedAnswerCount();
+    /// Whether guessing protection holds `reader` locked out now.
+    bool readerLockedOut(int32_t reader) const { return guessGuard.refusesNow(reader); }
+    /// Readers guessing protection tracks (never more than GuessGuard::READER_SLOTS).
+    std::size_t guessReaderCount() const { return guessGuard.trackedReaders(); }
     /// True once both queues are empty and the worker waits after a whole pass (or no worker runs).
     bool waitForIdle(int timeoutMs);
     /// Wakes the worker for one more pass (its timeout sweep reads the clocks as they are now) and
@@ -415,6 +420,9 @@ private:
     /// or the head changes, so that a decision takes its chain with one reference count instead of
     /// walking and counting every link. Null when there is no chain.
     std::shared_ptr<const std::vector<std::shared_ptr<IAuthProcessor>>> chainWalk;
+    /// Counts unknown codes per reader and holds lockouts (AuthConfig::guessLimit); reset clears
+    /// it.
+    GuessGuard guessGuard;
     /// Guards chainHead, chainWalk, processors, dataProvider and every processor's `next` link: a
     /// chain walk collects the processors to run under it, then runs them without it.
     mutable std::mutex chainMutex;

@@ -273,6 +273,7 @@ void AuthEngine::completeShutdown() {
 }
 
 void AuthEngine::tearDown() {
+    guessGuard.clear();
     std::map<std::string, IndependentAsyncContext> phases;
     std::map<std::string, AsyncContext> chains;
     {

@@ -251,7 +251,9 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         }
 
         context.asyncType = PHASE_SYNC;
+        const bool duress = context.response.duress;
         context.response = phaseResponse(PHASE_SYNC);
+        context.response.duress = duress;
         context.response.result = UNLOCK_OPTIONS_PENDING;
         context.response.failedRelays = failed;
         context.response.unlockOptionsId = optionsId;
@@ -337,6 +339,8 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         // A passed request always hears back once, even when nothing was left to open.
         context.response.result = SUCCESS;
     }
+    // The attempt's verdict is final here: the guessing protection counts or clears the reader.
+    guessGuard.noteVerdict(context, config, [this] { return provider(); });
     if (!opened.empty() || !failed.empty() || grantsTarget || context.response.result == FAILED ||
         !heldBack) {
         reportToHost(provider().get(), context, callback);

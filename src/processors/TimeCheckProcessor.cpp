@@ -259,13 +259,11 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
         const std::string ownerKey = relayKeyOwner(idTexts, context.relays);
         // Every relay is governed by every id: the last relay takes the list itself.
         context.relayScheduleMap.clear();
-        for (std::size_t i = 0; i < context.relays.size(); ++i) {
-            std::vector<std::string>& governing = context.relayScheduleMap[context.relays[i]];
-            if (i + 1 < context.relays.size()) {
-                governing = idTexts;
-            } else {
-                governing = std::move(idTexts);
+        if (!context.relays.empty()) {
+            for (std::size_t i = 0; i + 1 < context.relays.size(); ++i) {
+                context.relayScheduleMap[context.relays[i]] = idTexts;
             }
+            context.relayScheduleMap[context.relays.back()] = std::move(idTexts);
         }
         return checkRelaySchedules(context, provider, ownerKey, 0, now);
     }

@@ -114,6 +114,20 @@ AuthResult UserLookupProcessor::process(AuthContext& context, IDataProvider& pro
     }
 
     const AuthConfig config = provider.getAuthConfig();
+    if (config.duressEnabled && isMemorisedCode(request.openType)) {
+        UserData duressUser;
+        if (provider.getUserByDuressCode(request.credential, request.openType, duressUser)) {
+            // From here on the attempt is the user's own: it opens what the normal code would.
+            // The code itself is never logged.
+            context.userData = std::make_shared<UserData>(duressUser);
+            context.response.user = context.userData;
+            context.response.duress = true;
+            AuthLogger::info("[UserLookupProcessor:%d] duress, user=%s, result=%s", __LINE__,
+                             context.userData->userId.c_str(),
+                             AuthLogger::authResultToString(CONTINUE));
+            return CONTINUE;
+        }
+    }
     const bool doubleAuthOn =
         config.doubleAuthEnabled && config.doubleAuthMode != DOUBLE_AUTH_MODE_OFF;
     if (doubleAuthOn && mayBeDoubleAuthFactor(request.openType)) {

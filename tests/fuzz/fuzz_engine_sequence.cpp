@@ -11,7 +11,9 @@
 // anti-passback, interlock or parking answer did not pass, and a refusal carries nothing to
 // actuate. No id is issued twice; no phase is reported twice; every accepted request hears back
 // unless it ended silently by design. Once the clocks have been moved far ahead and swept, nothing
-// may be left parked, registered or held.
+// may be left parked, registered or held. With guessing protection on, nothing opens at a reader
+// while it is locked out, and the guard's table never outgrows its fixed size whatever is typed;
+// with duress codes on, a duress code decides exactly as the user's own code does.
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
@@ -30,6 +32,7 @@
 #include "FuzzInput.h"
 #include "FuzzValues.h"
 #include "auth_engine/AuthLogger.h"
+#include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 #include "support/CallbackRecorder.h"
 #include "support/FakeDataProvider.h"
@@ -154,7 +157,9 @@ const std::vector<std::string>& faultyOperations() {
                                                   "requestTempKey",       "getTempKeyUser",
                                                   "requestAntiPassback",  "requestInterlock",
                                                   "requestParking",       "onAuthResult",
-                                                  "checkBleOpenInterval", "callback"};
+                                                  "checkBleOpenInterval", "callback",
+                                                  "getUserByDuressCode",  "onDuress",
+                                                  "onGuessLockout"};
     return list;
 }
 
@@ -185,6 +190,9 @@ public:
         for (int step = 0; step < kMaxOperations && !in.empty(); ++step) {
             operate();
             FUZZ_CHECK(engine->waitForIdle(kIdleWaitMs), "engine did not become idle");
+            FUZZ_CHECK(engine->guessReaderCount() <= GuessGuard::READER_SLOTS,
+                       "guessing protection tracks " + std::to_string(engine->guessReaderCount()) +
+                           " readers");
             collectIds();
         }
         drain();
@@ -363,6 +371,20 @@ private:
             fault.throws = in.flag();
             faults.push_back(fault);
         }
+        // Guessing protection on in most runs, with small limits so that lockouts happen; duress
+        // codes "d0".."d3" stand for the users of cards "c0".."c3".
+        if (in.range(0, 3) != 0) {
+            config.guessLimit = in.range(1, 4);
+            config.guessWindowSeconds = in.range(0, 60);
+            config.guessLockoutSeconds = in.range(0, 60);
+            config.guessCountsCards = in.flag();
+        }
+        config.duressEnabled = in.flag();
+        for (int i = 0; i < 4; ++i) {
+            provider->duressCodes["d" + std::to_string(i)] =
+                provider->users["c" + std::to_string(i)];
+        }
+
         reentrantRequest = requestFrom();
         junkAnswerId = "req_" + std::to_string(in.range(0, 9)) + "_1736942400" +
                        in.pick(std::vector<std::string>{"", "_ind_antipassback_ap_1",
@@ -384,6 +406,7 @@ private:
                 }
             }
         }
+        faultsFired += static_cast<int>(due.size());
         for (const HostFault& fault : due) {
             // A completion callback or a report may run under the engine's lock, where it cannot
             // be asked what is parked.
@@ -703,7 +726,14 @@ private:
             case OPEN_TYPE_PIN_5:
             case OPEN_TYPE_PIN_7:
             case OPEN_TYPE_PIN_19:
-                return in.flag() ? "p0" : "l0";
+                switch (in.range(0, 3)) {
+                    case 0:
+                        return "p0";
+                    case 1:
+                        return "l0";
+                    default:
+                        return "d" + std::to_string(in.range(0, 3));
+                }
             default:
                 return cardFrom();
         }
@@ -787,9 +817,17 @@ private:
         switch (in.range(0, 13)) {
             case 0:
             case 1: {  // synchronous attempt without id: nothing of it may be parked
-                checkRefusalCarriesNothing(
-                    engine->authenticate(requestFrom(), AuthCallback(), std::string()),
-                    "returned response");
+                const AuthRequest request = requestFrom();
+                const int resetsBefore = resets;
+                const bool lockedOut = engine->readerLockedOut(request.readerType);
+                const AuthResponse response =
+                    engine->authenticate(request, AuthCallback(), std::string());
+                checkRefusalCarriesNothing(response, "returned response");
+                // Only a reset clears a lockout, and only the harness moves the clocks.
+                FUZZ_CHECK(!lockedOut || resets != resetsBefore || response.result != SUCCESS,
+                           "reader " + std::to_string(request.readerType) +
+                               " opened while locked out: " + joinForDetail(response.openedRelays));
+                checkDuressLikeOwnCode(request, response, resetsBefore);
                 break;
             }
             case 2: {  // synchronous attempt with an id and a callback, as the worker makes it
@@ -912,6 +950,43 @@ private:
                 break;
             }
         }
+    }
+
+    /// A duress code decides as the user's own code does: the same attempt with the card of the
+    /// same user, made right after, must end alike. Skipped where the two cannot be compared:
+    /// double authentication (the first attempt changes what the second completes), a reset or a
+    /// host fault during either.
+    void checkDuressLikeOwnCode(const AuthRequest& request, const AuthResponse& duress,
+                                int resetsBefore) {
+        const std::string& code = request.credential;
+        if (!provider->config.duressEnabled || code.size() != 2 || code[0] != 'd' ||
+            provider->config.doubleAuthEnabled || !isMemorisedCode(request.openType)) {
+            return;
+        }
+        const int faultsBefore = faultsFired;
+        AuthRequest own = request;
+        own.credential = "c" + code.substr(1);
+        const AuthResponse plain = engine->authenticate(own, AuthCallback(), std::string());
+        checkRefusalCarriesNothing(plain, "returned response");
+        if (resets != resetsBefore || faultsFired != faultsBefore) {
+            return;
+        }
+        const std::string what = "duress " + code + " result " + std::to_string(duress.result) +
+                                 " opened " + joinForDetail(duress.openedRelays) +
+                                 ", own code result " + std::to_string(plain.result) + " opened " +
+                                 joinForDetail(plain.openedRelays);
+        FUZZ_CHECK(duress.result == plain.result && duress.failCode == plain.failCode, what);
+        FUZZ_CHECK(
+            sortedCopy(duress.openedRelays) == sortedCopy(plain.openedRelays) &&
+                sortedCopy(duress.unlockOptionsRelays) == sortedCopy(plain.unlockOptionsRelays),
+            what);
+        FUZZ_CHECK(!plain.duress && (duress.duress || duress.failCode == 45 || !duress.user),
+                   what + ": duress flag");
+    }
+
+    static Relays sortedCopy(Relays relays) {
+        std::sort(relays.begin(), relays.end());
+        return relays;
     }
 
     void addRoot(const std::string& id) {
@@ -1123,6 +1198,7 @@ private:
     std::vector<std::string> accepted;
     std::set<std::string> silent;
     std::atomic<int> resets{0};
+    std::atomic<int> faultsFired{0};
     AuthRequest reentrantRequest;
     std::string junkAnswerId;
 

@@ -458,5 +458,43 @@ bool FakeDataProvider::getReaderPriority(std::vector<ReaderType>& priority) {
     return true;
 }
 
+void FakeDataProvider::onGuessLockout(ReaderType reader, int count, int64_t lockoutEndUptime) {
+    beginCall("onGuessLockout");
+    std::lock_guard<std::mutex> guard(mutex);
+    enterLocked("onGuessLockout");
+    lockoutLog.push_back(Lockout{reader, count, lockoutEndUptime});
+}
+
+bool FakeDataProvider::getUserByDuressCode(const std::string& code, OpenDoorType openType,
+                                           UserData& user) {
+    (void)openType;
+    beginCall("getUserByDuressCode");
+    std::lock_guard<std::mutex> guard(mutex);
+    enterLocked("getUserByDuressCode");
+    const auto found = duressCodes.find(code);
+    if (found == duressCodes.end()) {
+        return false;
+    }
+    user = found->second;
+    return true;
+}
+
+void FakeDataProvider::onDuress(const AuthContext& context) {
+    beginCall("onDuress");
+    std::lock_guard<std::mutex> guard(mutex);
+    enterLocked("onDuress");
+    duressLog.push_back(context);
+}
+
+std::vector<FakeDataProvider::Lockout> FakeDataProvider::lockouts() {
+    std::lock_guard<std::mutex> guard(mutex);
+    return lockoutLog;
+}
+
+std::vector<AuthContext> FakeDataProvider::duressAlarms() {
+    std::lock_guard<std::mutex> guard(mutex);
+    return duressLog;
+}
+
 }  // namespace testing
 }  // namespace auth_engine

@@ -77,8 +77,16 @@ public:
     std::set<std::string>
         offlineRelays;  ///< anti-passback and interlock questions for these fail to send
     bool parkingOffline = false;
-    std::vector<ReaderType> readerPriority;  ///< empty: getReaderPriority answers false
-    std::set<std::string> throwFrom;         ///< operation names that throw std::runtime_error
+    std::vector<ReaderType> readerPriority;       ///< empty: getReaderPriority answers false
+    std::set<std::string> throwFrom;              ///< operation names that throw std::runtime_error
+    std::map<std::string, UserData> duressCodes;  ///< duress code -> user
+
+    /// One onGuessLockout call.
+    struct Lockout {
+        ReaderType reader = READER_TYPE_INTERNAL;
+        int count = 0;
+        int64_t end = 0;
+    };
 
     /// Runs at the start of every operation, without the fake's lock, with the operation's name:
     /// it may throw, change the scripted data (under lock()) or call into the engine.
@@ -98,6 +106,9 @@ public:
     std::vector<std::string> ownerKeysAsked();
     std::vector<Question> questions();
     std::vector<Report> reports();
+    std::vector<Lockout> lockouts();
+    /// The contexts onDuress was called with.
+    std::vector<AuthContext> duressAlarms();
     std::size_t reportCount();
     /// Waits until at least `count` reports arrived; false on timeout.
     bool waitForReports(std::size_t count, int timeoutMs = 5000);
@@ -150,6 +161,10 @@ public:
                                AuthCallback callback) override;
     void onAuthResult(const AuthContext& context, const AuthResult& result) override;
     bool getReaderPriority(std::vector<ReaderType>& priority) override;
+    void onGuessLockout(ReaderType reader, int count, int64_t lockoutEndUptime) override;
+    bool getUserByDuressCode(const std::string& code, OpenDoorType openType,
+                             UserData& user) override;
+    void onDuress(const AuthContext& context) override;
 
 private:
     // Records the call and throws when the operation is listed in throwFrom. Caller holds `mutex`.
@@ -164,6 +179,8 @@ private:
     std::vector<std::string> ownerKeys;
     std::vector<Question> asked;
     std::vector<Report> reported;
+    std::vector<Lockout> lockoutLog;
+    std::vector<AuthContext> duressLog;
     int handleCounter = 0;
 };
 

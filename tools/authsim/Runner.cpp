@@ -66,6 +66,9 @@ std::string summary(const AuthResponse& r) {
             line += " target=" + target.relay;
         }
     }
+    if (r.duress) {
+        line += " duress";
+    }
     return line;
 }
 
@@ -91,6 +94,9 @@ void addReport(nlohmann::ordered_json& line, const AuthResponse& r) {
     line["targets"] = targets;
     line["remoteFailCode"] = r.remoteFailCode;
     line["allFailed"] = r.allFailed;
+    if (r.duress) {
+        line["duress"] = true;
+    }
 }
 
 // The differences between an expected and an actual report, one text per field.
@@ -129,6 +135,10 @@ std::vector<std::string> compare(const Expectation& e, const AuthResponse& r) {
     text("pendingId", e.pendingId, r.doubleAuthPendingId);
     list("targets", e.targets, targetRelays(r));
     number("remoteFailCode", e.remoteFailCode, r.remoteFailCode, plain);
+    if (e.duress && *e.duress != r.duress) {
+        diffs.push_back(std::string("duress: expected ") + (*e.duress ? "true" : "false") +
+                        ", got " + (r.duress ? "true" : "false"));
+    }
     return diffs;
 }
 

@@ -231,6 +231,9 @@ Expectation readExpectation(const json& value, const std::string& path) {
     }
     number("failCode", expectation.failCode);
     number("remoteFailCode", expectation.remoteFailCode);
+    if (value.contains("duress")) {
+        expectation.duress = value["duress"].get<bool>();
+    }
     list("opened", expectation.opened);
     list("failed", expectation.failed);
     list("offered", expectation.offered);

@@ -31,6 +31,7 @@ struct Expectation {
     std::string path;     ///< where it was written, for messages
     std::optional<std::string> phase, reason, user, pendingId;
     std::optional<int> result, failCode, remoteFailCode;
+    std::optional<bool> duress;
     std::optional<std::vector<std::string>> opened, failed, offered, targets;
 };
 

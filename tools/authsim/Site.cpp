@@ -85,7 +85,9 @@ void readConfig(AuthConfig& config, const json& value, const std::string& path) 
         {"holidayEnabled", &AuthConfig::holidayEnabled},
         {"virtualDoorEnabled", &AuthConfig::virtualDoorEnabled},
         {"cloudVirtualDoorConfigured", &AuthConfig::cloudVirtualDoorConfigured},
-        {"unlockOptionsEnabled", &AuthConfig::unlockOptionsEnabled}};
+        {"unlockOptionsEnabled", &AuthConfig::unlockOptionsEnabled},
+        {"guessCountsCards", &AuthConfig::guessCountsCards},
+        {"duressEnabled", &AuthConfig::duressEnabled}};
     const std::map<std::string, int AuthConfig::*> numbers = {
         {"virtualDoorMode", &AuthConfig::virtualDoorMode},
         {"antiPassbackTimeout", &AuthConfig::antiPassbackTimeout},
@@ -93,7 +95,10 @@ void readConfig(AuthConfig& config, const json& value, const std::string& path) 
         {"interlockRetryLimit", &AuthConfig::interlockRetryLimit},
         {"parkingTimeout", &AuthConfig::parkingTimeout},
         {"doubleAuthTimeoutSec", &AuthConfig::doubleAuthTimeoutSec},
-        {"tempKeyTimeout", &AuthConfig::tempKeyTimeout}};
+        {"tempKeyTimeout", &AuthConfig::tempKeyTimeout},
+        {"guessLimit", &AuthConfig::guessLimit},
+        {"guessWindowSeconds", &AuthConfig::guessWindowSeconds},
+        {"guessLockoutSeconds", &AuthConfig::guessLockoutSeconds}};
     forEachMember(
         value, path, [&](const std::string& key, const json& member, const std::string& at) {
             if (flags.count(key) != 0) {

@@ -45,7 +45,7 @@ struct Plate {
 
 struct SiteUser {
     auth_engine::UserData data;
-    /// kind ("card", "pin", "face", "ble", "qr", "phone", "remote") -> credentials
+    /// kind ("card", "pin", "face", "ble", "qr", "phone", "remote", "duress") -> credentials
     std::map<std::string, std::vector<std::string>> credentials;
     std::vector<Plate> plates;
 };

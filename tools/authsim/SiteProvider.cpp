@@ -510,4 +510,30 @@ bool SiteProvider::getReaderPriority(std::vector<ReaderType>& priority) {
     return !priority.empty();
 }
 
+void SiteProvider::onGuessLockout(ReaderType reader, int count, int64_t lockoutEndUptime) {
+    if (listener.note) {
+        listener.note("! reader " + readerName(reader) + " locked out after " +
+                      std::to_string(count) + " unknown codes, until uptime " +
+                      std::to_string(lockoutEndUptime));
+    }
+}
+
+bool SiteProvider::getUserByDuressCode(const std::string& code, OpenDoorType openType,
+                                       UserData& user) {
+    (void)openType;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (const SiteUser* found = userWith("duress", code)) {
+        user = found->data;
+        return true;
+    }
+    return false;
+}
+
+void SiteProvider::onDuress(const AuthContext& context) {
+    if (listener.note) {
+        listener.note("! duress alarm, user " +
+                      (context.userData ? context.userData->userId : std::string("?")));
+    }
+}
+
 }  // namespace authsim

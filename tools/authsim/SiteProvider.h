@@ -119,6 +119,11 @@ public:
     void onAuthResult(const auth_engine::AuthContext& context,
                       const auth_engine::AuthResult& result) override;
     bool getReaderPriority(std::vector<auth_engine::ReaderType>& priority) override;
+    void onGuessLockout(auth_engine::ReaderType reader, int count,
+                        int64_t lockoutEndUptime) override;
+    bool getUserByDuressCode(const std::string& code, auth_engine::OpenDoorType openType,
+                             auth_engine::UserData& user) override;
+    void onDuress(const auth_engine::AuthContext& context) override;
 
 private:
     using Clock = std::chrono::steady_clock;

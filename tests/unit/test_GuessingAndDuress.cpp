@@ -1,0 +1,250 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
+
+// Guessing protection (lockout of a reader after repeated unknown codes) and duress codes, through
+// the default chain on the fake host, and the guard's fixed table on its own.
+#include <algorithm>
+#include <string>
+
+#include "auth_engine/FailCodes.h"
+#include "engine/GuessGuard.h"
+#include "support/EngineHarness.h"
+#include "support/LogCapture.h"
+
+namespace auth_engine {
+namespace testing {
+namespace {
+
+// ---- the guard on its own ----
+
+AuthContext refused(OpenDoorType type, int failCode, const char* reason) {
+    AuthContext context;
+    context.request.openType = type;
+    context.response.result = FAILED;
+    context.response.failCode = failCode;
+    context.response.reason = reason;
+    return context;
+}
+
+TEST(GuessGuard, OnlyUnknownCodesOfTheChosenKindsCount) {
+    struct Case {
+        OpenDoorType type;
+        int failCode;
+        const char* reason;
+        bool cards;
+        bool counts;
+    };
+    const Case cases[] = {
+        {OPEN_TYPE_PIN, fail::GENERIC, reasons::USER_NOT_FOUND, false, true},
+        {OPEN_TYPE_PIN_19, fail::GENERIC, reasons::USER_NOT_FOUND, false, true},
+        {OPEN_TYPE_DTMF, fail::GENERIC, reasons::DTMF_CODE_INVALID, false, true},
+        {OPEN_TYPE_PIN, fail::WRONG_SECOND_FACTOR, "", false, true},
+        {OPEN_TYPE_PIN_5, fail::SECOND_FACTOR_OTHER_USER, "", false, true},
+        {OPEN_TYPE_CARD, fail::GENERIC, reasons::USER_NOT_FOUND, false, false},
+        {OPEN_TYPE_CARD_6, fail::GENERIC, reasons::USER_NOT_FOUND, true, true},
+        {OPEN_TYPE_FACE, fail::GENERIC, reasons::USER_NOT_FOUND, true, false},
+        {OPEN_TYPE_PIN, fail::SCHEDULE, reasons::NOT_IN_SCHEDULE, true, false},
+        {OPEN_TYPE_PIN, fail::LOCKDOWN, reasons::ALL_RELAYS_LOCKED, true, false},
+        {OPEN_TYPE_PIN, fail::ANTI_PASSBACK, reasons::ANTI_PASSBACK_OFFLINE, true, false},
+        {OPEN_TYPE_DTMF, fail::GENERIC, reasons::DTMF_NOT_WHITELISTED, true, false},
+        {OPEN_TYPE_PIN, fail::TOO_MANY_ATTEMPTS, reasons::TOO_MANY_ATTEMPTS, true, false},
+    };
+    for (const Case& c : cases) {
+        AuthConfig config;
+        config.guessLimit = 3;
+        config.guessCountsCards = c.cards;
+        EXPECT_EQ(GuessGuard::counts(refused(c.type, c.failCode, c.reason), config), c.counts)
+            << c.type << " " << c.failCode << " " << c.reason;
+        config.guessLimit = 0;
+        EXPECT_FALSE(GuessGuard::counts(refused(c.type, c.failCode, c.reason), config));
+    }
+}
+
+TEST(GuessGuard, LimitWithinTheWindowLocksOneReaderForTheLockout) {
+    AuthConfig config;
+    config.guessLimit = 3;
+    config.guessWindowSeconds = 10;
+    config.guessLockoutSeconds = 30;
+    GuessGuard guard;
+    // Spread wider than the window: never three inside it.
+    for (int64_t t : {0, 6, 12, 18}) {
+        EXPECT_FALSE(guard.recordRefusal(READER_TYPE_INTERNAL, config, t).lockoutStarted) << t;
+    }
+    const GuessGuard::Outcome third = guard.recordRefusal(READER_TYPE_INTERNAL, config, 19);
+    EXPECT_TRUE(third.lockoutStarted);
+    EXPECT_EQ(third.count, 3);
+    EXPECT_EQ(third.lockoutEnd, 49);
+    EXPECT_TRUE(guard.refuses(READER_TYPE_INTERNAL, 48));
+    EXPECT_FALSE(guard.refuses(READER_TYPE_INTERNAL, 49));
+    EXPECT_FALSE(guard.refuses(READER_TYPE_EXTERNAL_1, 20));
+
+    // A grant starts the count again; clear forgets the lockout.
+    guard.recordRefusal(READER_TYPE_EXTERNAL_1, config, 50);
+    guard.recordRefusal(READER_TYPE_EXTERNAL_1, config, 51);
+    guard.recordGrant(READER_TYPE_EXTERNAL_1);
+    EXPECT_FALSE(guard.recordRefusal(READER_TYPE_EXTERNAL_1, config, 52).lockoutStarted);
+    guard.recordRefusal(READER_TYPE_INTERNAL, config, 60);
+    guard.recordRefusal(READER_TYPE_INTERNAL, config, 60);
+    EXPECT_TRUE(guard.recordRefusal(READER_TYPE_INTERNAL, config, 60).lockoutStarted);
+    guard.clear();
+    EXPECT_FALSE(guard.refuses(READER_TYPE_INTERNAL, 61));
+    EXPECT_EQ(guard.trackedReaders(), 0U);
+}
+
+// A million distinct wrong codes over a thousand reader values: the table never grows, and a
+// reader locked out is not pushed out to make room.
+TEST(GuessGuard, TableStaysFixedUnderAMillionDistinctWrongCodes) {
+    AuthConfig config;
+    config.guessLimit = 5;
+    config.guessWindowSeconds = 1000000;
+    config.guessLockoutSeconds = 1000000;
+    GuessGuard guard;
+    for (int i = 0; i < 4; ++i) {
+        guard.recordRefusal(READER_TYPE_INTERNAL, config, 0);
+    }
+    ASSERT_TRUE(guard.recordRefusal(READER_TYPE_INTERNAL, config, 0).lockoutStarted);
+    AuthContext attempt = refused(OPEN_TYPE_PIN, fail::GENERIC, reasons::USER_NOT_FOUND);
+    for (int i = 0; i < 1000000; ++i) {
+        attempt.request.credential = std::to_string(i);
+        attempt.request.readerType = static_cast<ReaderType>(1 + i % 1000);
+        guard.noteVerdict(attempt, config);
+    }
+    EXPECT_EQ(guard.trackedReaders(), GuessGuard::READER_SLOTS);
+    EXPECT_TRUE(guard.refuses(READER_TYPE_INTERNAL, 1));
+}
+
+// ---- through the engine ----
+
+// A resident (PIN 4711, duress code 9911, card C1) whose schedule opens doors 1 and 2 all day.
+class Guessing : public EngineTest {
+protected:
+    void SetUp() override {
+        UserData resident;
+        resident.userId = "res-1";
+        resident.scheduleRelay = "7-12";
+        host->users["4711"] = resident;
+        host->users["C1"] = resident;
+        host->duressCodes["9911"] = resident;
+        host->schedules = {std::make_shared<ScheduleData>(
+            ScheduleData{7, 1, "7", "all day", "00:00:00", "23:59:59", "", "", "", "", false})};
+        host->config.guessWindowSeconds = 60;
+        host->config.guessLockoutSeconds = 30;
+        EngineTest::SetUp();
+    }
+
+    AuthResponse attempt(const std::string& code, OpenDoorType type = OPEN_TYPE_PIN,
+                         ReaderType reader = READER_TYPE_INTERNAL) {
+        return run("", makeRequest(code, type, reader));
+    }
+    void guessWrong(int times, OpenDoorType type = OPEN_TYPE_PIN) {
+        for (int i = 0; i < times; ++i) {
+            EXPECT_EQ(attempt("0" + std::to_string(i), type).failCode, fail::GENERIC);
+        }
+    }
+};
+
+TEST_F(Guessing, LockoutRefusesBeforeLookupThenEnds) {
+    configure([](FakeDataProvider& h) { h.config.guessLimit = 3; });
+    guessWrong(3);
+    ASSERT_EQ(host->lockouts().size(), 1U);
+    EXPECT_EQ(host->lockouts()[0].reader, READER_TYPE_INTERNAL);
+    EXPECT_EQ(host->lockouts()[0].count, 3);
+    EXPECT_EQ(host->lockouts()[0].end, clock.up() + 30);
+
+    host->clearLog();
+    expectFailed(attempt("4711"), fail::TOO_MANY_ATTEMPTS, "Too many failed attempts");
+    expectFailed(attempt("C1", OPEN_TYPE_CARD), fail::TOO_MANY_ATTEMPTS,
+                 "Too many failed attempts");
+    EXPECT_EQ(host->callCount("getUserByCredential"), 0);
+    EXPECT_EQ(host->callCount("onAuthResult"), 2);
+    EXPECT_EQ(attempt("4711", OPEN_TYPE_PIN, READER_TYPE_EXTERNAL_1).result, SUCCESS);
+
+    clock.advance(29);
+    EXPECT_EQ(attempt("4711").failCode, fail::TOO_MANY_ATTEMPTS);
+    clock.advance(1);
+    EXPECT_EQ(attempt("4711").result, SUCCESS);
+    EXPECT_EQ(host->lockouts().size(), 1U);
+}
+
+TEST_F(Guessing, OnlyUnknownCodesCountAndAGrantClears) {
+    configure([](FakeDataProvider& h) {
+        h.config.guessLimit = 3;
+        h.lockedDownRelays = {"1", "2"};
+    });
+    // Lockdown refusals and unknown cards do not count.
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(attempt("4711").failCode, fail::LOCKDOWN);
+    }
+    guessWrong(5, OPEN_TYPE_CARD);
+    configure([](FakeDataProvider& h) { h.lockedDownRelays.clear(); });
+    guessWrong(2);
+    EXPECT_EQ(attempt("4711").result, SUCCESS);
+    guessWrong(2);
+    EXPECT_TRUE(host->lockouts().empty());
+
+    // With cards counted, an unknown card adds to the two unknown PINs since the grant.
+    configure([](FakeDataProvider& h) { h.config.guessCountsCards = true; });
+    guessWrong(1, OPEN_TYPE_CARD);
+    EXPECT_EQ(host->lockouts().size(), 1U);
+}
+
+TEST_F(Guessing, ResetClearsTheLockout) {
+    configure([](FakeDataProvider& h) { h.config.guessLimit = 2; });
+    guessWrong(2);
+    EXPECT_EQ(attempt("4711").failCode, fail::TOO_MANY_ATTEMPTS);
+    engine.reset();
+    ASSERT_TRUE(start());
+    EXPECT_EQ(attempt("4711").result, SUCCESS);
+}
+
+TEST_F(Guessing, SwitchedOffTheHostHearsNothingNew) {
+    guessWrong(50);
+    expectFailed(attempt("9911"), fail::GENERIC, "User not found");
+    EXPECT_EQ(attempt("4711").result, SUCCESS);
+    for (const char* call : {"onGuessLockout", "getUserByDuressCode", "onDuress"}) {
+        EXPECT_EQ(host->callCount(call), 0) << call;
+    }
+}
+
+TEST_F(Guessing, DuressOpensWhatTheCodeOpensAndAlarmsFirst) {
+    configure([](FakeDataProvider& h) { h.config.duressEnabled = true; });
+    const AuthResponse normal = attempt("4711");
+    host->clearLog();
+    const AuthResponse duress = attempt("9911");
+    EXPECT_EQ(duress.result, normal.result);
+    EXPECT_EQ(duress.openedRelays, normal.openedRelays);
+    EXPECT_TRUE(duress.duress);
+    EXPECT_FALSE(normal.duress);
+    const std::vector<std::string> calls = host->calls();
+    const auto alarm = std::find(calls.begin(), calls.end(), "onDuress");
+    EXPECT_LT(alarm - calls.begin(),
+              std::find(calls.begin(), calls.end(), "onAuthResult") - calls.begin());
+    ASSERT_EQ(host->duressAlarms().size(), 1U);
+    EXPECT_EQ(host->duressAlarms()[0].userData->userId, "res-1");
+    EXPECT_TRUE(host->reports().back().context.response.duress);
+
+    // Refused for a reason of the user's (lockdown): refused under duress too, still alarming.
+    configure([](FakeDataProvider& h) { h.lockedDownRelays = {"1", "2"}; });
+    EXPECT_EQ(attempt("4711").failCode, fail::LOCKDOWN);
+    const AuthResponse held = attempt("9911");
+    EXPECT_EQ(held.failCode, fail::LOCKDOWN);
+    EXPECT_TRUE(held.duress);
+    EXPECT_EQ(host->duressAlarms().size(), 2U);
+}
+
+TEST_F(Guessing, DuressCodeNeverReachesTheLog) {
+    configure([](FakeDataProvider& h) {
+        h.config.duressEnabled = true;
+        h.config.guessLimit = 1;
+    });
+    LogCapture log;
+    EXPECT_TRUE(attempt("9911").duress);
+    guessWrong(1);
+    EXPECT_EQ(attempt("9911").failCode, fail::TOO_MANY_ATTEMPTS);
+    EXPECT_TRUE(log.contains("locked out"));
+    EXPECT_FALSE(log.contains("9911"));
+}
+
+}  // namespace
+}  // namespace testing
+}  // namespace auth_engine
