@@ -11,5 +11,6 @@
 #include "auth_engine/AuthTypes.h"
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
+#include "auth_engine/Trace.h"
 #include "auth_engine/export.h"
 #include "auth_engine/version.h"
