@@ -24,15 +24,17 @@
 /// code 23.
 ///
 /// The questions are answered under these ids, also through AuthFacade::handleAsyncResult: a
-/// temporary key (19) and a parking check of the chain (28) under the request id; an anti-passback
-/// (26) or interlock (27) question under the asking context's requestId + "_ap_" or "_il_" + the
-/// relay; the relay phases run under the request id + "_ind_" + the phase ("antipassback",
-/// "interlock", "parking", "unlock_options"), so a parking check of a phase is answered under that.
+/// temporary key (19) and a parking check (28) under the asking context's requestId; an
+/// anti-passback (26) or interlock (27) question under antiPassbackQuestionId or
+/// interlockQuestionId of that requestId and the relay. The relay phases run under relayPhaseId of
+/// the request id and the phase ("antipassback", "interlock", "parking", "unlock_options"), which
+/// is then the asking context's requestId: a parking check of a phase is answered under that.
 ///
 /// Host code may call back into the engine: reset from inside an operation or a callback completes
-/// once that code has returned. Completion callbacks and onAuthResult may run while the engine holds
-/// its lock (a timed-out parked chain, the shutdown drain): a facade call from there that would
-/// wait for that lock is refused at once (see AuthFacade.h); hand such work to another thread.
+/// once that code has returned. Completion callbacks and onAuthResult may run while the engine
+/// holds its lock (a timed-out parked chain, the shutdown drain): a facade call from there that
+/// would wait for that lock is refused at once (see AuthFacade.h); hand such work to another
+/// thread.
 ///
 /// The order of the operations is part of the binary contract with the host; never reorder them.
 #pragma once
@@ -42,8 +44,19 @@
 #include <vector>
 
 #include "auth_engine/AuthTypes.h"
+#include "auth_engine/export.h"
 
 namespace auth_engine {
+
+/// The id an anti-passback question about `relay` is answered under, when asked for a request or
+/// phase running under `requestId`: requestId + "_ap_" + relay.
+AUTH_ENGINE_API std::string antiPassbackQuestionId(const std::string& requestId,
+                                                   const std::string& relay);
+/// The same for an interlock question: requestId + "_il_" + relay.
+AUTH_ENGINE_API std::string interlockQuestionId(const std::string& requestId,
+                                                const std::string& relay);
+/// The id a relay phase of a request runs (and is reported) under: requestId + "_ind_" + phase.
+AUTH_ENGINE_API std::string relayPhaseId(const std::string& requestId, const std::string& phase);
 
 class IDataProvider {
 public:

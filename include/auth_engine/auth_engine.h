@@ -9,6 +9,7 @@
 #include "auth_engine/AuthFacade.h"
 #include "auth_engine/AuthLogger.h"
 #include "auth_engine/AuthTypes.h"
+#include "auth_engine/FailCodes.h"
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
 #include "auth_engine/Trace.h"

@@ -6,7 +6,6 @@
 #include <algorithm>
 
 #include "common/Distinct.h"
-#include "engine/AuthEngine.h"
 
 namespace auth_engine {
 
@@ -22,13 +21,6 @@ void failRequest(AuthContext& context, int failCode, const char* reason) {
     context.response.result = FAILED;
     context.response.failCode = failCode;
     context.response.reason = reason;
-}
-
-AuthCallback answerCallbackFor(AuthEngine* engine, const std::string& routedId) {
-    if (engine != nullptr) {
-        return engine->makeAnswerCallback(routedId);
-    }
-    return [](const std::string&, const AuthResponse&, const AuthContext&) {};
 }
 
 void refuseRelays(AuthContext& context, const std::vector<std::string>& refused,

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
-// Small steps that several processors take the same way: refusing a request, handing the host an
-// answer callback, taking relays out of a request, and adopting the targets of a door command.
+// Small steps that several processors take the same way: refusing a request, taking relays out of
+// a request, and adopting the targets of a door command.
 #pragma once
 
 #include <string>
@@ -12,17 +12,11 @@
 
 namespace auth_engine {
 
-class AuthEngine;
-
 /// A refusal with fail code 0 and `reason`, for calls that end before any processor runs.
 AuthResponse failedResponse(const char* reason);
 
 /// Marks the request FAILED with `failCode` and `reason`.
 void failRequest(AuthContext& context, int failCode, const char* reason);
-
-/// The callback to hand to the host for a question answered under `routedId`. Without an engine
-/// nobody could route the answer: the callback accepts it and drops it.
-AuthCallback answerCallbackFor(AuthEngine* engine, const std::string& routedId);
 
 /// Takes every relay of context.relays that `refused` names out of the request, into
 /// context.failedRelays with `failName` as its reason. The host's list is reported as given, with

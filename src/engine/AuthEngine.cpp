@@ -125,26 +125,24 @@ private:
     const DecisionLocalTimeState previousLocalTime;
 };
 
-// Hands the engine pointer to the processors that ask the host or park a context.
+// Attaches the processors that ask the host to the engine's questions (or detaches them).
 void attachEngine(const std::shared_ptr<IAuthProcessor>& processor, AuthEngine* engine) {
-    if (auto p = std::dynamic_pointer_cast<processors::TempKeyProcessor>(processor)) {
-        p->setEngine(engine);
-    } else if (auto p = std::dynamic_pointer_cast<processors::AntiPassbackProcessor>(processor)) {
-        p->setEngine(engine);
-    } else if (auto p = std::dynamic_pointer_cast<processors::InterlockProcessor>(processor)) {
-        p->setEngine(engine);
-    } else if (auto p =
-                   std::dynamic_pointer_cast<processors::ParkingRestrictionProcessor>(processor)) {
-        p->setEngine(engine);
+    if (auto* asking = dynamic_cast<HostAskingProcessor*>(processor.get())) {
+        asking->attachQuestions(hostQuestionsOf(engine));
     }
 }
 
 }  // namespace
 
+HostQuestions* hostQuestionsOf(AuthEngine* engine) {
+    return engine != nullptr ? &engine->questions : nullptr;
+}
+
 AuthEngine::AuthEngine() : AuthEngine(std::make_shared<std::atomic<uint32_t>>(0)) {}
 
 AuthEngine::AuthEngine(std::shared_ptr<std::atomic<uint32_t>> numbers)
-    : requestCounter(numbers ? std::move(numbers) : std::make_shared<std::atomic<uint32_t>>(0)) {
+    : questions(*this),
+      requestCounter(numbers ? std::move(numbers) : std::make_shared<std::atomic<uint32_t>>(0)) {
     // The semaphore lives as long as the engine, so that a late post from a host thread never
     // touches a destroyed semaphore; init reports -3 if it could not be created.
     semaphoreReady = sem_init(&queueSemaphore, 0, 0) == 0;

@@ -24,6 +24,7 @@
 #include "auth_engine/AuthTypes.h"
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
+#include "common/HostQuestions.h"
 
 namespace auth_engine {
 
@@ -183,6 +184,23 @@ public:
     AuthCallback makeAnswerCallback(const std::string& routedId);
 
 private:
+    friend HostQuestions* hostQuestionsOf(AuthEngine* engine);
+
+    /// The engine as the processors that ask the host see it.
+    class Questions : public HostQuestions {
+    public:
+        explicit Questions(AuthEngine& owner) : engine(owner) {}
+        void registerQuestion(const std::string& questionId, const std::string& askingId) override {
+            engine.registerSubRequest(questionId, askingId);
+        }
+        AuthCallback answerTo(const std::string& questionId) override {
+            return engine.makeAnswerCallback(questionId);
+        }
+
+    private:
+        AuthEngine& engine;
+    };
+
     /// Callbacks handed to the host reach the engine only through this gate. reset closes it first;
     /// each init opens a new one, so an answer from before a reset never reaches a later request.
     struct Gate {
@@ -363,6 +381,7 @@ private:
     std::map<std::string, IndependentAsyncContext> independentContexts;
     std::map<std::string, std::string> subRequests;
     std::deque<std::string> resumeQueue;
+    Questions questions;
     /// Never set back, not even by reset: an id is issued once in the engine's life.
     std::shared_ptr<std::atomic<uint32_t>> requestCounter;
     std::atomic<bool> running{false};

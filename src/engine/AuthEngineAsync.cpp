@@ -14,6 +14,7 @@
 #include "auth_engine/AuthLogger.h"
 #include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
+#include "engine/QuestionIds.h"
 #include "engine/WorkerThread.h"
 
 namespace auth_engine {
@@ -42,9 +43,6 @@ thread_local const AuthEngine::RegistrationScope* AuthEngine::registrationScope 
 namespace {
 
 constexpr std::size_t kRequestQueueLimit = 100;
-constexpr const char* kAntiPassbackInfix = "_ap_";
-constexpr const char* kInterlockInfix = "_il_";
-constexpr std::size_t kInfixLength = 4;
 
 // Writes what the host reported into a parked response. Fields the host leaves empty, zero or
 // negative keep what the chain already put there; failedRelays is always the engine's own.
@@ -266,10 +264,7 @@ void AuthEngine::registerSubRequest(const std::string& subRequestId,
     // A question belongs to a request or phase that is being built or is parked; one registered
     // for anything else could never be released.
     const bool perRelay =
-        subRequestId.size() >= parentRequestId.size() + kInfixLength &&
-        subRequestId.compare(0, parentRequestId.size(), parentRequestId) == 0 &&
-        (subRequestId.compare(parentRequestId.size(), kInfixLength, kAntiPassbackInfix) == 0 ||
-         subRequestId.compare(parentRequestId.size(), kInfixLength, kInterlockInfix) == 0);
+        relayQuestionOf(subRequestId, parentRequestId).kind != RelayQuestion::NONE;
     if (!perRelay || !isLiveOwnerLocked(parentRequestId)) {
         return;
     }
@@ -382,11 +377,11 @@ std::string AuthEngine::deliverLocked(const EarlyAnswer& answer) {
         applyResponse(context->response, answer.result, answer.response);
         return answer.owner;
     }
-    // A per-relay question: "<owner>_ap_<relay>" or "<owner>_il_<relay>". Only the answer that
-    // brings the count to zero resumes.
-    const std::string infix = answer.id.substr(answer.owner.size(), kInfixLength);
-    const std::string relay = answer.id.substr(answer.owner.size() + kInfixLength);
-    if (infix == kAntiPassbackInfix) {
+    // A per-relay question (registration checked its form). Only the answer that brings the
+    // count to zero resumes.
+    const RelayQuestion question = relayQuestionOf(answer.id, answer.owner);
+    const std::string& relay = question.relay;
+    if (question.kind == RelayQuestion::ANTI_PASSBACK) {
         keepFirstRemoteFailCode(*context, answer.response);
         const bool counted = recordRelayAnswer(context->antiPassbackResults,
                                                context->antiPassbackPending, relay, answer.result);

@@ -30,7 +30,6 @@ const char* const PHASE_ANTI_PASSBACK = "antipassback";
 const char* const PHASE_INTERLOCK = "interlock";
 const char* const PHASE_PARKING = "parking";
 const char* const PHASE_UNLOCK_OPTIONS = "unlock_options";
-const char* const PHASE_INFIX = "_ind_";
 
 const char* const REASON_AUTH_FAILED = "AuthFailed";
 const char* const REASON_INTERNAL_ERROR = "Internal error";
@@ -77,7 +76,7 @@ AuthEngine::IndependentAsyncContext newPhase(const AuthContext& context, const c
     wrapper.context = context;
     wrapper.context.asyncType = phase;
     wrapper.context.relays = relays;
-    wrapper.context.requestId = parentId + PHASE_INFIX + phase;
+    wrapper.context.requestId = relayPhaseId(parentId, phase);
     wrapper.phase = phase;
     wrapper.callback = callback;
     wrapper.startTime = static_cast<uint64_t>(startTime);
@@ -631,7 +630,7 @@ void AuthEngine::reportPhaseFailure(const AuthContext& context, const AuthCallba
         return;
     }
     AuthContext failed = context;
-    failed.requestId = parentId + PHASE_INFIX + phase;
+    failed.requestId = relayPhaseId(parentId, phase);
     failed.asyncType = phase;
     failed.relays = relays;
     failed.response = phaseResponse(phase);

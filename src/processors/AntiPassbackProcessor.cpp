@@ -8,23 +8,14 @@
 #include <unordered_set>
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/Distinct.h"
 #include "common/ProcessorSupport.h"
-#include "engine/AuthEngine.h"
 
 namespace auth_engine {
 namespace processors {
 
 namespace {
-
-constexpr const char* SUB_REQUEST_INFIX = "_ap_";
-
-std::string subRequestIdOf(const std::string& requestId, const std::string& relay) {
-    std::string id = requestId;
-    id += SUB_REQUEST_INFIX;
-    id += relay;
-    return id;
-}
 
 bool isEligibleUser(const AuthContext& context) {
     return context.userData && (context.userData->userType == 1 || context.userData->userType == 2);
@@ -34,11 +25,13 @@ bool isPassingStatus(int status) {
     return status == SUCCESS || status == CONTINUE;
 }
 
+}  // namespace
+
 // Sends one question per relay of context.antiPassbackRelays, each under its own sub-request id.
 // Every id is registered before the first question goes out, because the host may answer inline.
 // A relay whose question cannot be sent is decided at once as failed.
-void sendPerRelay(AuthContext& context, IDataProvider& provider, AuthEngine* engine,
-                  bool logLines) {
+void AntiPassbackProcessor::sendPerRelay(AuthContext& context, IDataProvider& provider,
+                                         bool logLines) const {
     const std::vector<std::string> relays = context.antiPassbackRelays;
     const std::string requestId = context.requestId;
     // The user record must outlive the calls even if the host swaps context.userData meanwhile.
@@ -51,17 +44,15 @@ void sendPerRelay(AuthContext& context, IDataProvider& provider, AuthEngine* eng
         result.relay = relay;
         context.antiPassbackResults[relay] = result;
     }
-    if (engine != nullptr) {
-        for (const std::string& relay : relays) {
-            engine->registerSubRequest(subRequestIdOf(requestId, relay), requestId);
-        }
+    for (const std::string& relay : relays) {
+        registerQuestion(antiPassbackQuestionId(requestId, relay), requestId);
     }
 
     for (const std::string& relay : relays) {
-        const std::string subRequestId = subRequestIdOf(requestId, relay);
+        const std::string subRequestId = antiPassbackQuestionId(requestId, relay);
         context.antiPassbackRelays = {relay};
-        const std::string handle = provider.requestAntiPassback(
-            context.request, *user, context, answerCallbackFor(engine, subRequestId));
+        const std::string handle =
+            provider.requestAntiPassback(context.request, *user, context, answerTo(subRequestId));
         context.antiPassbackRelays = relays;
 
         if (handle.empty()) {
@@ -81,8 +72,6 @@ void sendPerRelay(AuthContext& context, IDataProvider& provider, AuthEngine* eng
     }
 }
 
-}  // namespace
-
 AuthResult AntiPassbackProcessor::process(AuthContext& context, IDataProvider& provider) {
     if (context.pendingProcessor == getName()) {
         // Resumed with the answers. The map is ordered, so relays are judged in relay-id order; a
@@ -98,12 +87,12 @@ AuthResult AntiPassbackProcessor::process(AuthContext& context, IDataProvider& p
             }
         }
         if (!failed.empty()) {
-            context.response.failCode = 5;
+            context.response.failCode = fail::ANTI_PASSBACK;
             context.response.failedRelays = failed;
             context.failedRelays = failed;
         }
         if (passed.empty()) {
-            context.response.reason = "Anti-passback failed for all relays";
+            context.response.reason = reasons::ANTI_PASSBACK_FAILED;
             AuthLogger::info("[AntiPassbackProcessor:%d] resume result=%s, all relays failed",
                              __LINE__, AuthLogger::authResultToString(FAILED));
             return FAILED;
@@ -173,24 +162,24 @@ AuthResult AntiPassbackProcessor::process(AuthContext& context, IDataProvider& p
         const std::shared_ptr<UserData> user = context.userData;
         const bool sent =
             !provider.requestAntiPassback(context.request, *user, context, AuthCallback()).empty();
-        context.response.reason = sent ? "Anti-passback verification pending (no callback)"
-                                       : "Anti-passback check skipped (offline mode)";
+        context.response.reason =
+            sent ? reasons::ANTI_PASSBACK_PENDING_UNROUTED : reasons::ANTI_PASSBACK_OFFLINE;
         const AuthResult result = sent ? ASYNC_PENDING : CONTINUE;
         AuthLogger::info("[AntiPassbackProcessor:%d] result=%s", __LINE__,
                          AuthLogger::authResultToString(result));
         return result;
     }
 
-    sendPerRelay(context, provider, engine, true);
+    sendPerRelay(context, provider, true);
 
     if (context.antiPassbackPending == 0) {
         // Every device is unreachable: the check cannot be made, so it is skipped in chain mode.
-        context.response.reason = "Anti-passback check skipped (all relays offline)";
+        context.response.reason = reasons::ANTI_PASSBACK_ALL_OFFLINE;
         AuthLogger::info("[AntiPassbackProcessor:%d] result=%s, all offline", __LINE__,
                          AuthLogger::authResultToString(CONTINUE));
         return CONTINUE;
     }
-    context.response.reason = "Anti-passback verification pending";
+    context.response.reason = reasons::ANTI_PASSBACK_PENDING;
     AuthLogger::info("[AntiPassbackProcessor:%d] result=%s, pending=%d", __LINE__,
                      AuthLogger::authResultToString(ASYNC_PENDING), context.antiPassbackPending);
     return ASYNC_PENDING;
@@ -223,7 +212,7 @@ AuthResult AntiPassbackProcessor::processRelays(AuthContext& context, IDataProvi
         return CONTINUE;
     }
 
-    sendPerRelay(context, provider, engine, false);
+    sendPerRelay(context, provider, false);
     return context.antiPassbackPending != 0 ? ASYNC_PENDING : CONTINUE;
 }
 

@@ -11,12 +11,13 @@
 
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
+#include "common/HostQuestions.h"
 
 namespace auth_engine {
 class AuthEngine;
 namespace processors {
 
-class AntiPassbackProcessor : public IAuthProcessor {
+class AntiPassbackProcessor : public HostAskingProcessor {
 public:
     AuthResult process(AuthContext& context, IDataProvider& provider) override;
     std::string getName() const override { return chain::ANTI_PASSBACK; }
@@ -26,10 +27,12 @@ public:
     /// a reading of its own.
     AuthResult processRelays(AuthContext& context, IDataProvider& provider,
                              const std::vector<std::string>& relays, const AuthConfig& config);
-    void setEngine(AuthEngine* owner) { engine = owner; }
+    /// Asks through `owner`'s questions (the engine hands itself over when it creates the
+    /// processor).
+    void setEngine(AuthEngine* owner) { attachQuestions(hostQuestionsOf(owner)); }
 
 private:
-    AuthEngine* engine = nullptr;  // not owned
+    void sendPerRelay(AuthContext& context, IDataProvider& provider, bool logLines) const;
 };
 
 }  // namespace processors

@@ -4,6 +4,7 @@
 #include "processors/BleIntervalProcessor.h"
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 
 namespace auth_engine {
 namespace processors {
@@ -20,7 +21,7 @@ AuthResult BleIntervalProcessor::process(AuthContext& context, IDataProvider& pr
         return CONTINUE;
     }
     // A repeated announcement is not a refusal: result and fail code stay as they are.
-    context.response.reason = "BLE open interval";
+    context.response.reason = reasons::BLE_INTERVAL;
     AuthLogger::info("[BleIntervalProcessor:%d] result=%s, user=%s, relays=%s", __LINE__,
                      AuthLogger::authResultToString(IGNORED), user.userId.c_str(),
                      joinRelayVector(context.relays).c_str());

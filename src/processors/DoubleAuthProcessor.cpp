@@ -9,6 +9,7 @@
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/Distinct.h"
 
 namespace auth_engine {
@@ -88,7 +89,7 @@ AuthResult DoubleAuthProcessor::process(AuthContext& context, IDataProvider& pro
             if (!context.userData) {
                 writeBlock(context.response, mode, first, second, readerType);
                 context.response.result = FAILED;
-                context.response.failCode = 41;
+                context.response.failCode = fail::SECOND_FACTOR_OTHER_USER;
                 AuthLogger::info("[DoubleAuthProcessor:%d] first factor without user, result=%s",
                                  __LINE__, AuthLogger::authResultToString(FAILED));
                 return FAILED;
@@ -120,7 +121,7 @@ AuthResult DoubleAuthProcessor::process(AuthContext& context, IDataProvider& pro
         if (!matchesFactor(current, second)) {
             writeBlock(context.response, mode, first, second, readerType);
             context.response.result = FAILED;
-            context.response.failCode = 40;
+            context.response.failCode = fail::WRONG_SECOND_FACTOR;
             AuthLogger::info(
                 "[DoubleAuthProcessor:%d] unexpected factor, currentType=%d, result=%s", __LINE__,
                 current, AuthLogger::authResultToString(FAILED));
@@ -143,7 +144,8 @@ AuthResult DoubleAuthProcessor::process(AuthContext& context, IDataProvider& pro
         if (!found) {
             context.response = buildPendingNotFoundResponse(takenId);
             writeBlock(context.response, mode, first, second, readerType);
-            context.response.failCode = takenId.empty() ? 40 : 42;
+            context.response.failCode =
+                takenId.empty() ? fail::WRONG_SECOND_FACTOR : fail::UNKNOWN_PENDING_ID;
             AuthLogger::info(
                 "[DoubleAuthProcessor:%d] second factor without pending, currentType=%d, "
                 "firstType=%d, nextType=%d, pendingId=%s, result=%s",
@@ -175,7 +177,7 @@ AuthResult DoubleAuthProcessor::process(AuthContext& context, IDataProvider& pro
             return FAILED;
         }
         if (!matching) {
-            failPending(context.response, state, 40);
+            failPending(context.response, state, fail::WRONG_SECOND_FACTOR);
             AuthLogger::info(
                 "[DoubleAuthProcessor:%d] explicit pending factor mismatch, currentType=%d, "
                 "nextType=%d, result=%s",
@@ -186,7 +188,7 @@ AuthResult DoubleAuthProcessor::process(AuthContext& context, IDataProvider& pro
 
     // Completion: the state has been taken out of the map whatever the verdict.
     if (!context.userData || !state.user || !isSameUser(*context.userData, *state.user)) {
-        failPending(context.response, state, 41);
+        failPending(context.response, state, fail::SECOND_FACTOR_OTHER_USER);
         AuthLogger::info(
             "[DoubleAuthProcessor:%d] second factor of another user, pendingId=%s, "
             "result=%s",
@@ -212,7 +214,7 @@ AuthResponse DoubleAuthProcessor::handleTimeout(const std::string& pendingId) {
     if (!takePending(pendingId, state, response)) {
         return response;
     }
-    failPending(response, state, 19);
+    failPending(response, state, fail::DOUBLE_AUTH_TIMEOUT);
     if (state.user) {
         response.failedRelays = scheduleRelays(state.user->scheduleRelay);
     }
@@ -228,7 +230,7 @@ AuthResponse DoubleAuthProcessor::cancel(const std::string& pendingId, const std
     if (!takePending(pendingId, state, response)) {
         return response;
     }
-    failPending(response, state, 0);
+    failPending(response, state, fail::NONE);
     response.reason = reason;
     AuthLogger::info("[DoubleAuthProcessor:%d] pendingId=%s cancelled, result=%s", __LINE__,
                      pendingId.c_str(), AuthLogger::authResultToString(FAILED));
@@ -370,7 +372,7 @@ void DoubleAuthProcessor::failPending(AuthResponse& response, const DoubleAuthPe
 AuthResponse DoubleAuthProcessor::buildPendingNotFoundResponse(const std::string& pendingId) {
     AuthResponse response;
     response.result = FAILED;
-    response.failCode = 42;
+    response.failCode = fail::UNKNOWN_PENDING_ID;
     response.doubleAuthPendingId = pendingId;
     return response;
 }

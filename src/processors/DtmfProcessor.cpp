@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/Distinct.h"
 #include "common/ProcessorSupport.h"
 
@@ -40,7 +41,7 @@ AuthResult DtmfProcessor::process(AuthContext& context, IDataProvider& provider)
     }
     const std::shared_ptr<DtmfRequestData> dtmfData = context.request.dtmfData;
     if (!dtmfData) {
-        failRequest(context, 0, "Invalid DTMF data");
+        failRequest(context, fail::NONE, reasons::DTMF_DATA_INVALID);
         AuthLogger::info("[DtmfProcessor:%d] missing dtmf data, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -48,7 +49,7 @@ AuthResult DtmfProcessor::process(AuthContext& context, IDataProvider& provider)
 
     DtmfConfig config;
     if (!provider.getDtmfConfig(config, context) || !config.enabled) {
-        failRequest(context, 1, "DTMF open disabled");
+        failRequest(context, fail::GENERIC, reasons::DTMF_DISABLED);
         AuthLogger::info("[DtmfProcessor:%d] disabled, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -62,7 +63,7 @@ AuthResult DtmfProcessor::process(AuthContext& context, IDataProvider& provider)
                                                 ? std::vector<AuthTarget>()
                                                 : targetsForRelays(code->second);
     if (targets.empty()) {
-        failRequest(context, 1, "Invalid DTMF code");
+        failRequest(context, fail::GENERIC, reasons::DTMF_CODE_INVALID);
         AuthLogger::info("[DtmfProcessor:%d] unknown code, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -79,7 +80,7 @@ AuthResult DtmfProcessor::process(AuthContext& context, IDataProvider& provider)
         question.dtmfCode = dtmfData->dtmfCode;
         DtmfWhitelistResult answer;
         if (!provider.requestDtmfWhitelist(question, answer) || !answer.allowed) {
-            failRequest(context, 1, "DTMF caller not whitelisted");
+            failRequest(context, fail::GENERIC, reasons::DTMF_NOT_WHITELISTED);
             AuthLogger::info("[DtmfProcessor:%d] caller not whitelisted, result=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED));
             return FAILED;

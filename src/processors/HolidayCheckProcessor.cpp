@@ -10,6 +10,7 @@
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/DecisionLocalTime.h"
 #include "common/LogSwitch.h"
 #include "common/ProcessorSupport.h"
@@ -189,7 +190,7 @@ AuthResult HolidayCheckProcessor::process(AuthContext& context, IDataProvider& p
         }
         return CONTINUE;
     }
-    failRequest(context, 2, "Access denied: no relay with holiday exemption");
+    failRequest(context, fail::HOLIDAY, reasons::HOLIDAY_NO_EXEMPT_RELAY);
     AuthLogger::info("[HolidayCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                      AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
     return FAILED;

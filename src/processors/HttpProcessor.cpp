@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/ProcessorSupport.h"
 
 namespace auth_engine {
@@ -73,7 +74,7 @@ AuthResult HttpProcessor::process(AuthContext& context, IDataProvider& provider)
     }
     const std::shared_ptr<HttpRequestData> httpData = context.request.httpData;
     if (!httpData) {
-        failRequest(context, 0, "Invalid HTTP data");
+        failRequest(context, fail::NONE, reasons::HTTP_DATA_INVALID);
         AuthLogger::info("[HttpProcessor:%d] missing http data, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -83,7 +84,7 @@ AuthResult HttpProcessor::process(AuthContext& context, IDataProvider& provider)
         httpData->targets.empty() ? context.request.targets : httpData->targets;
     const char* const refusal = targetListRefusal(targets, isValidHttpTarget);
     if (refusal != nullptr) {
-        failRequest(context, 32, "Invalid HTTP target");
+        failRequest(context, fail::INVALID_TARGET, reasons::HTTP_TARGET_INVALID);
         AuthLogger::info("[HttpProcessor:%d] %s, result=%s", __LINE__, refusal,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -93,13 +94,13 @@ AuthResult HttpProcessor::process(AuthContext& context, IDataProvider& provider)
     if (httpData->source == 0) {
         HttpOpenConfig config;
         if (!provider.getHttpOpenConfig(config) || !config.enabled) {
-            failRequest(context, 30, "HTTP open disabled");
+            failRequest(context, fail::HTTP_DISABLED, reasons::HTTP_DISABLED);
             AuthLogger::info("[HttpProcessor:%d] disabled, result=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED));
             return FAILED;
         }
         if (!credentialsAccepted(*httpData, config)) {
-            failRequest(context, 31, "HTTP authentication failed");
+            failRequest(context, fail::HTTP_AUTHENTICATION, reasons::HTTP_AUTHENTICATION_FAILED);
             AuthLogger::info("[HttpProcessor:%d] auth failed, result=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED));
             return FAILED;

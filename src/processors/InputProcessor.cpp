@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/ProcessorSupport.h"
 
 namespace auth_engine {
@@ -30,7 +31,7 @@ AuthResult InputProcessor::process(AuthContext& context, IDataProvider& /*provid
     }
     const std::shared_ptr<InputRequestData> inputData = context.request.inputData;
     if (!inputData) {
-        failRequest(context, 0, "Invalid Input data");
+        failRequest(context, fail::NONE, reasons::INPUT_DATA_INVALID);
         AuthLogger::info("[InputProcessor:%d] missing input data, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -40,7 +41,7 @@ AuthResult InputProcessor::process(AuthContext& context, IDataProvider& /*provid
         inputData->targets.empty() ? context.request.targets : inputData->targets;
     const char* const refusal = targetListRefusal(targets, isValidInputTarget);
     if (refusal != nullptr) {
-        failRequest(context, 32, "Invalid Input target");
+        failRequest(context, fail::INVALID_TARGET, reasons::INPUT_TARGET_INVALID);
         AuthLogger::info("[InputProcessor:%d] %s, result=%s", __LINE__, refusal,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;

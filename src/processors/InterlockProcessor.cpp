@@ -5,31 +5,20 @@
 
 #include <algorithm>
 
+#include "auth_engine/FailCodes.h"
 #include "common/Distinct.h"
 #include "common/ProcessorSupport.h"
-#include "engine/AuthEngine.h"
 
 namespace auth_engine {
 namespace processors {
 
-namespace {
-
-constexpr const char* SUB_REQUEST_INFIX = "_il_";
-constexpr int INTERLOCK_FAIL_CODE = 21;
-
-void registerRelay(AuthEngine* engine, const std::string& requestId, const std::string& relay) {
-    if (engine != nullptr && !requestId.empty()) {
-        engine->registerSubRequest(requestId + SUB_REQUEST_INFIX + relay, requestId);
-    }
-}
-
 // Asks about one relay. A question that cannot be sent decides the relay at once: an interlock
 // that cannot be verified must not open.
-void askRelay(AuthContext& context, IDataProvider& provider, AuthEngine* engine,
-              const std::string& requestId, const std::string& relay, const std::string& failName) {
+void InterlockProcessor::askRelay(AuthContext& context, IDataProvider& provider,
+                                  const std::string& requestId, const std::string& relay) const {
     const AuthRequest request = context.request;
     const std::string handle = provider.requestInterlock(
-        request, relay, context, answerCallbackFor(engine, requestId + SUB_REQUEST_INFIX + relay));
+        request, relay, context, answerTo(interlockQuestionId(requestId, relay)));
     if (!handle.empty()) {
         return;
     }
@@ -38,10 +27,8 @@ void askRelay(AuthContext& context, IDataProvider& provider, AuthEngine* engine,
     result.status = FAILED;
     result.answered = true;
     --context.interlockPending;
-    context.relayFailReasons[relay] = failName;
+    context.relayFailReasons[relay] = getName();
 }
-
-}  // namespace
 
 AuthResult InterlockProcessor::process(AuthContext& context, IDataProvider& provider) {
     if (context.pendingProcessor == getName()) {
@@ -85,21 +72,21 @@ AuthResult InterlockProcessor::processRelays(AuthContext& context, IDataProvider
         InterlockSubResult result;
         result.relay = relay;
         context.interlockResults[relay] = result;
-        registerRelay(engine, requestId, relay);
+        registerQuestion(interlockQuestionId(requestId, relay), requestId);
     }
     for (const std::string& relay : asked) {
-        askRelay(context, provider, engine, requestId, relay, getName());
+        askRelay(context, provider, requestId, relay);
     }
 
     if (context.interlockPending != 0) {
-        context.response.reason = "Interlock verification pending";
+        context.response.reason = reasons::INTERLOCK_PENDING;
         return ASYNC_PENDING;
     }
     context.response.result = FAILED;
-    context.response.failCode = INTERLOCK_FAIL_CODE;
+    context.response.failCode = fail::INTERLOCK;
     context.response.failedRelays = asked;
     context.failedRelays = asked;
-    context.response.reason = "Interlock request failed";
+    context.response.reason = reasons::INTERLOCK_UNREACHABLE;
     return FAILED;
 }
 
@@ -115,11 +102,11 @@ AuthResult InterlockProcessor::decideAnswers(AuthContext& context) const {
     if (failed.empty()) {
         return CONTINUE;
     }
-    refuseRelays(context, failed, chain::INTERLOCK, INTERLOCK_FAIL_CODE);
+    refuseRelays(context, failed, chain::INTERLOCK, fail::INTERLOCK);
     if (!context.relays.empty()) {
         return CONTINUE;
     }
-    failRequest(context, INTERLOCK_FAIL_CODE, "Interlock failed for all relays");
+    failRequest(context, fail::INTERLOCK, reasons::INTERLOCK_FAILED);
     return FAILED;
 }
 
@@ -131,8 +118,8 @@ AuthResult InterlockProcessor::retryPendingRelays(AuthContext& context, IDataPro
         if (found == context.interlockResults.end() || found->second.answered) {
             continue;
         }
-        registerRelay(engine, requestId, relay);
-        askRelay(context, provider, engine, requestId, relay, getName());
+        registerQuestion(interlockQuestionId(requestId, relay), requestId);
+        askRelay(context, provider, requestId, relay);
     }
     return context.interlockPending < 1 ? FAILED : ASYNC_PENDING;
 }

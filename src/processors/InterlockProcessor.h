@@ -10,12 +10,13 @@
 
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
+#include "common/HostQuestions.h"
 
 namespace auth_engine {
 class AuthEngine;
 namespace processors {
 
-class InterlockProcessor : public IAuthProcessor {
+class InterlockProcessor : public HostAskingProcessor {
 public:
     AuthResult process(AuthContext& context, IDataProvider& provider) override;
     std::string getName() const override { return chain::INTERLOCK; }
@@ -23,13 +24,15 @@ public:
                              const std::vector<std::string>& relays);
     AuthResult retryPendingRelays(AuthContext& context, IDataProvider& provider,
                                   const std::vector<std::string>& relays);
-    void setEngine(AuthEngine* owner) { engine = owner; }
+    /// Asks through `owner`'s questions (the engine hands itself over when it creates the
+    /// processor).
+    void setEngine(AuthEngine* owner) { attachQuestions(hostQuestionsOf(owner)); }
 
 private:
     /// The chain's second pass: the host's answers decide each relay asked.
     AuthResult decideAnswers(AuthContext& context) const;
-
-    AuthEngine* engine = nullptr;  // not owned
+    void askRelay(AuthContext& context, IDataProvider& provider, const std::string& requestId,
+                  const std::string& relay) const;
 };
 
 }  // namespace processors

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/ProcessorSupport.h"
 
 namespace auth_engine {
@@ -32,7 +33,7 @@ AuthResult LockDownProcessor::process(AuthContext& context, IDataProvider& provi
     }
 
     // The host sees which relays were locked even when the request still opens the others.
-    refuseRelays(context, locked, "LockDown", 6);
+    refuseRelays(context, locked, chain::LOCK_DOWN, fail::LOCKDOWN);
 
     if (!context.relays.empty()) {
         AuthLogger::info("[LockDownProcessor:%d] partial pass, locked=%s, remaining=%s", __LINE__,
@@ -42,7 +43,7 @@ AuthResult LockDownProcessor::process(AuthContext& context, IDataProvider& provi
         return CONTINUE;
     }
     context.response.result = FAILED;
-    context.response.reason = "All relays are in lockdown";
+    context.response.reason = reasons::ALL_RELAYS_LOCKED;
     AuthLogger::info("[LockDownProcessor:%d] result=%s, all locked", __LINE__,
                      AuthLogger::authResultToString(FAILED));
     return FAILED;

@@ -6,35 +6,17 @@
 #include <memory>
 
 #include "auth_engine/AuthLogger.h"
-#include "common/ProcessorSupport.h"
+#include "auth_engine/FailCodes.h"
 
 namespace auth_engine {
 namespace processors {
 
 namespace {
 
-constexpr int PARKING_FAIL_CODE = 23;
-
 // Only a plate open by a user of kind 1 is under parking restriction.
 bool restrictionApplies(const AuthConfig& config, const AuthContext& context) {
     return config.parkingRestrictionEnabled && context.userData &&
            context.request.openType == OPEN_TYPE_LICENSE_PLATE && context.userData->userType == 1;
-}
-
-// Asks once for the whole request; the answer is routed to the context's own id. Returns the
-// host's handle (empty: offline).
-std::string askHost(AuthContext& context, IDataProvider& provider, AuthEngine* engine) {
-    // Without a request id nothing could route an answer: the empty callback tells the host
-    // not to send one.
-    AuthCallback callback;
-    if (!context.requestId.empty()) {
-        callback = answerCallbackFor(engine, context.requestId);
-    }
-    // The user record must outlive the call even if the host swaps context.userData meanwhile.
-    const std::shared_ptr<UserData> user = context.userData;
-    const AuthRequest request = context.request;
-    return provider.requestParking(request, *user, request.credential, context,
-                                   std::move(callback));
 }
 
 AuthResult logged(int line, AuthResult result) {
@@ -44,6 +26,23 @@ AuthResult logged(int line, AuthResult result) {
 }
 
 }  // namespace
+
+// Asks once for the whole request; the answer is routed to the context's own id. Returns the
+// host's handle (empty: offline).
+std::string ParkingRestrictionProcessor::askHost(AuthContext& context,
+                                                 IDataProvider& provider) const {
+    // Without a request id nothing could route an answer: the empty callback tells the host
+    // not to send one.
+    AuthCallback callback;
+    if (!context.requestId.empty()) {
+        callback = answerTo(context.requestId);
+    }
+    // The user record must outlive the call even if the host swaps context.userData meanwhile.
+    const std::shared_ptr<UserData> user = context.userData;
+    const AuthRequest request = context.request;
+    return provider.requestParking(request, *user, request.credential, context,
+                                   std::move(callback));
+}
 
 AuthResult ParkingRestrictionProcessor::process(AuthContext& context, IDataProvider& provider) {
     const int openType = context.request.openType;
@@ -62,7 +61,7 @@ AuthResult ParkingRestrictionProcessor::process(AuthContext& context, IDataProvi
         }
         context.response.result = FAILED;
         if (context.response.failCode == 0) {
-            context.response.failCode = PARKING_FAIL_CODE;
+            context.response.failCode = fail::PARKING;
         }
         AuthLogger::info("[ParkingRestrictionProcessor:%d] resume result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
@@ -75,13 +74,12 @@ AuthResult ParkingRestrictionProcessor::process(AuthContext& context, IDataProvi
     }
 
     const bool routed = !context.requestId.empty();
-    if (askHost(context, provider, engine).empty()) {
+    if (askHost(context, provider).empty()) {
         // An unreachable host must not lock a resident out of their own car park.
-        context.response.reason = "Parking restriction check skipped (offline mode)";
+        context.response.reason = reasons::PARKING_OFFLINE;
         return logged(__LINE__, CONTINUE);
     }
-    context.response.reason = routed ? "Parking restriction check pending"
-                                     : "Parking restriction check pending (no callback)";
+    context.response.reason = routed ? reasons::PARKING_PENDING : reasons::PARKING_PENDING_UNROUTED;
     return logged(__LINE__, ASYNC_PENDING);
 }
 
@@ -99,7 +97,7 @@ AuthResult ParkingRestrictionProcessor::processRelays(AuthContext& context, IDat
         return CONTINUE;
     }
     const bool routed = !context.requestId.empty();
-    const std::string handle = askHost(context, provider, engine);
+    const std::string handle = askHost(context, provider);
     if (!routed || handle.empty()) {
         return CONTINUE;
     }

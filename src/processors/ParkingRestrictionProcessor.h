@@ -10,12 +10,13 @@
 
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
+#include "common/HostQuestions.h"
 
 namespace auth_engine {
 class AuthEngine;
 namespace processors {
 
-class ParkingRestrictionProcessor : public IAuthProcessor {
+class ParkingRestrictionProcessor : public HostAskingProcessor {
 public:
     AuthResult process(AuthContext& context, IDataProvider& provider) override;
     std::string getName() const override { return chain::PARKING_RESTRICTION; }
@@ -25,10 +26,12 @@ public:
     /// a reading of its own.
     AuthResult processRelays(AuthContext& context, IDataProvider& provider,
                              const std::vector<std::string>& relays, const AuthConfig& config);
-    void setEngine(AuthEngine* owner) { engine = owner; }
+    /// Asks through `owner`'s questions (the engine hands itself over when it creates the
+    /// processor).
+    void setEngine(AuthEngine* owner) { attachQuestions(hostQuestionsOf(owner)); }
 
 private:
-    AuthEngine* engine = nullptr;  // not owned
+    std::string askHost(AuthContext& context, IDataProvider& provider) const;
 };
 
 }  // namespace processors

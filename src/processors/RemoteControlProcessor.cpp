@@ -8,6 +8,7 @@
 #include <string>
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/Distinct.h"
 #include "common/ProcessorSupport.h"
 
@@ -22,7 +23,7 @@ AuthResult RemoteControlProcessor::process(AuthContext& context, IDataProvider& 
     }
     const std::string remoteUserId = context.request.credential;
     if (remoteUserId.empty()) {
-        failRequest(context, 1, "Remote control user id is empty");
+        failRequest(context, fail::GENERIC, reasons::REMOTE_USER_EMPTY);
         AuthLogger::info("[RemoteControlProcessor:%d] empty remote user id, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -33,7 +34,7 @@ AuthResult RemoteControlProcessor::process(AuthContext& context, IDataProvider& 
         // The remote side vouches for the command; without a known user it must at least say what
         // to open.
         if (context.request.targets.empty()) {
-            failRequest(context, 32, "Remote control target invalid");
+            failRequest(context, fail::INVALID_TARGET, reasons::REMOTE_TARGET_INVALID);
             AuthLogger::info("[RemoteControlProcessor:%d] fallback target invalid, result=%s",
                              __LINE__, AuthLogger::authResultToString(FAILED));
             return FAILED;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/Distinct.h"
 #include "common/ProcessorSupport.h"
 
@@ -16,15 +17,13 @@ namespace processors {
 
 namespace {
 
-constexpr const char* DENIED_REASON = "Temp key dclient denied";
-
 // Every refusal of the second pass looks the same to the host: FAILED, a code, a reason that the
 // host's own answer may already have filled, and nothing to actuate.
 void failFromAnswer(AuthContext& context, int failCode) {
     context.response.result = FAILED;
     context.response.failCode = failCode;
     if (context.response.reason.empty()) {
-        context.response.reason = DENIED_REASON;
+        context.response.reason = reasons::TEMP_KEY_DENIED;
     }
     context.response.targets.clear();
 }
@@ -44,7 +43,7 @@ AuthResult TempKeyProcessor::process(AuthContext& context, IDataProvider& provid
     if (resumed && !context.tempKeyAuthData) {
         // The chain came back to us after our question, but the host's answer carried no key data:
         // treat it as a host failure instead of asking again, or a silent host would loop forever.
-        failFromAnswer(context, response.failCode != 0 ? response.failCode : 24);
+        failFromAnswer(context, response.failCode != 0 ? response.failCode : fail::TEMP_KEY);
         AuthLogger::info("[TempKeyProcessor:%d] answer without key data, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -55,7 +54,7 @@ AuthResult TempKeyProcessor::process(AuthContext& context, IDataProvider& provid
         context.tempKeyAuthData.reset();
 
         if (context.request.credential.empty()) {
-            failRequest(context, 1, "Temp key is empty");
+            failRequest(context, fail::GENERIC, reasons::TEMP_KEY_EMPTY);
             AuthLogger::info("[TempKeyProcessor:%d] empty temp key, result=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED));
             return FAILED;
@@ -63,8 +62,8 @@ AuthResult TempKeyProcessor::process(AuthContext& context, IDataProvider& provid
 
         // The engine's callback routes the answer to this request id, or to the id the host
         // passes when the request has none of its own.
-        if (!provider.requestTempKey(context, answerCallbackFor(engine, context.requestId))) {
-            failRequest(context, 24, "Temp key request failed");
+        if (!provider.requestTempKey(context, answerTo(context.requestId))) {
+            failRequest(context, fail::TEMP_KEY, reasons::TEMP_KEY_REQUEST_FAILED);
             AuthLogger::info("[TempKeyProcessor:%d] send failed, result=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED));
             return FAILED;
@@ -87,7 +86,7 @@ AuthResult TempKeyProcessor::process(AuthContext& context, IDataProvider& provid
         return FAILED;
     }
     if (response.result == FAILED || response.failCode != 0) {
-        failFromAnswer(context, response.failCode != 0 ? response.failCode : 1);
+        failFromAnswer(context, response.failCode != 0 ? response.failCode : fail::GENERIC);
         AuthLogger::info("[TempKeyProcessor:%d] dclient failed, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;
@@ -111,7 +110,7 @@ AuthResult TempKeyProcessor::process(AuthContext& context, IDataProvider& provid
 
     UserData user;
     if (!provider.getTempKeyUser(*data, user)) {
-        failRequest(context, 1, "Temp key user not found");
+        failRequest(context, fail::GENERIC, reasons::TEMP_KEY_USER_NOT_FOUND);
         AuthLogger::info("[TempKeyProcessor:%d] user not found, result=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED));
         return FAILED;

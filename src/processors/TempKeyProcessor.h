@@ -10,19 +10,19 @@
 
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
+#include "common/HostQuestions.h"
 
 namespace auth_engine {
 class AuthEngine;
 namespace processors {
 
-class TempKeyProcessor : public IAuthProcessor {
+class TempKeyProcessor : public HostAskingProcessor {
 public:
     AuthResult process(AuthContext& context, IDataProvider& provider) override;
     std::string getName() const override { return chain::TEMP_KEY; }
-    void setEngine(AuthEngine* owner) { engine = owner; }
-
-private:
-    AuthEngine* engine = nullptr;  // not owned
+    /// Asks through `owner`'s questions (the engine hands itself over when it creates the
+    /// processor).
+    void setEngine(AuthEngine* owner) { attachQuestions(hostQuestionsOf(owner)); }
 };
 
 }  // namespace processors

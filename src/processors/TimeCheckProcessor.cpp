@@ -18,6 +18,7 @@
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/DecisionLocalTime.h"
 #include "common/Distinct.h"
 #include "common/LogSwitch.h"
@@ -229,7 +230,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
             relayList = request.relays;
         }
         if (relayList.empty()) {
-            failRequest(context, 32, "Relay key target invalid");
+            failRequest(context, fail::INVALID_TARGET, reasons::RELAY_KEY_TARGET_INVALID);
             AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED),
                              context.response.reason.c_str());
@@ -242,7 +243,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
         context.authTargets = source;
         if (scheduleIds.empty()) {
             markAllRelaysFailed(context, "TimeCheck");
-            failRequest(context, 3, "Relay key schedule invalid");
+            failRequest(context, fail::SCHEDULE, reasons::RELAY_KEY_SCHEDULE_INVALID);
             AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED),
                              context.response.reason.c_str());
@@ -272,7 +273,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
     const std::shared_ptr<UserData> user = context.userData;
     if (!user) {
         markAllRelaysFailed(context, "TimeCheck");
-        failRequest(context, 1, "No user data");
+        failRequest(context, fail::GENERIC, reasons::NO_USER_DATA);
         AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
         return FAILED;
@@ -284,7 +285,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
         const std::shared_ptr<KeyData> plate = context.keyData;
         if (!plate) {
             markAllRelaysFailed(context, "TimeCheck");
-            failRequest(context, 22, "License plate key data not found");
+            failRequest(context, fail::USER_VALIDITY, reasons::PLATE_DATA_NOT_FOUND);
             AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                              AuthLogger::authResultToString(FAILED),
                              context.response.reason.c_str());
@@ -302,13 +303,13 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
                              static_cast<long long>(plate->endTime));
             const char* reason = nullptr;
             if (plate->startTime >= 1 && plateNow < plate->startTime) {
-                reason = "License plate not yet valid";
+                reason = reasons::PLATE_NOT_YET_VALID;
             } else if (plate->endTime >= 1 && plateNow > plate->endTime) {
-                reason = "License plate expired";
+                reason = reasons::PLATE_EXPIRED;
             }
             if (reason != nullptr) {
                 markAllRelaysFailed(context, "InvalidTimeRange");
-                failRequest(context, 7, reason);
+                failRequest(context, fail::PLATE_VALIDITY, reason);
                 AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                                  AuthLogger::authResultToString(FAILED), reason);
                 return FAILED;
@@ -318,7 +319,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
 
     if (user->validTimeStart >= 1 && now < user->validTimeStart) {
         markAllRelaysFailed(context, "InvalidUserTime");
-        failRequest(context, 22, "User not yet valid");
+        failRequest(context, fail::USER_VALIDITY, reasons::USER_NOT_YET_VALID);
         AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
         return failureResult(context);
@@ -329,7 +330,7 @@ AuthResult TimeCheckProcessor::process(AuthContext& context, IDataProvider& prov
         static_cast<long long>(user->validTimeEnd));
     if (user->validTimeEnd >= 1 && now > user->validTimeEnd) {
         markAllRelaysFailed(context, "InvalidUserTime");
-        failRequest(context, 22, "User expired");
+        failRequest(context, fail::USER_VALIDITY, reasons::USER_EXPIRED);
         AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
         return failureResult(context);
@@ -426,7 +427,7 @@ AuthResult TimeCheckProcessor::checkRelaySchedules(AuthContext& context, IDataPr
     if (keptCount == 0) {
         // Nothing was moved: the candidate list is left as it was so later reporting still sees
         // what was asked for.
-        failRequest(context, 3, "Not in scheduled time");
+        failRequest(context, fail::SCHEDULE, reasons::NOT_IN_SCHEDULE);
         AuthLogger::info("[TimeCheckProcessor:%d] result=%s, reason=%s", __LINE__,
                          AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
         return failureResult(context);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/ProcessorSupport.h"
 
 namespace auth_engine {
@@ -46,7 +47,7 @@ AuthResult UnlockTypeProcessor::process(AuthContext& context, IDataProvider& pro
 
     // The host's answer is reported as given, and the fail code stays on a passing request so the
     // host can tell a partial open from a full one.
-    refuseRelays(context, forbidden, "UnlockType", 4);
+    refuseRelays(context, forbidden, chain::UNLOCK_TYPE, fail::FORBIDDEN_OPEN_TYPE);
 
     if (!context.relays.empty()) {
         AuthLogger::info("[UnlockTypeProcessor:%d] partial pass, forbidden=%s, remaining=%s",
@@ -57,7 +58,7 @@ AuthResult UnlockTypeProcessor::process(AuthContext& context, IDataProvider& pro
         return CONTINUE;
     }
     context.response.result = FAILED;
-    context.response.reason = "Forbidden open type for all relays";
+    context.response.reason = reasons::FORBIDDEN_FOR_ALL_RELAYS;
     AuthLogger::info("[UnlockTypeProcessor:%d] result=%s, all forbidden", __LINE__,
                      AuthLogger::authResultToString(FAILED));
     return FAILED;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/ProcessorSupport.h"
 
 namespace auth_engine {
@@ -122,7 +123,7 @@ AuthResult UserLookupProcessor::process(AuthContext& context, IDataProvider& pro
         return CONTINUE;
     }
 
-    failRequest(context, 1, "User not found");
+    failRequest(context, fail::GENERIC, reasons::USER_NOT_FOUND);
     AuthLogger::info("[UserLookupProcessor:%d] result=%s, reason=%s", __LINE__,
                      AuthLogger::authResultToString(FAILED), context.response.reason.c_str());
     return FAILED;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/Distinct.h"
 #include "common/LogSwitch.h"
 #include "common/ProcessorSupport.h"
@@ -134,7 +135,7 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
         }
         context.relays = std::move(kept);
         if (context.relays.empty()) {
-            failRequest(context, 3, "Requested relay is not in schedule");
+            failRequest(context, fail::SCHEDULE, reasons::RELAY_NOT_IN_SCHEDULE);
             context.response.failedRelays = std::move(requested);
             AuthLogger::info("[VirtualDoorProcessor:%d] no requested relays in schedule, result=%s",
                              __LINE__, failedText);
@@ -162,7 +163,7 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
     if (reader == config.readerRelayMap.end() || reader->second.empty()) {
         // With doors managed remotely, the internal reader may open nothing it was not given.
         if (config.cloudVirtualDoorConfigured && readerType == READER_TYPE_INTERNAL) {
-            failRequest(context, 3, "Virtual door reader access denied");
+            failRequest(context, fail::SCHEDULE, reasons::VIRTUAL_DOOR_READER_DENIED);
             context.response.failedRelays = context.relays;
             AuthLogger::info(
                 "[VirtualDoorProcessor:%d] no virtualDoor for reader, result=%s, "
@@ -250,7 +251,7 @@ AuthResult VirtualDoorProcessor::process(AuthContext& context, IDataProvider& pr
         AuthLogger::info("[VirtualDoorProcessor:%d] result=%s", __LINE__, continueText);
         return CONTINUE;
     }
-    failRequest(context, 3, "Virtual door access denied");
+    failRequest(context, fail::SCHEDULE, reasons::VIRTUAL_DOOR_DENIED);
     context.response.failedRelays = std::move(beforeFilter);
     AuthLogger::info("[VirtualDoorProcessor:%d] result=%s, reason=%s", __LINE__, failedText,
                      context.response.reason.c_str());

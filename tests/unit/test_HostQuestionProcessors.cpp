@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "engine/AuthEngine.h"
+#include "engine/QuestionIds.h"
 #include "processors/AntiPassbackProcessor.h"
 #include "processors/InterlockProcessor.h"
 #include "processors/ParkingRestrictionProcessor.h"
@@ -43,6 +44,30 @@ protected:
         provider.config.antiPassbackRelayMap = {{"1", 1}, {"2", 2}, {"3", 0}};
     }
 };
+
+// An answer id is read back as the question it was made for, and nothing else reads as one: an
+// answer for another request, or an id that only starts like a question, routes nowhere.
+TEST(QuestionIds, AnswerIdsReadBackAsTheirQuestions) {
+    using Q = RelayQuestion;
+    const struct {
+        std::string id;
+        Q::Kind kind;
+        std::string relay;
+    } cases[] = {
+        {antiPassbackQuestionId("req_1", "2"), Q::ANTI_PASSBACK, "2"},
+        {interlockQuestionId("req_1", "10"), Q::INTERLOCK, "10"},
+        {interlockQuestionId(relayPhaseId("req_1", "interlock"), "1"), Q::NONE, ""},
+        {antiPassbackQuestionId("req_12", "1"), Q::NONE, ""},
+        {relayPhaseId("req_1", "antipassback"), Q::NONE, ""},
+        {"req_1_ap", Q::NONE, ""},
+        {"req_1", Q::NONE, ""},
+    };
+    for (const auto& c : cases) {
+        const RelayQuestion question = relayQuestionOf(c.id, "req_1");
+        EXPECT_EQ(question.kind, c.kind) << c.id;
+        EXPECT_EQ(question.relay, c.relay) << c.id;
+    }
+}
 
 TEST_F(AntiPassbackProcessor, IneligibleRequestsPassWithoutAsking) {
     AuthContext remote = passer(1, {"1"}, "r"), noUser = passer(1, {"1"}, "r"),
@@ -262,8 +287,7 @@ TEST_F(ParkingRestrictionProcessor, DecidesWithoutAskingWhenItCan) {
     }
     EXPECT_EQ(run(plate(1, "r", OPEN_TYPE_LICENSE_PLATE, FAILED, 23)), FAILED);
     // Any other answer refuses too, as a parking refusal.
-    EXPECT_EQ(decide(plate(1, "r", OPEN_TYPE_LICENSE_PLATE, FAILED, 0)),
-              "FAILED 23 '' [1] []");
+    EXPECT_EQ(decide(plate(1, "r", OPEN_TYPE_LICENSE_PLATE, FAILED, 0)), "FAILED 23 '' [1] []");
     EXPECT_EQ(provider.callCount("requestParking"), 0);
     EXPECT_TRUE(log.contains("openType=2, skip"));
     EXPECT_TRUE(log.contains("openType=3, skip"));

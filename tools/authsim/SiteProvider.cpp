@@ -471,7 +471,8 @@ std::string SiteProvider::requestAntiPassback(const AuthRequest&, const UserData
     question.check = "antiPassback";
     // While answers are routed the engine narrows the list to the one relay it asks about.
     question.key = context.antiPassbackRelays.empty() ? "" : context.antiPassbackRelays.front();
-    question.engineId = context.requestId.empty() ? "" : context.requestId + "_ap_" + question.key;
+    question.engineId =
+        context.requestId.empty() ? "" : antiPassbackQuestionId(context.requestId, question.key);
     question.callback = std::move(callback);
     return ask(std::move(question));
 }
@@ -481,7 +482,8 @@ std::string SiteProvider::requestInterlock(const AuthRequest&, const std::string
     Question question;
     question.check = "interlock";
     question.key = relay;
-    question.engineId = context.requestId.empty() ? "" : context.requestId + "_il_" + relay;
+    question.engineId =
+        context.requestId.empty() ? "" : interlockQuestionId(context.requestId, relay);
     question.callback = std::move(callback);
     return ask(std::move(question));
 }
