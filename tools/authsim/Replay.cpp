@@ -8,6 +8,7 @@
 // answers the host gave later are delivered at their place. A sink on the replaying engine sees
 // every operation and report; each is compared with the recorded one, and the first difference is
 // the divergence.
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <map>
@@ -156,7 +157,8 @@ public:
         if (n >= list.size()) {
             if (!diverged) {
                 diverged = true;
-                divergenceIndex = position;
+                divergenceIndex =
+                    std::min(std::max(position, lastServed + 1), trace.events.size() - 1);
                 divergence = "the engine called " + name + " " + std::to_string(n + 1) +
                              " times; the trace has it " + std::to_string(list.size()) +
                              " times up to here";
@@ -164,6 +166,8 @@ public:
             return nullptr;
         }
         index = list[n];
+        servedAfter[index] = lastServed;
+        lastServed = std::max(lastServed, index);
         return &trace.events[index];
     }
 
@@ -181,6 +185,11 @@ public:
     std::atomic<int64_t> uptime{0};
     std::size_t clockApplied = 0;
     std::size_t position = 0;  ///< the event the driver is at
+    /// The latest recorded operation served so far, and for each served one the latest before it:
+    /// an operation called with other arguments went astray right after the one served before it,
+    /// which is where its divergence is shown (a flipped answer, not some later call).
+    std::size_t lastServed = 0;
+    std::map<std::size_t, std::size_t> servedAfter;
     bool diverged = false;
     std::size_t divergenceIndex = 0;
     std::string divergence;
@@ -205,6 +214,7 @@ public:
             return;
         }
         std::size_t index = 0;
+        std::size_t wrongAt = 0;
         {
             std::lock_guard<std::mutex> lock(state.mutex);
             const std::size_t n = state.observedOps[name]++;
@@ -213,12 +223,15 @@ public:
                 return;  // the provider has already called it a divergence
             }
             index = list[n];
+            wrongAt = std::min(index, state.servedAfter[index] + 1);
         }
         const json& recorded = state.trace.events[index].data;
         const json want = state.ids.translate(recorded.value("args", json::object()));
         const json got = data.value("args", json::object());
         if (want != got) {
-            state.diverge(index, "the engine called " + name + " with other arguments",
+            state.diverge(wrongAt,
+                          "the engine called " + name + " with other arguments than at #" +
+                              std::to_string(state.trace.events[index].seq),
                           "args " + got.dump());
         }
     }
