@@ -2,8 +2,7 @@
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
 // authsim's side of the library's trace: recording a run (run --trace, run --html), replaying a
-// trace against the engine (replay), drawing one as a page (--html) and turning one into a site
-// and a scenario (trace-to-scenario).
+// trace against the engine (replay), drawing one as a page (--html).
 #pragma once
 
 #include <memory>
@@ -44,11 +43,5 @@ int replayTrace(const TraceData& trace, const std::string& htmlFile);
 /// Writes a self-contained page with one timeline per attempt. `divergence` (0: none) marks the
 /// event where a replay went another way. False when the file cannot be written.
 bool writeTraceHtml(const TraceData& trace, const std::string& file, uint64_t divergence = 0);
-
-/// Writes a site file and a scenario file that reproduce the trace's attempts with the host's
-/// recorded answers and the recorded reports as expectations. @return the exit status (0, or 1
-/// when a file cannot be written).
-int traceToScenario(const TraceData& trace, const std::string& siteFile,
-                    const std::string& scenarioFile);
 
 }  // namespace authsim

@@ -231,8 +231,6 @@ int main(int argc, char** argv) {
     TraceOutput traceOutput;
     std::string traceFile;
     std::string htmlFile;
-    std::string siteOut;
-    std::string scenarioOut;
 
     CLI::App* run = app.add_subcommand(
         "run", "Run scenario files against a site; exit 1 on any mismatch, 2 on a bad file");
@@ -264,22 +262,13 @@ int main(int argc, char** argv) {
     replay->add_flag("--log", log, "copy the engine's log lines to standard error");
     replay->footer(EXIT_CODES);
 
-    CLI::App* convert = app.add_subcommand(
-        "trace-to-scenario",
-        "Turn a trace into a site file and a scenario file that reproduce its attempts, with\n"
-        "the recorded reports as the scenario's expectations");
-    convert->add_option("trace", traceFile, "the trace file (JSON lines)")->required();
-    convert->add_option("--site", siteOut, "the site file to write")->required();
-    convert->add_option("--scenario", scenarioOut, "the scenario file to write")->required();
-    convert->footer(EXIT_CODES);
-
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? 0 : EXIT_USAGE;
     }
     routeEngineLog(log);
-    if (replay->parsed() || convert->parsed()) {
+    if (replay->parsed()) {
         TraceData trace;
         try {
             trace = loadTrace(traceFile);
@@ -287,8 +276,7 @@ int main(int argc, char** argv) {
             printProblems(e, "");
             return EXIT_BAD_INPUT;
         }
-        return replay->parsed() ? replayTrace(trace, htmlFile)
-                                : traceToScenario(trace, siteOut, scenarioOut);
+        return replayTrace(trace, htmlFile);
     }
     return run->parsed() ? runScenarios(siteFile, scenarioFiles, asJson, traceOutput)
                          : runShell(siteFile, asJson);
