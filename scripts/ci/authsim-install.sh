@@ -42,8 +42,8 @@ grep -q "^auth_engine library $expected (built against $expected)$" <<<"$version
     fail "--version does not name the library's versions"
 
 echo "== authsim: man page"
-page=$(MANPAGER=cat MANWIDTH=100 man -l "$prefix/share/man/man1/authsim.1" 2>&1) ||
-    fail "man -l authsim.1 failed: $page"
+page=$(MANPAGER=cat MANWIDTH=100 man -l "$prefix/share/man/man1/authsim.1.gz" 2>&1) ||
+    fail "man -l authsim.1.gz failed: $page"
 grep -q "reference host and door simulator" <<<"$page" || fail "the man page has no NAME line"
 grep -qi "exit status" <<<"$page" || fail "the man page does not document the exit status"
 

@@ -231,18 +231,24 @@ AuthResponse AuthFacade::authenticate(const std::string& credential, OpenDoorTyp
 }
 
 AuthResponse AuthFacade::authenticate(const AuthRequest& request) {
+    const auto decide = [&]() -> AuthResponse {
+        const auto current = currentEngine();
+        if (!current) {
+            return notInitialized();
+        }
+        return shieldedLazy(
+            "authenticate", [] { return failedResponse("Internal error"); },
+            [&] { return current->authenticate(request, AuthCallback(), std::string()); });
+    };
+    if (!trace::active()) {
+        // The response is built in place, as without a trace: no move of it on the hot path.
+        return decide();
+    }
     const CallTrace trace("authenticate", [&](trace::JsonOut& json) {
         json.key("request");
         trace::write(json, request);
     });
-    const auto current = currentEngine();
-    if (!current) {
-        return trace.returned(notInitialized());
-    }
-    AuthResponse response = shieldedLazy(
-        "authenticate", [] { return failedResponse("Internal error"); },
-        [&] { return current->authenticate(request, AuthCallback(), std::string()); });
-    return trace.on() ? trace.returned(std::move(response)) : response;
+    return trace.returned(decide());
 }
 
 std::string AuthFacade::authenticateAsync(const AuthRequest& request, AuthCallback callback) {
