@@ -183,8 +183,8 @@ std::string TraceRecorder::keyId() const {
 void TraceRecorder::writeLine(const Slot& slot, std::string& out) const {
     out += "{\"seq\":" + std::to_string(slot.seq) + ",\"uptime\":" + std::to_string(slot.uptime) +
            ",\"wall\":" + std::to_string(slot.wall) + ",\"us\":" + std::to_string(slot.micros) +
-           ",\"thread\":" + std::to_string(slot.thread) + ",\"kind\":\"" +
-           traceKindName(slot.kind) + "\",\"name\":\"" + slot.name + "\"";
+           ",\"thread\":" + std::to_string(slot.thread) + R"(,"kind":")" +
+           traceKindName(slot.kind) + R"(","name":")" + slot.name + "\"";
     if (!slot.fields.empty()) {
         out += ',';
         out += slot.fields;
@@ -198,11 +198,11 @@ void TraceRecorder::writeJsonLines(std::ostream& out) const {
 
 std::string TraceRecorder::jsonLines() const {
     std::lock_guard<std::mutex> lock(mutex);
-    std::string text = std::string("{\"trace\":\"auth_engine\",\"format\":1,\"library\":\"") +
-                       AUTH_ENGINE_VERSION_STRING + "\",\"secrets\":\"" +
+    std::string text = std::string(R"({"trace":"auth_engine","format":1,"library":")") +
+                       AUTH_ENGINE_VERSION_STRING + R"(","secrets":")" +
                        (mode == SECRETS_CLEAR ? "clear" : "hashed") + "\"";
     if (mode == SECRETS_HASHED) {
-        text += ",\"keyId\":\"" + keyId() + "\"";
+        text += R"(,"keyId":")" + keyId() + "\"";
     }
     text += ",\"capacity\":" + std::to_string(slots.size()) +
             ",\"events\":" + std::to_string(kept) +

@@ -123,8 +123,6 @@ auto plainResult = [](JsonOut& json, const auto& value) {
     using Value = std::decay_t<decltype(value)>;
     if constexpr (std::is_same_v<Value, std::vector<std::string>>) {
         json.list(value);
-    } else if constexpr (std::is_same_v<Value, bool>) {
-        json.value(value);
     } else {
         json.value(value);
     }
