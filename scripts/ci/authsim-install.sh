@@ -51,9 +51,12 @@ echo "== authsim: bash completion"
 completion=$prefix/share/bash-completion/completions/authsim
 [ "$(bash -c 'source "$1" && complete -p authsim' _ "$completion")" = "complete -F _authsim authsim" ] ||
     fail "the completion file does not register a completion for authsim"
-offered=$(bash -c 'source "$1"; COMP_WORDS=(authsim r); COMP_CWORD=1; _authsim; echo "${COMPREPLY[*]}"' \
+offered=$(bash -c 'source "$1"; COMP_WORDS=(authsim ru); COMP_CWORD=1; _authsim; echo "${COMPREPLY[*]}"' \
     _ "$completion")
-[ "$offered" = run ] || fail "completing 'authsim r' offers '$offered', not 'run'"
+[ "$offered" = run ] || fail "completing 'authsim ru' offers '$offered', not 'run'"
+offered=$(bash -c 'source "$1"; COMP_WORDS=(authsim replay --); COMP_CWORD=2; _authsim; echo "${COMPREPLY[*]}"' \
+    _ "$completion")
+[ "$offered" = "--html --log --help" ] || fail "completing 'authsim replay --' offers '$offered'"
 
 echo "== authsim: schemas and an example from the prefix"
 for schema in site scenario; do
