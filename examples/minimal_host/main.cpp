@@ -13,7 +13,9 @@
 //   4. prints every decision and exits 0 only when each one is what this site expects.
 //
 // Every place where a real host puts its own code is marked "TODO (integrator):".
-// Pass -v to see the engine's log lines on stderr.
+// Pass -v to see the engine's log lines on stderr, --trace FILE to write the engine's trace (always
+// written, to minimal_host.trace.jsonl, when a decision is not the expected one; `authsim replay`
+// reproduces it on a desk).
 
 #include <auth_engine/auth_engine.h>
 
@@ -22,6 +24,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -295,10 +298,31 @@ bool opened(const AuthResponse& response, const std::vector<std::string>& relays
     return response.result == SUCCESS && response.openedRelays == relays;
 }
 
+// Writes the recorder's events as JSON lines to `file`.
+bool dumpTrace(const TraceRecorder& recorder, const std::string& file) {
+    std::ofstream out(file);
+    recorder.writeJsonLines(out);
+    if (!out.flush()) {
+        std::fprintf(stderr, "cannot write the trace to %s\n", file.c_str());
+        return false;
+    }
+    std::fprintf(stderr, "trace of the last %zu engine events written to %s\n", recorder.size(),
+                 file.c_str());
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool verbose = argc > 1 && std::strcmp(argv[1], "-v") == 0;
+    bool verbose = false;
+    std::string traceFile;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "-v") == 0) {
+            verbose = true;
+        } else if (std::strcmp(argv[i], "--trace") == 0 && i + 1 < argc) {
+            traceFile = argv[++i];
+        }
+    }
     // TODO (integrator): route the engine's log lines into the host's log (the default is syslog).
     if (verbose) {
         AuthLogger::setSink([](int, const std::string& line) {
@@ -311,6 +335,13 @@ int main(int argc, char** argv) {
     // compatible).
     std::printf("auth_engine %s (built with the headers of %s)\n", libraryVersion(),
                 AUTH_ENGINE_VERSION_STRING);
+
+    // TODO (integrator): keep a bounded trace of the engine's last events (what it asked, what the
+    // host answered, what it decided), to pull off the device when a door did not open. The
+    // recorder holds at most this many events; secrets (card texts, PINs) are written as keyed
+    // hashes. It is set before init, so that provider operations are recorded too.
+    const auto recorder = std::make_shared<TraceRecorder>(4096);
+    AuthFacade::getInstance().setTraceSink(recorder);
 
     PassbackPeer peer;
     auto site = std::make_shared<MinimalDoorData>(peer);
@@ -366,6 +397,13 @@ int main(int argc, char** argv) {
     // Alice, the unknown card and Bob's two reports.
     expect(site->reportCount() == 4, "the host hears every report");
 
+    AuthFacade::getInstance().setTraceSink(nullptr);
+    if (failures != 0 && traceFile.empty()) {
+        traceFile = "minimal_host.trace.jsonl";
+    }
+    if (!traceFile.empty() && !dumpTrace(*recorder, traceFile)) {
+        ++failures;
+    }
     if (failures != 0) {
         std::printf("minimal_host: %d unexpected decision(s)\n", failures);
         return 1;

@@ -12,5 +12,6 @@
 #include "auth_engine/FailCodes.h"
 #include "auth_engine/IAuthProcessor.h"
 #include "auth_engine/IDataProvider.h"
+#include "auth_engine/Trace.h"
 #include "auth_engine/export.h"
 #include "auth_engine/version.h"

@@ -42,8 +42,8 @@ grep -q "^auth_engine library $expected (built against $expected)$" <<<"$version
     fail "--version does not name the library's versions"
 
 echo "== authsim: man page"
-page=$(MANPAGER=cat MANWIDTH=100 man -l "$prefix/share/man/man1/authsim.1" 2>&1) ||
-    fail "man -l authsim.1 failed: $page"
+page=$(MANPAGER=cat MANWIDTH=100 man -l "$prefix/share/man/man1/authsim.1.gz" 2>&1) ||
+    fail "man -l authsim.1.gz failed: $page"
 grep -q "reference host and door simulator" <<<"$page" || fail "the man page has no NAME line"
 grep -qi "exit status" <<<"$page" || fail "the man page does not document the exit status"
 
@@ -51,9 +51,12 @@ echo "== authsim: bash completion"
 completion=$prefix/share/bash-completion/completions/authsim
 [ "$(bash -c 'source "$1" && complete -p authsim' _ "$completion")" = "complete -F _authsim authsim" ] ||
     fail "the completion file does not register a completion for authsim"
-offered=$(bash -c 'source "$1"; COMP_WORDS=(authsim r); COMP_CWORD=1; _authsim; echo "${COMPREPLY[*]}"' \
+offered=$(bash -c 'source "$1"; COMP_WORDS=(authsim ru); COMP_CWORD=1; _authsim; echo "${COMPREPLY[*]}"' \
     _ "$completion")
-[ "$offered" = run ] || fail "completing 'authsim r' offers '$offered', not 'run'"
+[ "$offered" = run ] || fail "completing 'authsim ru' offers '$offered', not 'run'"
+offered=$(bash -c 'source "$1"; COMP_WORDS=(authsim replay --); COMP_CWORD=2; _authsim; echo "${COMPREPLY[*]}"' \
+    _ "$completion")
+[ "$offered" = "--html --log --help" ] || fail "completing 'authsim replay --' offers '$offered'"
 
 echo "== authsim: schemas and an example from the prefix"
 for schema in site scenario; do

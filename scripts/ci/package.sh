@@ -6,8 +6,9 @@
 # build flags), checks that the library exports the public API only and compares its binary
 # interface with the baseline (scripts/abi-baseline). Installs it into temporary prefixes and builds
 # and runs examples/minimal_host against the installed package, through find_package and through
-# pkg-config, with the shared and with the static library; a second install with absolute library
-# and include dirs checks that the package files point there. Then makes the Debian packages, checks
+# pkg-config, with the shared and with the static library, replays the example's trace in authsim
+# and renders the trace page of an example in headless Chromium (installed here only, being large);
+# a second install with absolute library and include dirs checks that the package files point there. Then makes the Debian packages, checks
 # them with lintian, unpacks them into a scratch root and builds and runs the example against that
 # root, through find_package and through pkg-config. Exits non-zero on any failure.
 #   AUTH_ENGINE_PACKAGE_BUILD_DIR  build directory (default: build/package)
@@ -131,6 +132,40 @@ cmake --build "$build/example-cmake" -j "$jobs"
 LD_LIBRARY_PATH=$prefix/lib "$build/example-cmake/minimal_host" | tee "$work/example.out"
 grep -qx "auth_engine $version (built with the headers of $version)" "$work/example.out" ||
     fail "the installed library does not report version $version at run time"
+
+echo "== the example's trace, recorded by the library's TraceRecorder, replays in authsim"
+authsim=$build/lib/tools/authsim/authsim
+LD_LIBRARY_PATH=$prefix/lib "$build/example-cmake/minimal_host" \
+    --trace "$work/minimal_host.trace.jsonl" >/dev/null
+"$authsim" replay "$work/minimal_host.trace.jsonl" | tee "$work/replay.out"
+grep -q ', 0 divergences$' "$work/replay.out" || fail "the example's trace does not replay"
+
+echo "== the trace page of an example renders in headless Chromium"
+# Chromium is large: it is installed here only, and the check is skipped (saying so) where it
+# cannot be installed or started. The flags keep it off the network entirely.
+page_dir=$build/trace-page
+rm -rf "$page_dir"
+mkdir -p "$page_dir"
+"$authsim" run "$root/examples/site/building.json" \
+    "$root/examples/site/building/07-anti-passback.json" \
+    --trace "$page_dir/trace.jsonl" --html "$page_dir/page.html" >/dev/null
+chromium_flags=(--headless --no-sandbox --disable-gpu --disable-quic --no-first-run
+    --disable-background-networking --disable-component-update --disable-sync
+    --user-data-dir="$page_dir/profile" --window-size=1400,1600)
+if ! "$root/scripts/setup" chromium || ! chromium "${chromium_flags[@]}" --dump-dom \
+    "file://$page_dir/page.html" >"$page_dir/dom.html" 2>"$page_dir/chromium.log"; then
+    echo "SKIPPED: chromium cannot be installed or run here; the page was not rendered"
+else
+    reports=$(grep -c '"kind":"report"' "$page_dir/trace.jsonl")
+    shown=$(grep -o 'data-report="' "$page_dir/dom.html" | wc -l)
+    [ "$shown" -eq "$reports" ] || fail "the page shows $shown reports, the trace has $reports"
+    chromium "${chromium_flags[@]}" --screenshot="$page_dir/page.png" \
+        "file://$page_dir/page.html" 2>>"$page_dir/chromium.log" ||
+        fail "chromium did not render the page"
+    file "$page_dir/page.png" | grep -q 'PNG image data, 1400 x 1600' ||
+        fail "no 1400x1600 screenshot of the page: $(file "$page_dir/page.png")"
+    echo "page: $reports reports in the DOM; $page_dir/page.png $(stat -c %s "$page_dir/page.png") bytes"
+fi
 
 echo "== example through pkg-config"
 mkdir -p "$build/example-pkg-config"

@@ -19,6 +19,7 @@
 #include "Scenario.h"
 #include "Schema.h"
 #include "Site.h"
+#include "TraceTools.h"
 
 namespace {
 
@@ -65,7 +66,8 @@ bool readSite(const std::string& file, Site& site) {
     return true;
 }
 
-int runScenarios(const std::string& siteFile, const std::vector<std::string>& files, bool asJson) {
+int runScenarios(const std::string& siteFile, const std::vector<std::string>& files, bool asJson,
+                 const TraceOutput& output) {
     // Everything is read before anything runs, so a typo in the last file costs no transcript;
     // every file is read, so that one run lists every problem.
     Site site;
@@ -86,6 +88,7 @@ int runScenarios(const std::string& siteFile, const std::vector<std::string>& fi
         return EXIT_BAD_INPUT;
     }
     int failed = 0;
+    const TraceCapture capture(output);
     for (const auto& scenario : scenarios) {
         RunOptions options;
         options.json = asJson;
@@ -116,6 +119,9 @@ int runScenarios(const std::string& siteFile, const std::vector<std::string>& fi
     }
     if (!asJson && scenarios.size() > 1) {
         std::printf("== %zu scenarios, %d failed\n", scenarios.size(), failed);
+    }
+    if (!capture.write()) {
+        return EXIT_MISMATCH;
     }
     return failed == 0 ? 0 : EXIT_MISMATCH;
 }
@@ -222,6 +228,9 @@ int main(int argc, char** argv) {
     std::vector<std::string> scenarioFiles;
     bool asJson = false;
     bool log = false;
+    TraceOutput traceOutput;
+    std::string traceFile;
+    std::string htmlFile;
 
     CLI::App* run = app.add_subcommand(
         "run", "Run scenario files against a site; exit 1 on any mismatch, 2 on a bad file");
@@ -229,6 +238,10 @@ int main(int argc, char** argv) {
     run->add_option("scenarios", scenarioFiles, "scenario files (JSON)")->required();
     run->add_flag("--json", asJson, "print each report as one JSON object per line");
     run->add_flag("--log", log, "copy the engine's log lines to standard error");
+    run->add_option("--trace", traceOutput.traceFile,
+                    "write the library's trace of the run to FILE (JSON lines; for replay)");
+    run->add_option("--html", traceOutput.htmlFile,
+                    "write a page with a timeline per attempt to FILE (self-contained HTML)");
     run->footer(EXIT_CODES);
 
     CLI::App* shell = app.add_subcommand(
@@ -238,12 +251,33 @@ int main(int argc, char** argv) {
     shell->add_flag("--log", log, "copy the engine's log lines to standard error");
     shell->footer("Steps:\n" + stepHelp() + "Shell:\n" + SHELL_COMMANDS + "\n" + EXIT_CODES);
 
+    CLI::App* replay = app.add_subcommand(
+        "replay",
+        "Replay a trace (from run --trace or a device's TraceRecorder) against the engine: the\n"
+        "host answers as recorded, the clocks read as recorded, the facade calls are made again,\n"
+        "and every report must be the recorded one; exit 1 at the first divergence, which is\n"
+        "printed with the events around it");
+    replay->add_option("trace", traceFile, "the trace file (JSON lines)")->required();
+    replay->add_option("--html", htmlFile, "also write the trace's timeline page to FILE");
+    replay->add_flag("--log", log, "copy the engine's log lines to standard error");
+    replay->footer(EXIT_CODES);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? 0 : EXIT_USAGE;
     }
     routeEngineLog(log);
-    return run->parsed() ? runScenarios(siteFile, scenarioFiles, asJson)
+    if (replay->parsed()) {
+        TraceData trace;
+        try {
+            trace = loadTrace(traceFile);
+        } catch (const InputError& e) {
+            printProblems(e, "");
+            return EXIT_BAD_INPUT;
+        }
+        return replayTrace(trace, htmlFile);
+    }
+    return run->parsed() ? runScenarios(siteFile, scenarioFiles, asJson, traceOutput)
                          : runShell(siteFile, asJson);
 }
