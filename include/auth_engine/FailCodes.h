@@ -100,6 +100,9 @@ constexpr const char* INTERLOCK_FAILED = "Interlock failed for all relays";
 constexpr const char* PARKING_PENDING = "Parking restriction check pending";
 constexpr const char* PARKING_PENDING_UNROUTED = "Parking restriction check pending (no callback)";
 constexpr const char* PARKING_OFFLINE = "Parking restriction check skipped (offline mode)";
+/// Not a response reason: the entry of AuthContext::relayFailReasons for a relay refused because
+/// the attempt itself failed (the other entries name the processor that refused the relay).
+constexpr const char* RELAY_ATTEMPT_FAILED = "AuthFailed";
 }  // namespace reasons
 
 }  // namespace auth_engine

@@ -13,6 +13,7 @@
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/DecisionLocalTime.h"
 #include "common/ProcessorSupport.h"
 #include "engine/HostCall.h"
@@ -37,10 +38,6 @@
 namespace auth_engine {
 
 namespace {
-
-// What a synchronous attempt made from a callback the engine runs under its lock is answered.
-constexpr const char* REFUSED_UNDER_LOCK =
-    "Refused: called from a callback made under the engine's lock";
 
 // The fixed default order: credential processors first, so that a DTMF, remote-control,
 // temporary-key, HTTP or input open resolves its user before the generic lookup; policies follow.
@@ -90,7 +87,7 @@ AuthResult runList(IDataProvider& host, const std::vector<std::shared_ptr<IAuthP
             // A processor throws only when the host's code it called did; the request ends here and
             // is reported once by the caller's normal path.
             context.response.failCode = 0;
-            context.response.reason = "Internal error";
+            context.response.reason = reasons::INTERNAL_ERROR;
             return FAILED;
         }
     }
@@ -391,10 +388,10 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
     // provider stay until the worker is joined.
     const bool fromWorker = workerEngineOfThread == this;
     if ((!initialized && !fromWorker) || !host) {
-        return failedResponse("Engine not initialized");
+        return failedResponse(reasons::ENGINE_NOT_INITIALIZED);
     }
     if (refusedUnderLock("authenticate")) {
-        return failedResponse(REFUSED_UNDER_LOCK);
+        return failedResponse(reasons::REFUSED_UNDER_LOCK);
     }
     const Inside inside(*this);
     const HoldProvider holding(this, &host);
@@ -424,7 +421,7 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
         if (inUse) {
             AuthLogger::error("[AuthEngine:%d] requestId=%s is already in use, refused", __LINE__,
                               requestId.c_str());
-            context.response.reason = "Request id already in use";
+            context.response.reason = reasons::REQUEST_ID_IN_USE;
             reportToHost(provider().get(), context, callback);
             return context.response;
         }
@@ -551,12 +548,12 @@ AuthEngine::ChainSnapshot AuthEngine::chainSnapshot() {
 AuthResult AuthEngine::runSnapshot(const ChainSnapshot& snapshot, AuthContext& context) {
     if (!snapshot.walk || snapshot.walk->empty()) {
         context.response.failCode = 0;
-        context.response.reason = "No processor chain configured";
+        context.response.reason = reasons::NO_CHAIN;
         return FAILED;
     }
     if (!snapshot.host) {
         context.response.failCode = 0;
-        context.response.reason = "Engine not initialized";
+        context.response.reason = reasons::ENGINE_NOT_INITIALIZED;
         return FAILED;
     }
     return runList(*snapshot.host, *snapshot.walk, 0, context);
@@ -582,7 +579,7 @@ AuthResult AuthEngine::runProcessors(const std::vector<std::shared_ptr<IAuthProc
     const std::shared_ptr<IDataProvider> host = provider();
     if (!host) {
         context.response.failCode = 0;
-        context.response.reason = "Engine not initialized";
+        context.response.reason = reasons::ENGINE_NOT_INITIALIZED;
         return FAILED;
     }
     return runList(*host, list, first, context);

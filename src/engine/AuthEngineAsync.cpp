@@ -12,6 +12,7 @@
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 #include "engine/HostCall.h"
@@ -22,7 +23,7 @@ namespace auth_engine {
 namespace {
 
 AuthResponse shutdownResponse() {
-    return failedResponse("Engine shutdown");
+    return failedResponse(reasons::ENGINE_SHUTDOWN);
 }
 
 }  // namespace
@@ -197,7 +198,7 @@ void AuthEngine::checkTimeoutForChainRequests() {
         }
         context.response.result = FAILED;
         context.response.failCode = context.request.openType == OPEN_TYPE_TEMP_KEY ? 24 : 0;
-        context.response.reason = "Async request timeout";
+        context.response.reason = reasons::ASYNC_TIMEOUT;
         context.response.openedRelays.clear();
         context.response.targets.clear();
         // Called under the lock by design; a call back in that would lock again is refused.

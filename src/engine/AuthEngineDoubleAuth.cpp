@@ -10,6 +10,7 @@
 #include <string>
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 #include "processors/DoubleAuthProcessor.h"
@@ -50,14 +51,14 @@ std::shared_ptr<processors::DoubleAuthProcessor> controlledDoubleAuth(
     const std::map<std::string, std::shared_ptr<IAuthProcessor>>& registry,
     const std::shared_ptr<IAuthProcessor>& head, const char* operation, AuthResponse& refusal) {
     if (!ready) {
-        refusal = failedResponse("Engine not initialized");
+        refusal = failedResponse(reasons::ENGINE_NOT_INITIALIZED);
         return nullptr;
     }
     std::shared_ptr<processors::DoubleAuthProcessor> doubleAuth;
     {
         std::lock_guard<std::mutex> lock(chainMutex);
         if (!dataProvider) {
-            refusal = failedResponse("Engine not initialized");
+            refusal = failedResponse(reasons::ENGINE_NOT_INITIALIZED);
             return nullptr;
         }
         doubleAuth = reachableDoubleAuth(registry, head);

@@ -14,9 +14,11 @@
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/Distinct.h"
 #include "engine/AuthEngine.h"
 #include "engine/HostCall.h"
+#include "engine/RelaySplit.h"
 #include "processors/AntiPassbackProcessor.h"
 #include "processors/InterlockProcessor.h"
 #include "processors/ParkingRestrictionProcessor.h"
@@ -31,19 +33,6 @@ const char* const PHASE_INTERLOCK = "interlock";
 const char* const PHASE_PARKING = "parking";
 const char* const PHASE_UNLOCK_OPTIONS = "unlock_options";
 
-const char* const REASON_AUTH_FAILED = "AuthFailed";
-const char* const REASON_INTERNAL_ERROR = "Internal error";
-const char* const REASON_CHOICE_CANCELED = "User canceled relay selection";
-
-constexpr int CHECK_ANTI_PASSBACK = 0;
-constexpr int CHECK_INTERLOCK = 1;
-constexpr int CHECK_PARKING = 2;
-
-constexpr int FAIL_CODE_ANTI_PASSBACK = 5;
-constexpr int FAIL_CODE_INTERLOCK = 21;
-constexpr int FAIL_CODE_PARKING = 23;
-constexpr int FAIL_CODE_CHOICE = 44;
-
 constexpr int32_t CHOICE_TIMEOUT_SECONDS = 30;
 
 bool contains(const std::vector<std::string>& list, const std::string& value) {
@@ -52,17 +41,6 @@ bool contains(const std::vector<std::string>& list, const std::string& value) {
 
 bool isRelayTarget(const AuthTarget& target) {
     return target.type == 0 || target.type == 1;
-}
-
-/// Removes the first check of `relay` when it is `check`; true when it was.
-bool popCheck(std::map<std::string, std::vector<int>>& checks, const std::string& relay,
-              int check) {
-    const auto entry = checks.find(relay);
-    if (entry == checks.end() || entry->second.empty() || entry->second.front() != check) {
-        return false;
-    }
-    entry->second.erase(entry->second.begin());
-    return true;
 }
 
 /// A phase of `context` to park under "<parentId>_ind_<phase>" for `relays`, timed from
@@ -191,7 +169,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
     if (chainFailed) {
         for (const std::string& relay : candidates) {
             failed.push_back(relay);
-            context.relayFailReasons.emplace(relay, REASON_AUTH_FAILED);
+            context.relayFailReasons.emplace(relay, reasons::RELAY_ATTEMPT_FAILED);
         }
         candidates.clear();
         if (failed.empty()) {
@@ -210,7 +188,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         context.response.asyncType = PHASE_SYNC;
         context.response.result = FAILED;
         context.response.failCode = 0;
-        context.response.reason = REASON_INTERNAL_ERROR;
+        context.response.reason = reasons::INTERNAL_ERROR;
         context.response.failedRelays = std::move(failed);
         context.response.openedRelays.clear();
         context.response.targets.clear();
@@ -263,55 +241,11 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
     }
 
     // Split the candidates by the checks they still need.
-    const bool apApplies = config.antiPassbackEnabled && context.userData &&
-                           (context.userData->userType == 1 || context.userData->userType == 2) &&
-                           context.request.openType != OPEN_TYPE_REMOTE_CONTROL;
-    const bool parkingApplies = config.parkingRestrictionEnabled &&
-                                context.request.openType == OPEN_TYPE_LICENSE_PLATE &&
-                                context.userData && context.userData->userType == 1;
-    std::vector<std::string> apRelays;
-    std::vector<std::string> interlockRelays;
-    std::vector<std::string> parkingRelays;
-    std::vector<std::string> immediate;
-    immediate.reserve(candidates.size());
-    std::map<std::string, std::vector<int>> relayChecks;
-    for (const std::string& relay : candidates) {
-        std::vector<int> checks;
-        const auto direction = config.antiPassbackRelayMap.find(relay);
-        if (apApplies && direction != config.antiPassbackRelayMap.end() && direction->second != 0) {
-            apRelays.push_back(relay);
-            checks.push_back(CHECK_ANTI_PASSBACK);
-        }
-        const auto interlocked = config.interlockRelayMap.find(relay);
-        if (config.interlockEnabled && interlocked != config.interlockRelayMap.end() &&
-            interlocked->second) {
-            interlockRelays.push_back(relay);
-            checks.push_back(CHECK_INTERLOCK);
-        }
-        if (parkingApplies) {
-            parkingRelays.push_back(relay);
-            checks.push_back(CHECK_PARKING);
-        }
-        if (checks.empty()) {
-            immediate.push_back(relay);
-        } else {
-            relayChecks[relay] = std::move(checks);
-        }
-    }
-    std::vector<std::string> apAndParkingRelays;
-    const ListLookup parkingLookup(parkingRelays);
-    for (const std::string& relay : apRelays) {
-        if (parkingLookup.contains(relay)) {
-            apAndParkingRelays.push_back(relay);
-        }
-    }
-    std::vector<std::string> parkingOnlyRelays;
-    const ListLookup apLookup(apRelays);
-    for (const std::string& relay : parkingRelays) {
-        if (!apLookup.contains(relay)) {
-            parkingOnlyRelays.push_back(relay);
-        }
-    }
+    RelaySplit split = splitRelays(candidates, context, config);
+    const std::vector<std::string>& apRelays = split.antiPassback;
+    const std::vector<std::string>& interlockRelays = split.interlock;
+    const std::vector<std::string>& parkingRelays = split.parking;
+    const RelayChecks& relayChecks = split.checks;
 
     bool grantsTarget = context.userData && !context.userData->userTargetId.empty();
     for (const AuthTarget& target : context.authTargets) {
@@ -322,7 +256,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
     context.asyncType = PHASE_SYNC;
     context.response.asyncType = PHASE_SYNC;
     // The relays opened now move into the report; `opened` reads them there.
-    context.response.openedRelays = std::move(immediate);
+    context.response.openedRelays = std::move(split.immediate);
     const std::vector<std::string>& opened = context.response.openedRelays;
     context.response.failedRelays = failed;
     if (!opened.empty() || grantsTarget) {
@@ -364,8 +298,18 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         wrapper.relayChecks = relayChecks;
         wrapper.interlockRelays = interlockRelays;
         wrapper.parkingRelays = parkingRelays;
-        wrapper.apAndParkingRelays = apAndParkingRelays;
-        wrapper.parkingOnlyRelays = parkingOnlyRelays;
+        const ListLookup parkingLookup(parkingRelays);
+        const ListLookup apLookup(apRelays);
+        for (const std::string& relay : apRelays) {
+            if (parkingLookup.contains(relay)) {
+                wrapper.apAndParkingRelays.push_back(relay);
+            }
+        }
+        for (const std::string& relay : parkingRelays) {
+            if (!apLookup.contains(relay)) {
+                wrapper.parkingOnlyRelays.push_back(relay);
+            }
+        }
         wrapper.config = snapshot;
 
         {
@@ -638,7 +582,7 @@ void AuthEngine::reportPhaseFailure(const AuthContext& context, const AuthCallba
     failed.relays = relays;
     failed.response = phaseResponse(phase);
     failed.response.result = FAILED;
-    failed.response.reason = REASON_INTERNAL_ERROR;
+    failed.response.reason = reasons::INTERNAL_ERROR;
     failed.response.failedRelays = relays;
     failed.response.allFailed = 1;
     if (notifyProvider) {
@@ -713,8 +657,8 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
         context.response.targets.clear();
         context.response.openedRelays.clear();
         if (context.response.failCode == 0) {
-            context.response.failCode = FAIL_CODE_CHOICE;
-            context.response.reason = REASON_CHOICE_CANCELED;
+            context.response.failCode = fail::RELAY_CHOICE;
+            context.response.reason = reasons::CHOICE_CANCELED;
         }
         AuthLogger::info("[AuthEngine::resumeIndependentAsync] UnlockOptions canceled, failCode=%d",
                          context.response.failCode);
@@ -735,7 +679,7 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
         } else {
             context.response.openedRelays.clear();
             context.response.failedRelays = context.relays;
-            context.response.failCode = FAIL_CODE_PARKING;
+            context.response.failCode = fail::PARKING;
             for (const std::string& relay : context.relays) {
                 context.relayFailReasons[relay] = chain::PARKING_RESTRICTION;
             }
@@ -748,104 +692,30 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
     if (wrapper.phase == PHASE_INTERLOCK) {
         // The question's "pending" text no longer describes anything once the phase is decided.
         context.response.reason.clear();
-        // Only a plain SUCCESS opens an interlocked relay.
-        std::vector<std::string> passed;
-        std::vector<std::string> failed;
-        for (const auto& entry : context.interlockResults) {
-            if (entry.second.answered && entry.second.status == SUCCESS) {
-                passed.push_back(entry.first);
-            } else {
-                failed.push_back(entry.first);
-            }
-        }
-        std::map<std::string, std::vector<int>> checks = wrapper.relayChecks;
-        for (const std::string& relay : passed) {
-            popCheck(checks, relay, CHECK_INTERLOCK);
-        }
-        for (const std::string& relay : failed) {
-            checks.erase(relay);
+        PhaseOutcome outcome = afterInterlock(wrapper.relayChecks, context.interlockResults);
+        for (const std::string& relay : outcome.failed) {
             context.relayFailReasons[relay] = chain::INTERLOCK;
         }
-        std::vector<std::string> opened;
-        std::vector<std::string> parking;
-        for (auto entry = checks.begin(); entry != checks.end();) {
-            if (entry->second.empty()) {
-                opened.push_back(entry->first);
-                entry = checks.erase(entry);
-                continue;
-            }
-            if (entry->second.front() == CHECK_PARKING) {
-                parking.push_back(entry->first);
-            } else {
-                // Still waiting for a check that this phase cannot decide: keep it shut.
-                failed.push_back(entry->first);
-                context.relayFailReasons[entry->first] = chain::INTERLOCK;
-            }
-            ++entry;
-        }
-        notifyIndependentPhase(context, wrapper.callback, PHASE_INTERLOCK, opened, failed,
-                               FAIL_CODE_INTERLOCK, wrapper.notifyHost != 0);
-        continueWithParking(wrapper, context, checks, parentId, parking);
+        notifyIndependentPhase(context, wrapper.callback, PHASE_INTERLOCK, outcome.opened,
+                               outcome.failed, fail::INTERLOCK, wrapper.notifyHost != 0);
+        continueWithParking(wrapper, context, outcome.checks, parentId, outcome.parking);
         return;
     }
 
     if (wrapper.phase != PHASE_ANTI_PASSBACK) {
         return;
     }
-    std::vector<std::string> passed;
-    std::vector<std::string> failed;
-    for (const auto& entry : context.antiPassbackResults) {
-        if (entry.second.status == SUCCESS || entry.second.status == CONTINUE) {
-            passed.push_back(entry.first);
-        } else {
-            failed.push_back(entry.first);
-        }
-    }
-    // A relay of the phase that was never asked cannot have passed.
-    for (const std::string& relay : context.relays) {
-        if (context.antiPassbackResults.count(relay) == 0) {
-            failed.push_back(relay);
-        }
-    }
-
-    // Every relay of the phase has its list of checks still to pass (the split made one for each).
-    std::map<std::string, std::vector<int>> checks = wrapper.relayChecks;
-    for (const std::string& relay : passed) {
-        popCheck(checks, relay, CHECK_ANTI_PASSBACK);
-    }
-    for (const std::string& relay : failed) {
-        checks.erase(relay);
+    PhaseOutcome outcome =
+        afterAntiPassback(wrapper.relayChecks, context.relays, context.antiPassbackResults);
+    for (const std::string& relay : outcome.failed) {
         context.relayFailReasons[relay] = chain::ANTI_PASSBACK;
     }
-    std::vector<std::string> opened;
-    for (auto entry = checks.begin(); entry != checks.end();) {
-        if (entry->second.empty()) {
-            opened.push_back(entry->first);
-            entry = checks.erase(entry);
-        } else if (entry->second.front() == CHECK_ANTI_PASSBACK) {
-            failed.push_back(entry->first);
-            context.relayFailReasons[entry->first] = chain::ANTI_PASSBACK;
-            entry = checks.erase(entry);
-        } else {
-            ++entry;
-        }
-    }
-    notifyIndependentPhase(context, wrapper.callback, PHASE_ANTI_PASSBACK, opened, failed,
-                           FAIL_CODE_ANTI_PASSBACK, true);
-    std::vector<std::string> interlock;
-    std::vector<std::string> parking;
-    for (const auto& entry : checks) {
-        if (entry.second.front() == CHECK_INTERLOCK) {
-            interlock.push_back(entry.first);
-        } else {
-            parking.push_back(entry.first);
-        }
-    }
-    // Relays that need interlock and parking reach parking from the interlock resume.
-    if (!interlock.empty()) {
-        continueWithInterlock(wrapper, context, checks, parentId, interlock);
+    notifyIndependentPhase(context, wrapper.callback, PHASE_ANTI_PASSBACK, outcome.opened,
+                           outcome.failed, fail::ANTI_PASSBACK, true);
+    if (!outcome.interlock.empty()) {
+        continueWithInterlock(wrapper, context, outcome.checks, parentId, outcome.interlock);
     } else {
-        continueWithParking(wrapper, context, checks, parentId, parking);
+        continueWithParking(wrapper, context, outcome.checks, parentId, outcome.parking);
     }
 }
 
@@ -906,11 +776,11 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
             AuthResponse& response = phase.context.response;
             response.result = FAILED;
             if (phase.phase == PHASE_UNLOCK_OPTIONS) {
-                response.failCode = FAIL_CODE_CHOICE;
-                response.reason = "Unlock options timeout";
+                response.failCode = fail::RELAY_CHOICE;
+                response.reason = reasons::CHOICE_TIMEOUT;
             } else {
                 response.failCode = 0;
-                response.reason = "Independent async request timeout";
+                response.reason = reasons::PHASE_TIMEOUT;
             }
             response.asyncType = phase.phase;
             // A failure never repeats what an earlier report opened; it names what stays shut.

@@ -15,6 +15,7 @@
 
 #include "auth_engine/AuthClock.h"
 #include "auth_engine/AuthLogger.h"
+#include "auth_engine/FailCodes.h"
 #include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 #include "trace/TraceHub.h"
@@ -237,7 +238,7 @@ AuthResponse AuthFacade::authenticate(const AuthRequest& request) {
             return notInitialized();
         }
         return shieldedLazy(
-            "authenticate", [] { return failedResponse("Internal error"); },
+            "authenticate", [] { return failedResponse(reasons::INTERNAL_ERROR); },
             [&] { return current->authenticate(request, AuthCallback(), std::string()); });
     };
     if (!trace::active()) {
@@ -315,8 +316,8 @@ void AuthFacade::handleUnlockOptionsResponse(const std::string& optionsId,
             response.unlockOptionsRelays = selectedRelays;
         } else {
             response.result = FAILED;
-            response.failCode = 44;
-            response.reason = "User canceled relay selection";
+            response.failCode = fail::RELAY_CHOICE;
+            response.reason = reasons::CHOICE_CANCELED;
         }
         current->handleAsyncResponse(optionsId, response.result, response, AuthContext());
     });
@@ -330,7 +331,7 @@ AuthResponse AuthFacade::handleDoubleAuthTimeout(const std::string& pendingId) {
         return trace.returned(notInitialized());
     }
     return trace.returned(shieldedLazy(
-        "handleDoubleAuthTimeout", [] { return failedResponse("Internal error"); },
+        "handleDoubleAuthTimeout", [] { return failedResponse(reasons::INTERNAL_ERROR); },
         [&] { return current->handleDoubleAuthTimeout(pendingId); }));
 }
 
@@ -344,7 +345,7 @@ AuthResponse AuthFacade::cancelDoubleAuth(const std::string& pendingId,
         return trace.returned(notInitialized());
     }
     return trace.returned(shieldedLazy(
-        "cancelDoubleAuth", [] { return failedResponse("Internal error"); },
+        "cancelDoubleAuth", [] { return failedResponse(reasons::INTERNAL_ERROR); },
         [&] { return current->cancelDoubleAuth(pendingId, reasonText); }));
 }
 
