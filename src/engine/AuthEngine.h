@@ -337,7 +337,14 @@ private:
 
     // ---- independent phases ----
 
-    /// Stores a phase that was being built under `phaseId` (a new generation of that id) and
+    /// Parks `phase` while its questions go out: answers that arrive while `ask` runs (outside
+    /// every engine lock) wait, and are applied once the phase is stored. `ask` returns whether
+    /// the phase is decided already; a decided phase resumes at once.
+    void parkPhaseAndAsk(IndependentAsyncContext phase,
+                         const std::function<bool(IndependentAsyncContext&)>& ask);
+    /// Closes every question of `owner` and drops the answers held for it (takes queueMutex).
+    void forgetQuestions(const std::string& owner);
+    /// Stores a phase that was being built under `phaseId` and
     /// applies the answers that waited; returns the ids to resume. Caller holds queueMutex.
     std::vector<std::string> storePhaseLocked(const std::string& phaseId,
                                               IndependentAsyncContext phase);

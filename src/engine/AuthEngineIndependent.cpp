@@ -312,57 +312,39 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         }
         wrapper.config = snapshot;
 
-        {
-            std::lock_guard<std::mutex> lock(queueMutex);
-            beginConstructionLocked(phaseId, false);
-        }
-        const auto processor = std::dynamic_pointer_cast<processors::AntiPassbackProcessor>(
-            getProcessor(chain::ANTI_PASSBACK));
-        AuthResult apResult = ASYNC_PENDING;
-        if (processor) {
+        parkPhaseAndAsk(std::move(wrapper), [&](IndependentAsyncContext& phase) {
+            const auto processor = std::dynamic_pointer_cast<processors::AntiPassbackProcessor>(
+                getProcessor(chain::ANTI_PASSBACK));
+            if (!processor) {
+                return false;  // nothing was asked: the phase ends by its timeout
+            }
+            AuthResult apResult = ASYNC_PENDING;
             const std::shared_ptr<IDataProvider> host = provider();
             const bool asked =
                 host && callHost("anti-passback phase question", [&] {
-                    apResult = processor->processRelays(wrapper.context, *host, apRelays, config);
+                    apResult = processor->processRelays(phase.context, *host, apRelays, config);
                 });
             if (!asked) {
                 // Nothing reliable was sent, and an answer given before the throw cannot count:
                 // every relay of the phase fails, once, on resume.
-                {
-                    std::lock_guard<std::mutex> lock(queueMutex);
-                    forgetQuestionsLocked(phaseId);
-                }
+                forgetQuestions(phaseId);
                 for (const std::string& relay : apRelays) {
-                    AntiPassbackSubResult& result = wrapper.context.antiPassbackResults[relay];
+                    AntiPassbackSubResult& result = phase.context.antiPassbackResults[relay];
                     result.relay = relay;
                     result.status = FAILED;
                     result.answered = true;
                 }
-                wrapper.context.antiPassbackPending = 0;
+                phase.context.antiPassbackPending = 0;
                 apResult = FAILED;
             }
-        }
-        const int pendingCount = wrapper.context.antiPassbackPending;
-        const int resultCount = static_cast<int>(wrapper.context.antiPassbackResults.size());
-        std::vector<std::string> resumes;
-        {
-            std::lock_guard<std::mutex> lock(queueMutex);
-            resumes = storePhaseLocked(phaseId, std::move(wrapper));
-        }
-        if (processor) {
             AuthLogger::info(
                 "[AuthEngine::processPostSyncPhase] Saved independent AP context: requestId=%s, "
                 "pendingCount=%d, resultCount=%d, relayCount=%d, apResult=%d",
-                phaseId.c_str(), pendingCount, resultCount, static_cast<int>(apRelays.size()),
-                static_cast<int>(apResult));
-            // Without a processor nothing was asked: the phase ends by its timeout.
-            if (apResult != ASYNC_PENDING && !contains(resumes, phaseId)) {
-                resumes.push_back(phaseId);
-            }
-        }
-        for (const std::string& id : resumes) {
-            enqueueResume(id);
-        }
+                phaseId.c_str(), phase.context.antiPassbackPending,
+                static_cast<int>(phase.context.antiPassbackResults.size()),
+                static_cast<int>(apRelays.size()), static_cast<int>(apResult));
+            return apResult != ASYNC_PENDING;
+        });
     } else if (!interlockRelays.empty()) {
         startInterlockPhase(context, callback, relayChecks, ensureParentId(), interlockRelays, true,
                             snapshot);
@@ -422,45 +404,27 @@ void AuthEngine::startInterlockPhase(const AuthContext& context, const AuthCallb
     wrapper.notifyHost = notifyProvider ? 1 : 0;
     wrapper.config = snapshot;
 
-    {
-        std::lock_guard<std::mutex> lock(queueMutex);
-        beginConstructionLocked(phaseId, false);
-    }
-    const auto processor =
-        std::dynamic_pointer_cast<processors::InterlockProcessor>(getProcessor(chain::INTERLOCK));
-    const std::shared_ptr<IDataProvider> host = provider();
-    const bool asked = processor && host && callHost("interlock phase question", [&] {
-                           processor->processRelays(wrapper.context, *host, relays);
-                       });
-    if (!asked) {
-        // Nobody can vouch for these relays, an answer given before a throw included: they stay
-        // shut.
-        {
-            std::lock_guard<std::mutex> lock(queueMutex);
-            forgetQuestionsLocked(phaseId);
+    parkPhaseAndAsk(std::move(wrapper), [&](IndependentAsyncContext& phase) {
+        const auto processor = std::dynamic_pointer_cast<processors::InterlockProcessor>(
+            getProcessor(chain::INTERLOCK));
+        const std::shared_ptr<IDataProvider> host = provider();
+        const bool asked = processor && host && callHost("interlock phase question", [&] {
+                               processor->processRelays(phase.context, *host, relays);
+                           });
+        if (!asked) {
+            // Nobody can vouch for these relays, an answer given before a throw included: they
+            // stay shut.
+            forgetQuestions(phaseId);
+            for (auto& entry : phase.context.interlockResults) {
+                entry.second.status = FAILED;
+                entry.second.answered = true;
+                phase.context.relayFailReasons[entry.first] = chain::INTERLOCK;
+            }
+            phase.context.interlockPending = 0;
         }
-        for (auto& entry : wrapper.context.interlockResults) {
-            entry.second.status = FAILED;
-            entry.second.answered = true;
-            wrapper.context.relayFailReasons[entry.first] = chain::INTERLOCK;
-        }
-        wrapper.context.interlockPending = 0;
-    }
-
-    std::vector<std::string> resumes;
-    {
-        std::lock_guard<std::mutex> lock(queueMutex);
-        resumes = storePhaseLocked(phaseId, std::move(wrapper));
-        // Answers that came inline were applied by now; resume only once nothing is outstanding.
-        const auto stored = independentContexts.find(phaseId);
-        if (stored != independentContexts.end() && stored->second.context.interlockPending <= 0 &&
-            !contains(resumes, phaseId)) {
-            resumes.push_back(phaseId);
-        }
-    }
-    for (const std::string& id : resumes) {
-        enqueueResume(id);
-    }
+        // Relays answered from inside the call (offline peers) may have decided the phase already.
+        return phase.context.interlockPending <= 0;
+    });
 }
 
 void AuthEngine::launchParkingPhase(const AuthContext& context, const AuthCallback& callback,
@@ -500,42 +464,56 @@ void AuthEngine::startParkingPhase(const AuthContext& context, const AuthCallbac
     wrapper.parkingRelays = relays;
     wrapper.config = snapshot;
 
+    parkPhaseAndAsk(std::move(wrapper), [&](IndependentAsyncContext& phase) {
+        const auto processor = std::dynamic_pointer_cast<processors::ParkingRestrictionProcessor>(
+            getProcessor(chain::PARKING_RESTRICTION));
+        const std::shared_ptr<IDataProvider> host = provider();
+        AuthResult result = FAILED;
+        if (processor && host) {
+            const bool asked = callHost("parking phase question", [&] {
+                result = processor->processRelays(phase.context, *host, relays, *snapshot);
+            });
+            if (!asked) {
+                // A throw leaves the result FAILED, even after an answer given from inside the
+                // call.
+                result = FAILED;
+                forgetQuestions(phaseId);
+            }
+        }
+        if (result == ASYNC_PENDING) {
+            return false;
+        }
+        // Decided without an answer: an offline host (or a check that does not apply) lets the
+        // user through; a missing processor or a failure to ask does not.
+        phase.context.response.result = result == CONTINUE ? SUCCESS : FAILED;
+        return true;
+    });
+}
+
+void AuthEngine::parkPhaseAndAsk(IndependentAsyncContext phase,
+                                 const std::function<bool(IndependentAsyncContext&)>& ask) {
+    const std::string phaseId = phase.context.requestId;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         beginConstructionLocked(phaseId, false);
     }
-    const auto processor = std::dynamic_pointer_cast<processors::ParkingRestrictionProcessor>(
-        getProcessor(chain::PARKING_RESTRICTION));
-    const std::shared_ptr<IDataProvider> host = provider();
-    AuthResult result = FAILED;
-    if (processor && host) {
-        const bool asked = callHost("parking phase question", [&] {
-            result = processor->processRelays(wrapper.context, *host, relays, *snapshot);
-        });
-        if (!asked) {
-            // A throw leaves the result FAILED, even after an answer given from inside the call.
-            result = FAILED;
-            std::lock_guard<std::mutex> lock(queueMutex);
-            forgetQuestionsLocked(phaseId);
-        }
-    }
-    if (result != ASYNC_PENDING) {
-        // Decided without an answer: an offline host (or a check that does not apply) lets the
-        // user through; a missing processor or a failure to ask does not.
-        wrapper.context.response.result = result == CONTINUE ? SUCCESS : FAILED;
-    }
-
+    const bool decided = ask(phase);
     std::vector<std::string> resumes;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        resumes = storePhaseLocked(phaseId, std::move(wrapper));
+        resumes = storePhaseLocked(phaseId, std::move(phase));
     }
-    if (result != ASYNC_PENDING && !contains(resumes, phaseId)) {
+    if (decided && !contains(resumes, phaseId)) {
         resumes.push_back(phaseId);
     }
     for (const std::string& id : resumes) {
         enqueueResume(id);
     }
+}
+
+void AuthEngine::forgetQuestions(const std::string& owner) {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    forgetQuestionsLocked(owner);
 }
 
 std::vector<std::string> AuthEngine::storePhaseLocked(const std::string& phaseId,
