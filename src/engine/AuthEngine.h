@@ -337,6 +337,12 @@ private:
 
     // ---- independent phases ----
 
+    /// What a resumed phase decides and reports: one step per kind of phase. The phase has left
+    /// the store; `parentId` is the request the next phase is launched for.
+    void finishRelayChoice(IndependentAsyncContext& wrapper);
+    void finishParking(IndependentAsyncContext& wrapper);
+    void finishInterlock(IndependentAsyncContext& wrapper, const std::string& parentId);
+    void finishAntiPassback(IndependentAsyncContext& wrapper, const std::string& parentId);
     /// Parks `phase` while its questions go out: answers that arrive while `ask` runs (outside
     /// every engine lock) wait, and are applied once the phase is stored. `ask` returns whether
     /// the phase is decided already; a decided phase resumes at once.
