@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
-// AuthEngine set-up, processor registry and chain, the synchronous run and the small helpers shared
-// by every path (host-call guard, reporting, inspection).
+// AuthEngine set-up: init, the processor registry and the chain, the frames that mark host code
+// calling back in, and the read-only inspection tests and tools use.
 #include "engine/AuthEngine.h"
 
 #include <pthread.h>
@@ -18,36 +18,23 @@
 #include "common/ProcessorSupport.h"
 #include "engine/HostCall.h"
 #include "engine/WorkerThread.h"
-#include "processors/AntiPassbackProcessor.h"
-#include "processors/BleIntervalProcessor.h"
-#include "processors/DoubleAuthProcessor.h"
-#include "processors/DtmfProcessor.h"
-#include "processors/HolidayCheckProcessor.h"
-#include "processors/HttpProcessor.h"
-#include "processors/InputProcessor.h"
-#include "processors/InterlockProcessor.h"
-#include "processors/LockDownProcessor.h"
-#include "processors/ParkingRestrictionProcessor.h"
-#include "processors/RemoteControlProcessor.h"
-#include "processors/TempKeyProcessor.h"
-#include "processors/TimeCheckProcessor.h"
-#include "processors/UnlockTypeProcessor.h"
-#include "processors/UserLookupProcessor.h"
-#include "processors/VirtualDoorProcessor.h"
+#include "processors/BuiltinProcessors.h"
 
 namespace auth_engine {
 
 namespace {
 
-// The fixed default order: credential processors first, so that a DTMF, remote-control,
-// temporary-key, HTTP or input open resolves its user before the generic lookup; policies follow.
-// The three per-relay checks are registered but run only in the independent relay phase.
+// The fixed default order: the links of the built-in table, in its order.
 const std::vector<std::string>& defaultChain() {
-    static const std::vector<std::string> names = {
-        chain::DTMF,       chain::REMOTE_CONTROL, chain::TEMP_KEY,      chain::HTTP,
-        chain::INPUT,      chain::USER_LOOKUP,    chain::DOUBLE_AUTH,   chain::VIRTUAL_DOOR,
-        chain::TIME_CHECK, chain::BLE_INTERVAL,   chain::HOLIDAY_CHECK, chain::UNLOCK_TYPE,
-        chain::LOCK_DOWN};
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> chain;
+        for (const processors::BuiltinProcessor& entry : processors::builtinProcessors()) {
+            if (entry.inDefaultChain) {
+                chain.emplace_back(entry.name);
+            }
+        }
+        return chain;
+    }();
     return names;
 }
 
@@ -68,59 +55,6 @@ std::vector<std::shared_ptr<IAuthProcessor>> walkFrom(std::shared_ptr<IAuthProce
     }
     return list;
 }
-
-// The chain runner: runs `list` from position `first` until a result other than CONTINUE (all
-// CONTINUE is SUCCESS), and records the processor that returned ASYNC_PENDING. A throw from a
-// processor ends the request FAILED, fail code 0, "Internal error".
-AuthResult runList(IDataProvider& host, const std::vector<std::shared_ptr<IAuthProcessor>>& list,
-                   std::size_t first, AuthContext& context) {
-    AuthResult result = CONTINUE;
-    for (std::size_t i = first; i < list.size() && result == CONTINUE; ++i) {
-        const auto& processor = list[i];
-        const bool completed = callHost("processor", [&] {
-            result = processor->process(context, host);
-            if (result == ASYNC_PENDING) {
-                context.pendingProcessor = processor->getName();
-            }
-        });
-        if (!completed) {
-            // A processor throws only when the host's code it called did; the request ends here and
-            // is reported once by the caller's normal path.
-            context.response.failCode = 0;
-            context.response.reason = reasons::INTERNAL_ERROR;
-            return FAILED;
-        }
-    }
-    return result == CONTINUE ? SUCCESS : result;
-}
-
-// The provider a decision on this thread already holds, for the steps of that decision (post-sync
-// split, reports, parking), so that they do not take the chain lock again for it. Set by
-// authenticate for its duration; nested decisions restore the outer one.
-struct HeldProvider {
-    const AuthEngine* engine = nullptr;
-    const std::shared_ptr<IDataProvider>* host = nullptr;
-};
-thread_local HeldProvider heldProvider;
-
-// Also marks the thread as running a decision, so that its local time is converted once.
-class HoldProvider {
-public:
-    HoldProvider(const AuthEngine* engine, const std::shared_ptr<IDataProvider>* host)
-        : previous(heldProvider), previousLocalTime(beginDecisionLocalTime()) {
-        heldProvider = HeldProvider{engine, host};
-    }
-    ~HoldProvider() {
-        heldProvider = previous;
-        endDecisionLocalTime(previousLocalTime);
-    }
-    HoldProvider(const HoldProvider&) = delete;
-    HoldProvider& operator=(const HoldProvider&) = delete;
-
-private:
-    const HeldProvider previous;
-    const DecisionLocalTimeState previousLocalTime;
-};
 
 // Attaches the processors that ask the host to the engine's questions (or detaches them).
 void attachEngine(const std::shared_ptr<IAuthProcessor>& processor, AuthEngine* engine) {
@@ -280,24 +214,11 @@ int AuthEngine::init(std::shared_ptr<IDataProvider> newProvider) {
 }
 
 void AuthEngine::createProcessors() {
-    std::vector<std::shared_ptr<IAuthProcessor>> created = {
-        std::make_shared<processors::UserLookupProcessor>(),
-        std::make_shared<processors::DtmfProcessor>(),
-        std::make_shared<processors::RemoteControlProcessor>(),
-        std::make_shared<processors::TempKeyProcessor>(),
-        std::make_shared<processors::HttpProcessor>(),
-        std::make_shared<processors::InputProcessor>(),
-        std::make_shared<processors::DoubleAuthProcessor>(),
-        std::make_shared<processors::TimeCheckProcessor>(),
-        std::make_shared<processors::BleIntervalProcessor>(),
-        std::make_shared<processors::VirtualDoorProcessor>(),
-        std::make_shared<processors::HolidayCheckProcessor>(),
-        std::make_shared<processors::UnlockTypeProcessor>(),
-        std::make_shared<processors::LockDownProcessor>(),
-        std::make_shared<processors::AntiPassbackProcessor>(),
-        std::make_shared<processors::InterlockProcessor>(),
-        std::make_shared<processors::ParkingRestrictionProcessor>(),
-    };
+    std::vector<std::shared_ptr<IAuthProcessor>> created;
+    created.reserve(processors::builtinProcessors().size());
+    for (const processors::BuiltinProcessor& entry : processors::builtinProcessors()) {
+        created.push_back(entry.make());
+    }
     for (const auto& processor : created) {
         attachEngine(processor, this);
     }
@@ -373,191 +294,7 @@ bool AuthEngine::isReady() const {
     return initialized;
 }
 
-AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCallback& callback,
-                                      const std::string& requestId) {
-    // The chain and the provider it runs against, taken together under one lock. A decision nested
-    // in another one on this thread reports to the provider the outer one holds, as provider()
-    // gives it.
-    const ChainSnapshot chain = chainSnapshot();
-    // A reference, not a copy: the snapshot lives as long as this call, and so does the outer
-    // decision that holds its own provider.
-    const std::shared_ptr<IDataProvider>& host =
-        heldProvider.engine == this ? *heldProvider.host : chain.host;
-    // The worker decides a submission it has taken even when a reset has begun meanwhile (the reset
-    // waits for it): the submission was accepted, so its caller must hear back. Processors and
-    // provider stay until the worker is joined.
-    const bool fromWorker = workerEngineOfThread == this;
-    if ((!initialized && !fromWorker) || !host) {
-        return failedResponse(reasons::ENGINE_NOT_INITIALIZED);
-    }
-    if (refusedUnderLock("authenticate")) {
-        return failedResponse(reasons::REFUSED_UNDER_LOCK);
-    }
-    const Inside inside(*this);
-    const HoldProvider holding(this, &host);
-
-    AuthContext context;
-    context.request = request;
-    context.response.result = FAILED;
-    context.response.failCode = 0;
-    context.requestId = requestId;
-    context.authTargets = request.targets;
-
-    if (!requestId.empty()) {
-        // Visible by id while the chain runs; answers that arrive meanwhile wait for the park.
-        AsyncContext early = makeAsyncContext(context, ASYNC_TYPE_SYNC, callback);
-        bool inUse = false;
-        {
-            std::lock_guard<std::mutex> lock(queueMutex);
-            // A caller's id that still names a request, a phase or a question would let the
-            // answers of one decide the other.
-            inUse = isLiveOwnerLocked(requestId) || subRequests.count(requestId) != 0 ||
-                    ownQuestions.count(requestId) != 0;
-            if (!inUse) {
-                asyncContexts[requestId] = std::move(early);
-                beginConstructionLocked(requestId, true);
-            }
-        }
-        if (inUse) {
-            AuthLogger::error("[AuthEngine:%d] requestId=%s is already in use, refused", __LINE__,
-                              requestId.c_str());
-            context.response.reason = reasons::REQUEST_ID_IN_USE;
-            reportToHost(provider().get(), context, callback);
-            return context.response;
-        }
-    }
-
-    // A locked-out reader is refused before anything is looked up for the attempt.
-    const AuthResult result = guessGuard.refusesNow(request.readerType)
-                                  ? GuessGuard::refuse(context)
-                                  : runSnapshot(chain, context);
-    if (context.response.duress) {
-        // Before any report of the attempt, so that the host's alarm runs even if that is lost.
-        callHost("onDuress", [&] { host->onDuress(context); });
-    }
-
-    // Reader default relays (informational): direction 2 is deliberately preferred over 1.
-    if (context.readerRelays.empty()) {
-        // Asked of the provider this call already holds (as fetchConfig does, a throw gives the
-        // default configuration).
-        AuthConfig config;
-        callHost("getAuthConfig", [&] { config = host->getAuthConfig(); });
-        if (config.virtualDoorEnabled) {
-            const auto reader = config.readerRelayMap.find(context.request.readerType);
-            if (reader != config.readerRelayMap.end() && !reader->second.empty()) {
-                const auto out = reader->second.find(RELAY_DIRECTION_OUT);
-                const auto in = reader->second.find(RELAY_DIRECTION_IN);
-                if (out != reader->second.end() && !out->second.empty()) {
-                    context.readerRelays = out->second;
-                    context.readerDirection = RELAY_DIRECTION_OUT;
-                } else if (in != reader->second.end() && !in->second.empty()) {
-                    context.readerRelays = in->second;
-                    context.readerDirection = RELAY_DIRECTION_IN;
-                }
-            }
-        }
-    }
-
-    const auto release = [&] {
-        if (requestId.empty()) {
-            return;
-        }
-        std::lock_guard<std::mutex> lock(queueMutex);
-        asyncContexts.erase(requestId);
-        abandonConstructionLocked(requestId);
-    };
-
-    switch (result) {
-        case ASYNC_PENDING: {
-            context.response.result = ASYNC_PENDING;
-            if (!requestId.empty()) {
-                AsyncContext parked = makeAsyncContext(context, ASYNC_TYPE_SYNC, callback);
-                std::vector<std::string> ready;
-                {
-                    std::lock_guard<std::mutex> lock(queueMutex);
-                    if (running) {
-                        asyncContexts[requestId] = std::move(parked);
-                        ready = finishConstructionLocked(requestId);
-                    } else {
-                        // A reset ran while the chain did: it drops parked chains silently, and
-                        // this one, parked after its sweep, must not outlive it either.
-                        asyncContexts.erase(requestId);
-                        abandonConstructionLocked(requestId);
-                    }
-                }
-                for (const auto& id : ready) {
-                    enqueueResume(id);
-                }
-            }
-            return context.response;
-        }
-        case DROPPED:
-            context.response.result = DROPPED;
-            release();
-            return context.response;
-        case IGNORED:
-            context.response.result = IGNORED;
-            if (callback) {
-                callHost("callback", [&] { callback(requestId, context.response, context); });
-            }
-            release();
-            return context.response;
-        case DOUBLE_AUTH_PENDING:
-            context.response.result = DOUBLE_AUTH_PENDING;
-            AuthLogger::info("AuthEngine::authenticate: requestId=%s, result=%s", requestId.c_str(),
-                             AuthLogger::authResultToString(DOUBLE_AUTH_PENDING));
-            reportToHost(provider().get(), context, callback);
-            release();
-            return context.response;
-        default:
-            break;
-    }
-
-    release();
-    context.response.result = result;
-    AuthLogger::info("AuthEngine::authenticate: requestId=%s, result=%d", requestId.c_str(),
-                     static_cast<int>(result));
-    callHost("processPostSyncPhase", [&] { processPostSyncPhase(context, callback); });
-    // The context ends here: its response is handed out rather than copied.
-    return std::move(context.response);
-}
-
-AuthResult AuthEngine::executeProcessorChain(AuthContext& context) {
-    return runSnapshot(chainSnapshot(), context);
-}
-
-std::string AuthEngine::generateRequestId() {
-    const uint32_t number = requestCounter->fetch_add(1);
-    return "req_" + std::to_string(number) + "_" + std::to_string(AuthClock::now());
-}
-
-int64_t AuthEngine::getUptimeSeconds() {
-    return AuthClock::uptime();
-}
-
 // ---- chain walks ----
-
-AuthEngine::ChainSnapshot AuthEngine::chainSnapshot() {
-    ChainSnapshot snapshot;
-    std::lock_guard<std::mutex> lock(chainMutex);
-    snapshot.walk = chainWalk;
-    snapshot.host = dataProvider;
-    return snapshot;
-}
-
-AuthResult AuthEngine::runSnapshot(const ChainSnapshot& snapshot, AuthContext& context) {
-    if (!snapshot.walk || snapshot.walk->empty()) {
-        context.response.failCode = 0;
-        context.response.reason = reasons::NO_CHAIN;
-        return FAILED;
-    }
-    if (!snapshot.host) {
-        context.response.failCode = 0;
-        context.response.reason = reasons::ENGINE_NOT_INITIALIZED;
-        return FAILED;
-    }
-    return runList(*snapshot.host, *snapshot.walk, 0, context);
-}
 
 std::vector<std::shared_ptr<IAuthProcessor>> AuthEngine::collectChain(
     std::shared_ptr<IAuthProcessor> start) {
@@ -572,45 +309,6 @@ void AuthEngine::refreshChainWalkLocked() {
     }
     chainWalk = std::make_shared<const std::vector<std::shared_ptr<IAuthProcessor>>>(
         walkFrom(chainHead, processors.size() + 1));
-}
-
-AuthResult AuthEngine::runProcessors(const std::vector<std::shared_ptr<IAuthProcessor>>& list,
-                                     std::size_t first, AuthContext& context) {
-    const std::shared_ptr<IDataProvider> host = provider();
-    if (!host) {
-        context.response.failCode = 0;
-        context.response.reason = reasons::ENGINE_NOT_INITIALIZED;
-        return FAILED;
-    }
-    return runList(*host, list, first, context);
-}
-
-std::shared_ptr<IDataProvider> AuthEngine::provider() {
-    if (heldProvider.engine == this) {
-        return *heldProvider.host;
-    }
-    std::lock_guard<std::mutex> lock(chainMutex);
-    return dataProvider;
-}
-
-AuthConfig AuthEngine::fetchConfig() {
-    const std::shared_ptr<IDataProvider> host = provider();
-    AuthConfig config;
-    if (host) {
-        callHost("getAuthConfig", [&] { config = host->getAuthConfig(); });
-    }
-    return config;
-}
-
-std::shared_ptr<const AuthConfig> AuthEngine::readConfig() {
-    const std::shared_ptr<IDataProvider> host = provider();
-    if (!host) {
-        return std::make_shared<const AuthConfig>();
-    }
-    std::shared_ptr<const AuthConfig> config;
-    callHost("getAuthConfig",
-             [&] { config = std::make_shared<const AuthConfig>(host->getAuthConfig()); });
-    return config;
 }
 
 // ---- inspection ----

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
-// AuthEngine: the processor registry and chain, the synchronous run (AuthEngine.cpp), the worker
+// AuthEngine, the coordinator of the units in src/engine: set-up, registry and chain
+// (AuthEngine.cpp), the synchronous run and chain runner (ChainRun.cpp), the worker
 // (EngineWorker.cpp), questions and answers (EngineAnswers.cpp), parked chains, their resume,
-// timeouts and reset (AuthEngineAsync.cpp), the relay phases (AuthEngineIndependent.cpp). Private
-// to the library; tests and tools include it from src/.
+// timeouts and reset (AuthEngineAsync.cpp), the relay phases (PostSync.cpp, PhaseLaunch.cpp,
+// PhaseFinish.cpp, PhaseTimeouts.cpp, with their rules in RelaySplit.cpp). Private to the
+// library; tests and tools include it from src/.
 #pragma once
 
 #include <semaphore.h>
@@ -90,7 +92,7 @@ public:
     void reloadConfig();
     bool isReady() const;
 
-    // ---- synchronous run (AuthEngine.cpp) ----
+    // ---- synchronous run (ChainRun.cpp) ----
     AuthResponse authenticate(const AuthRequest& request, const AuthCallback& callback,
                               const std::string& requestId);
     AuthResult executeProcessorChain(AuthContext& context);
@@ -114,8 +116,7 @@ public:
                           AsyncRequestType type, AuthCallback callback);
     void resumeAuthentication(const std::string& requestId);
 
-    // ---- timeouts and reset (AuthEngineAsync.cpp; the independent sweep in
-    // AuthEngineIndependent.cpp) ----
+    // ---- timeouts and reset (AuthEngineAsync.cpp; the phases' sweep in PhaseTimeouts.cpp) ----
     void checkTimeoutRequests();
     void checkAllPendingTimeouts();
     void checkTimeoutForChainRequests();
@@ -133,7 +134,7 @@ public:
                                        const std::vector<AuthTarget>& targets,
                                        const AuthCallback& callback);
 
-    // ---- independent relay phase (AuthEngineIndependent.cpp) ----
+    // ---- independent relay phase (PostSync.cpp, PhaseLaunch.cpp, PhaseFinish.cpp) ----
     void processPostSyncPhase(AuthContext& context, const AuthCallback& callback);
     void buildAuthTargets(AuthContext& context);
     void buildAuthTargetsForRelays(AuthContext& context, const std::vector<std::string>& relays,
