@@ -322,6 +322,19 @@ private:
     /// Runs a snapshot's chain from its head: FAILED, fail code 0, with "No processor chain
     /// configured" when there is no chain or "Engine not initialized" when there is no provider.
     static AuthResult runSnapshot(const ChainSnapshot& snapshot, AuthContext& context);
+    /// What ends a chain run, for an attempt's first run and every resume alike.
+    enum class ChainEnd {
+        PARK,         ///< waits for the host's answer under its id
+        STOP,         ///< ends without a report
+        TELL_CALLER,  ///< ends with the caller's callback only
+        REPORT,       ///< reported as it stands
+        RELAY_PHASE,  ///< its relays go through the relay phase, which reports
+    };
+    static ChainEnd chainEndOf(AuthResult result, const AuthContext& context, bool resumed);
+    /// Ends a run of the chain over `context` (parked, if at all, under `requestId`) with
+    /// `result` as chainEndOf says: parks it again, or frees its id and tells the host.
+    void endChainRun(const std::string& requestId, AuthContext& context,
+                     const AuthCallback& callback, AuthResult result, bool resumed);
     /// The record that saveAsyncContext stores, built without the lock (the timeout needs the
     /// configuration, which is a provider call).
     AsyncContext makeAsyncContext(const AuthContext& context, AsyncRequestType type,

@@ -90,14 +90,10 @@ void AuthEngine::resumeAuthentication(const std::string& requestId) {
     }
     AuthContext& context = parked.context;
     const AuthCallback& callback = parked.callback;
-    const auto endConstruction = [&] {
-        std::lock_guard<std::mutex> lock(queueMutex);
-        abandonConstructionLocked(requestId);
-    };
-
     const AuthResult stored = context.response.result;
     if (stored == DROPPED || stored == IGNORED) {
-        endConstruction();
+        std::lock_guard<std::mutex> lock(queueMutex);
+        abandonConstructionLocked(requestId);
         return;
     }
 
@@ -125,39 +121,7 @@ void AuthEngine::resumeAuthentication(const std::string& requestId) {
         result = stored == SUCCESS ? SUCCESS : FAILED;
     }
 
-    if (result == ASYNC_PENDING) {
-        context.response.result = ASYNC_PENDING;
-        AsyncContext again = makeAsyncContext(context, ASYNC_TYPE_SYNC, callback);
-        std::vector<std::string> ready;
-        {
-            std::lock_guard<std::mutex> lock(queueMutex);
-            asyncContexts[requestId] = std::move(again);
-            ready = finishConstructionLocked(requestId);
-        }
-        for (const auto& id : ready) {
-            enqueueResume(id);
-        }
-        return;
-    }
-
-    context.response.result = result;
-    endConstruction();
-    if (result == DROPPED || result == IGNORED) {
-        return;
-    }
-    if (context.pendingProcessor == chain::TEMP_KEY && result != DOUBLE_AUTH_PENDING) {
-        callHost("processPostSyncPhase", [&] { processPostSyncPhase(context, callback); });
-        return;
-    }
-    if (result == SUCCESS) {
-        callHost("buildAuthTargets", [&] { buildAuthTargets(context); });
-    } else {
-        context.response.targets.clear();
-        if (result == FAILED) {
-            context.response.openedRelays.clear();
-        }
-    }
-    reportToHost(provider().get(), context, callback);
+    endChainRun(requestId, context, callback, result, true);
 }
 
 // ---- timeouts ----

@@ -161,68 +161,94 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
         }
     }
 
-    const auto release = [&] {
+    endChainRun(requestId, context, callback, result, false);
+    // The context ends here: its response is handed out rather than copied.
+    return std::move(context.response);
+}
+
+AuthEngine::ChainEnd AuthEngine::chainEndOf(AuthResult result, const AuthContext& context,
+                                            bool resumed) {
+    switch (result) {
+        case ASYNC_PENDING:
+            return ChainEnd::PARK;
+        case DROPPED:
+            return ChainEnd::STOP;
+        case IGNORED:
+            // Only the caller of an attempt hears that it was ignored; a resumed one ends quietly.
+            return resumed ? ChainEnd::STOP : ChainEnd::TELL_CALLER;
+        case DOUBLE_AUTH_PENDING:
+            return ChainEnd::REPORT;
+        default:
+            // A resumed chain was decided by the host's answer and is reported as it stands,
+            // except a temporary key's: the answer only named the user, whose relays still go
+            // through the relay phase.
+            return !resumed || context.pendingProcessor == chain::TEMP_KEY ? ChainEnd::RELAY_PHASE
+                                                                           : ChainEnd::REPORT;
+    }
+}
+
+void AuthEngine::endChainRun(const std::string& requestId, AuthContext& context,
+                             const AuthCallback& callback, AuthResult result, bool resumed) {
+    const ChainEnd end = chainEndOf(result, context, resumed);
+    if (end == ChainEnd::PARK) {
+        context.response.result = ASYNC_PENDING;
         if (requestId.empty()) {
-            return;
+            return;  // nothing could route an answer to it
         }
+        AsyncContext parked = makeAsyncContext(context, ASYNC_TYPE_SYNC, callback);
+        std::vector<std::string> ready;
+        {
+            std::lock_guard<std::mutex> lock(queueMutex);
+            if (running) {
+                asyncContexts[requestId] = std::move(parked);
+                ready = finishConstructionLocked(requestId);
+            } else {
+                // A reset ran while the chain did: it drops parked chains silently, and this
+                // one, parked after its sweep, must not outlive it either.
+                asyncContexts.erase(requestId);
+                abandonConstructionLocked(requestId);
+            }
+        }
+        for (const auto& id : ready) {
+            enqueueResume(id);
+        }
+        return;
+    }
+    context.response.result = result;
+    // The run is over: its id no longer names a live request, and answers held for it go.
+    if (!requestId.empty()) {
         std::lock_guard<std::mutex> lock(queueMutex);
         asyncContexts.erase(requestId);
         abandonConstructionLocked(requestId);
-    };
-
-    switch (result) {
-        case ASYNC_PENDING: {
-            context.response.result = ASYNC_PENDING;
-            if (!requestId.empty()) {
-                AsyncContext parked = makeAsyncContext(context, ASYNC_TYPE_SYNC, callback);
-                std::vector<std::string> ready;
-                {
-                    std::lock_guard<std::mutex> lock(queueMutex);
-                    if (running) {
-                        asyncContexts[requestId] = std::move(parked);
-                        ready = finishConstructionLocked(requestId);
-                    } else {
-                        // A reset ran while the chain did: it drops parked chains silently, and
-                        // this one, parked after its sweep, must not outlive it either.
-                        asyncContexts.erase(requestId);
-                        abandonConstructionLocked(requestId);
-                    }
-                }
-                for (const auto& id : ready) {
-                    enqueueResume(id);
-                }
-            }
-            return context.response;
-        }
-        case DROPPED:
-            context.response.result = DROPPED;
-            release();
-            return context.response;
-        case IGNORED:
-            context.response.result = IGNORED;
-            if (callback) {
-                callHost("callback", [&] { callback(requestId, context.response, context); });
-            }
-            release();
-            return context.response;
-        case DOUBLE_AUTH_PENDING:
-            context.response.result = DOUBLE_AUTH_PENDING;
-            AuthLogger::info("AuthEngine::authenticate: requestId=%s, result=%s", requestId.c_str(),
-                             AuthLogger::authResultToString(DOUBLE_AUTH_PENDING));
-            reportToHost(provider().get(), context, callback);
-            release();
-            return context.response;
-        default:
-            break;
     }
-
-    release();
-    context.response.result = result;
-    AuthLogger::info("AuthEngine::authenticate: requestId=%s, result=%d", requestId.c_str(),
-                     static_cast<int>(result));
-    callHost("processPostSyncPhase", [&] { processPostSyncPhase(context, callback); });
-    // The context ends here: its response is handed out rather than copied.
-    return std::move(context.response);
+    switch (end) {
+        case ChainEnd::TELL_CALLER:
+            callBack(callback, context);
+            return;
+        case ChainEnd::REPORT:
+            if (!resumed) {
+                AuthLogger::info("AuthEngine::authenticate: requestId=%s, result=%s",
+                                 requestId.c_str(), AuthLogger::authResultToString(result));
+            } else if (result == SUCCESS) {
+                callHost("buildAuthTargets", [&] { buildAuthTargets(context); });
+            } else {
+                context.response.targets.clear();
+                if (result == FAILED) {
+                    context.response.openedRelays.clear();
+                }
+            }
+            reportToHost(provider().get(), context, callback);
+            return;
+        case ChainEnd::RELAY_PHASE:
+            if (!resumed) {
+                AuthLogger::info("AuthEngine::authenticate: requestId=%s, result=%d",
+                                 requestId.c_str(), static_cast<int>(result));
+            }
+            callHost("processPostSyncPhase", [&] { processPostSyncPhase(context, callback); });
+            return;
+        default:
+            return;
+    }
 }
 
 AuthResult AuthEngine::executeProcessorChain(AuthContext& context) {
