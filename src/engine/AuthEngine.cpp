@@ -72,7 +72,8 @@ HostQuestions* hostQuestionsOf(AuthEngine* engine) {
 AuthEngine::AuthEngine() : AuthEngine(std::make_shared<std::atomic<uint32_t>>(0)) {}
 
 AuthEngine::AuthEngine(std::shared_ptr<std::atomic<uint32_t>> numbers)
-    : questions(*this),
+    : parked([this](const std::string& id) { forgetQuestionsLocked(id); }),
+      questions(*this),
       requestCounter(numbers ? std::move(numbers) : std::make_shared<std::atomic<uint32_t>>(0)) {
     // The semaphore lives as long as the engine, so that a late post from a host thread never
     // touches a destroyed semaphore; init reports -3 if it could not be created.
@@ -338,7 +339,7 @@ std::size_t AuthEngine::parkedChainCount() {
         return 0;
     }
     std::lock_guard<std::mutex> lock(queueMutex);
-    return asyncContexts.size();
+    return parked.chainCount();
 }
 
 std::size_t AuthEngine::parkedPhaseCount() {
@@ -346,7 +347,7 @@ std::size_t AuthEngine::parkedPhaseCount() {
         return 0;
     }
     std::lock_guard<std::mutex> lock(queueMutex);
-    return independentContexts.size();
+    return parked.phaseCount();
 }
 
 bool AuthEngine::peekParkedChain(const std::string& requestId, AsyncContext& out) {
@@ -354,11 +355,11 @@ bool AuthEngine::peekParkedChain(const std::string& requestId, AsyncContext& out
         return false;
     }
     std::lock_guard<std::mutex> lock(queueMutex);
-    const auto found = asyncContexts.find(requestId);
-    if (found == asyncContexts.end()) {
+    const AsyncContext* const found = parked.chain(requestId);
+    if (found == nullptr) {
         return false;
     }
-    out = found->second;
+    out = *found;
     return true;
 }
 
@@ -367,11 +368,11 @@ bool AuthEngine::peekParkedPhase(const std::string& phaseId, IndependentAsyncCon
         return false;
     }
     std::lock_guard<std::mutex> lock(queueMutex);
-    const auto found = independentContexts.find(phaseId);
-    if (found == independentContexts.end()) {
+    const IndependentAsyncContext* const found = parked.phase(phaseId);
+    if (found == nullptr) {
         return false;
     }
-    out = found->second;
+    out = *found;
     return true;
 }
 

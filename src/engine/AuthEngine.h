@@ -29,6 +29,7 @@
 #include "auth_engine/IDataProvider.h"
 #include "common/HostQuestions.h"
 #include "engine/GuessGuard.h"
+#include "engine/ParkedStore.h"
 
 namespace auth_engine {
 
@@ -405,8 +406,8 @@ private:
     std::shared_ptr<IDataProvider> dataProvider;
     std::shared_ptr<IAuthProcessor> chainHead;
     std::map<std::string, std::shared_ptr<IAuthProcessor>> processors;
-    std::map<std::string, AsyncContext> asyncContexts;
-    std::map<std::string, IndependentAsyncContext> independentContexts;
+    /// Parked chains and phases; guarded by queueMutex. What leaves it has its questions closed.
+    ParkedStore<AsyncContext, IndependentAsyncContext> parked;
     std::map<std::string, std::string> subRequests;
     std::deque<std::string> resumeQueue;
     Questions questions;

@@ -33,30 +33,30 @@ AuthResponse shutdownResponse() {
 AuthEngine::AsyncContext AuthEngine::makeAsyncContext(const AuthContext& context,
                                                       AsyncRequestType type,
                                                       AuthCallback callback) {
-    AsyncContext parked;
-    parked.context = context;
-    parked.type = type;
-    parked.createTime = AuthClock::now();
-    parked.callback = std::move(callback);
-    parked.timeoutSeconds = 30;
+    AsyncContext chain;
+    chain.context = context;
+    chain.type = type;
+    chain.createTime = AuthClock::now();
+    chain.callback = std::move(callback);
+    chain.timeoutSeconds = 30;
     if (provider()) {
         const AuthConfig config = fetchConfig();
         if (type == ASYNC_TYPE_ANTI_PASSBACK) {
-            parked.timeoutSeconds = config.antiPassbackTimeout;
+            chain.timeoutSeconds = config.antiPassbackTimeout;
         } else if (type == ASYNC_TYPE_PARKING) {
-            parked.timeoutSeconds = config.parkingTimeout;
+            chain.timeoutSeconds = config.parkingTimeout;
         } else if (context.request.openType == OPEN_TYPE_TEMP_KEY) {
-            parked.timeoutSeconds = config.tempKeyTimeout;
+            chain.timeoutSeconds = config.tempKeyTimeout;
         }
     }
-    return parked;
+    return chain;
 }
 
 void AuthEngine::saveAsyncContext(const std::string& requestId, const AuthContext& context,
                                   AsyncRequestType type, AuthCallback callback) {
-    AsyncContext parked = makeAsyncContext(context, type, std::move(callback));
+    AsyncContext chain = makeAsyncContext(context, type, std::move(callback));
     std::lock_guard<std::mutex> lock(queueMutex);
-    asyncContexts[requestId] = std::move(parked);
+    parked.park(requestId, std::move(chain));
     // A parked chain waits for an answer under its id.
     if (!requestId.empty() && underConstruction.count(requestId) == 0) {
         ownQuestions.insert(requestId);
@@ -70,26 +70,22 @@ void AuthEngine::resumeAuthentication(const std::string& requestId) {
         return;
     }
     const Inside inside(*this);
-    AsyncContext parked;
+    AsyncContext chain;
     {
         std::unique_lock<std::mutex> lock(queueMutex);
-        if (independentContexts.count(requestId) != 0) {
+        if (parked.phase(requestId) != nullptr) {
             lock.unlock();
             resumeIndependentAsync(requestId);
             return;
         }
-        const auto found = asyncContexts.find(requestId);
-        if (found == asyncContexts.end()) {
+        // Questions of the run that parked are settled as it leaves; the rerun asks afresh.
+        if (!parked.take(requestId, chain)) {
             return;  // duplicate or late resume
         }
-        parked = std::move(found->second);
-        asyncContexts.erase(found);
-        // Questions of the run that parked are settled now; the rerun asks afresh.
-        forgetQuestionsLocked(requestId);
         beginConstructionLocked(requestId, true);
     }
-    AuthContext& context = parked.context;
-    const AuthCallback& callback = parked.callback;
+    AuthContext& context = chain.context;
+    const AuthCallback& callback = chain.callback;
     const AuthResult stored = context.response.result;
     if (stored == DROPPED || stored == IGNORED) {
         std::lock_guard<std::mutex> lock(queueMutex);
@@ -144,16 +140,13 @@ void AuthEngine::checkTimeoutForChainRequests() {
     const int64_t now = AuthClock::now();
     const std::shared_ptr<IDataProvider> host = provider();
     std::lock_guard<std::mutex> lock(queueMutex);
-    for (auto it = asyncContexts.begin(); it != asyncContexts.end();) {
-        const std::string id = it->first;
-        AsyncContext& parked = it->second;
-        const int64_t elapsed = now - parked.createTime;
+    parked.sweepChains([&](const std::string& id, AsyncContext& chain) {
+        const int64_t elapsed = now - chain.createTime;
         if (underConstruction.count(id) != 0 ||
-            elapsed <= static_cast<int64_t>(parked.timeoutSeconds)) {
-            ++it;
-            continue;
+            elapsed <= static_cast<int64_t>(chain.timeoutSeconds)) {
+            return false;
         }
-        AuthContext& context = parked.context;
+        AuthContext& context = chain.context;
         for (auto& entry : context.antiPassbackResults) {
             if (!entry.second.answered) {
                 entry.second.status = FAILED;
@@ -161,22 +154,16 @@ void AuthEngine::checkTimeoutForChainRequests() {
             }
         }
         context.response.result = FAILED;
-        context.response.failCode = context.request.openType == OPEN_TYPE_TEMP_KEY ? 24 : 0;
+        context.response.failCode =
+            context.request.openType == OPEN_TYPE_TEMP_KEY ? fail::TEMP_KEY : fail::NONE;
         context.response.reason = reasons::ASYNC_TIMEOUT;
         context.response.openedRelays.clear();
         context.response.targets.clear();
         // Called under the lock by design; a call back in that would lock again is refused.
         const CallbacksUnderLock underLock(*this);
-        if (host) {
-            callHost("onAuthResult", [&] { host->onAuthResult(context, context.response.result); });
-        }
-        if (parked.callback) {
-            callHost("callback",
-                     [&] { parked.callback(context.requestId, context.response, context); });
-        }
-        forgetQuestionsLocked(id);
-        it = asyncContexts.erase(it);
-    }
+        reportToHost(host.get(), context, chain.callback);
+        return true;
+    });
 }
 
 // ---- reset ----
@@ -254,10 +241,7 @@ void AuthEngine::tearDown() {
                 });
             }
         }
-        chains = std::move(asyncContexts);
-        asyncContexts.clear();
-        phases = std::move(independentContexts);
-        independentContexts.clear();
+        parked.drain(chains, phases);
         subRequests.clear();
         ownQuestions.clear();
         resumeQueue.clear();

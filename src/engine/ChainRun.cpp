@@ -117,7 +117,7 @@ AuthResponse AuthEngine::authenticate(const AuthRequest& request, const AuthCall
             inUse = isLiveOwnerLocked(requestId) || subRequests.count(requestId) != 0 ||
                     ownQuestions.count(requestId) != 0;
             if (!inUse) {
-                asyncContexts[requestId] = std::move(early);
+                parked.park(requestId, std::move(early));
                 beginConstructionLocked(requestId, true);
             }
         }
@@ -195,17 +195,17 @@ void AuthEngine::endChainRun(const std::string& requestId, AuthContext& context,
         if (requestId.empty()) {
             return;  // nothing could route an answer to it
         }
-        AsyncContext parked = makeAsyncContext(context, ASYNC_TYPE_SYNC, callback);
+        AsyncContext chain = makeAsyncContext(context, ASYNC_TYPE_SYNC, callback);
         std::vector<std::string> ready;
         {
             std::lock_guard<std::mutex> lock(queueMutex);
             if (running) {
-                asyncContexts[requestId] = std::move(parked);
+                parked.park(requestId, std::move(chain));
                 ready = finishConstructionLocked(requestId);
             } else {
                 // A reset ran while the chain did: it drops parked chains silently, and this
                 // one, parked after its sweep, must not outlive it either.
-                asyncContexts.erase(requestId);
+                parked.dropChain(requestId);
                 abandonConstructionLocked(requestId);
             }
         }
@@ -218,7 +218,7 @@ void AuthEngine::endChainRun(const std::string& requestId, AuthContext& context,
     // The run is over: its id no longer names a live request, and answers held for it go.
     if (!requestId.empty()) {
         std::lock_guard<std::mutex> lock(queueMutex);
-        asyncContexts.erase(requestId);
+        parked.dropChain(requestId);
         abandonConstructionLocked(requestId);
     }
     switch (end) {

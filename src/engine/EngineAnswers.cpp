@@ -113,8 +113,8 @@ void AuthEngine::registerSubRequest(const std::string& subRequestId,
     }
     const RegistrationScope* const scope = registrationScope;
     if (scope != nullptr && scope->engine == this && scope->owner == parentRequestId) {
-        const auto phase = independentContexts.find(parentRequestId);
-        if (phase == independentContexts.end() || phase->second.generation != scope->generation) {
+        const IndependentAsyncContext* const phase = parked.phase(parentRequestId);
+        if (phase == nullptr || phase->generation != scope->generation) {
             return;  // the phase the retry asks for has ended (or another took its id)
         }
     }
@@ -204,11 +204,7 @@ std::string AuthEngine::applyAnswerLocked(const std::string& requestId, AuthResu
 }
 
 std::string AuthEngine::deliverLocked(const EarlyAnswer& answer) {
-    const auto phase = independentContexts.find(answer.owner);
-    const auto chain = asyncContexts.find(answer.owner);
-    AuthContext* const context = phase != independentContexts.end() ? &phase->second.context
-                                 : chain != asyncContexts.end()     ? &chain->second.context
-                                                                    : nullptr;
+    AuthContext* const context = parked.contextOf(answer.owner);
     if (context == nullptr) {
         ++droppedAnswers;  // its owner ended while the answer travelled
         return {};
@@ -234,8 +230,7 @@ std::string AuthEngine::deliverLocked(const EarlyAnswer& answer) {
 }
 
 bool AuthEngine::isLiveOwnerLocked(const std::string& id) const {
-    return !id.empty() && (underConstruction.count(id) != 0 || asyncContexts.count(id) != 0 ||
-                           independentContexts.count(id) != 0);
+    return !id.empty() && (underConstruction.count(id) != 0 || parked.holds(id));
 }
 
 void AuthEngine::forgetQuestionsLocked(const std::string& owner) {

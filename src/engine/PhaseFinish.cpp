@@ -28,14 +28,10 @@ void AuthEngine::resumeIndependentAsync(const std::string& requestId) {
     IndependentAsyncContext wrapper;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        const auto entry = independentContexts.find(requestId);
-        if (entry == independentContexts.end()) {
+        // Questions still open (offline relays, late answers) close as the phase leaves.
+        if (!parked.take(requestId, wrapper)) {
             return;
         }
-        wrapper = entry->second;
-        independentContexts.erase(entry);
-        // Questions still open (offline relays, late answers) can no longer be applied.
-        forgetQuestionsLocked(requestId);
     }
     AuthContext& context = wrapper.context;
     if (context.response.result == DROPPED) {

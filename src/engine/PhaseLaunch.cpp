@@ -184,7 +184,7 @@ void AuthEngine::forgetQuestions(const std::string& owner) {
 std::vector<std::string> AuthEngine::storePhaseLocked(const std::string& phaseId,
                                                       IndependentAsyncContext phase) {
     phase.generation = ++phaseGenerations;
-    independentContexts[phaseId] = std::move(phase);
+    parked.park(phaseId, std::move(phase));
     return finishConstructionLocked(phaseId);
 }
 

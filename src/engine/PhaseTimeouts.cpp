@@ -36,12 +36,10 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
     std::vector<IndependentAsyncContext> timedOut;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        for (auto entry = independentContexts.begin(); entry != independentContexts.end();) {
-            IndependentAsyncContext& phase = entry->second;
+        parked.sweepPhases([&](const std::string& id, IndependentAsyncContext& phase) {
             const int64_t elapsed = now - static_cast<int64_t>(phase.startTime);
             if (elapsed < phase.timeoutSeconds) {
-                ++entry;
-                continue;
+                return false;
             }
             if (phase.phase == PHASE_INTERLOCK) {
                 // Retried as often as the configuration the split read allows (without it,
@@ -50,7 +48,7 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
                 if (phase.pendingPhaseCount < retryLimit) {
                     ++phase.pendingPhaseCount;
                     phase.startTime = static_cast<uint64_t>(now);
-                    retries.push_back(Retry{entry->first, phase.generation, phase.context});
+                    retries.push_back(Retry{id, phase.generation, phase.context});
                 } else {
                     for (auto& result : phase.context.interlockResults) {
                         if (!result.second.answered) {
@@ -60,11 +58,10 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
                         }
                     }
                     phase.context.interlockPending = 0;
-                    unregisterSubRequests(entry->first);
-                    resumes.push_back(entry->first);
+                    unregisterSubRequests(id);
+                    resumes.push_back(id);
                 }
-                ++entry;
-                continue;
+                return false;
             }
             for (auto& result : phase.context.antiPassbackResults) {
                 if (!result.second.answered) {
@@ -78,7 +75,7 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
                 response.failCode = fail::RELAY_CHOICE;
                 response.reason = reasons::CHOICE_TIMEOUT;
             } else {
-                response.failCode = 0;
+                response.failCode = fail::NONE;
                 response.reason = reasons::PHASE_TIMEOUT;
             }
             response.asyncType = phase.phase;
@@ -88,9 +85,8 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
             response.failedRelays = phase.context.relays;
             response.allFailed = 1;
             timedOut.push_back(phase);
-            forgetQuestionsLocked(entry->first);
-            entry = independentContexts.erase(entry);
-        }
+            return true;
+        });
     }
 
     std::shared_ptr<processors::InterlockProcessor> processor;
@@ -125,12 +121,11 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
         bool ready = false;
         {
             std::lock_guard<std::mutex> lock(queueMutex);
-            const auto stored = independentContexts.find(retry.id);
-            if (stored == independentContexts.end() ||
-                stored->second.generation != retry.generation) {
+            IndependentAsyncContext* const stored = parked.phase(retry.id);
+            if (stored == nullptr || stored->generation != retry.generation) {
                 continue;  // settled (or replaced) while the questions went out
             }
-            AuthContext& target = stored->second.context;
+            AuthContext& target = stored->context;
             for (const std::string& relay : unanswered) {
                 const auto local = copy.interlockResults.find(relay);
                 const auto kept = target.interlockResults.find(relay);
