@@ -33,7 +33,8 @@ const char* const EXIT_CODES =
     "Exit status:\n"
     "  0  every expectation held (also for --help and --version)\n"
     "  1  a report differed from what a step expects, or the engine did not start\n"
-    "  2  a site or scenario file was refused (every problem is listed)\n"
+    "  2  a site, scenario or trace file was refused (every problem is listed), or\n"
+    "     trace-to-scenario met a trace it cannot express\n"
     "  3  the command line was wrong\n";
 
 void routeEngineLog(bool toStderr) {
