@@ -119,6 +119,8 @@ public:
 
 private:
     void step(json value, const TraceLine& line);
+    /// The facts of the step running (a note step if the trace begins inside the engine's work).
+    Facts& current(const TraceLine& line);
     void fact(const FactKey& key, json value, const TraceLine& line);
     void user(const json& record, const TraceLine& line);
     void credential(const std::string& kind, const std::string& text, const json* record,
@@ -155,9 +157,9 @@ void Converter::warn(const TraceLine& line, const std::string& text) {
 }
 
 bool Converter::refuse(const TraceLine& line, const std::string& text) {
-    std::fprintf(stderr, "authsim: %s: event #%llu (%s %s): %s\n", trace.file.c_str(),
-                 static_cast<unsigned long long>(line.seq), line.kind.c_str(), line.name.c_str(),
-                 text.c_str());
+    (void)std::fprintf(stderr, "authsim: %s: event #%llu (%s %s): %s\n", trace.file.c_str(),
+                       static_cast<unsigned long long>(line.seq), line.kind.c_str(),
+                       line.name.c_str(), text.c_str());
     return false;
 }
 
@@ -172,11 +174,15 @@ void Converter::step(json value, const TraceLine& line) {
     stepFacts.emplace_back();
 }
 
-void Converter::fact(const FactKey& key, json value, const TraceLine& line) {
+Facts& Converter::current(const TraceLine& line) {
     if (stepFacts.empty()) {
         step({{"do", "note"}, {"text", "the engine at work before the trace's first call"}}, line);
     }
-    Facts& facts = stepFacts.back();
+    return stepFacts.back();
+}
+
+void Converter::fact(const FactKey& key, json value, const TraceLine& line) {
+    Facts& facts = current(line);
     const auto known = facts.find(key);
     if (known != facts.end() && known->second != value) {
         warn(line, "the host answered " + key.front() +
@@ -375,7 +381,8 @@ bool Converter::call(const TraceLine& line) {
             }
         }
         if (asked == nullptr) {
-            return refuse(line, "it answers " + id + ", a question the trace never shows asked");
+            warn(line, "it answers " + id + ", a question asked before the trace begins: left out");
+            return true;
         }
         asked->answered = true;
         const json response = args.value("response", json::object());
@@ -412,6 +419,7 @@ bool Converter::call(const TraceLine& line) {
 }
 
 void Converter::question(const TraceLine& line, const std::string& check, const std::string& key) {
+    current(line);
     Question& asked = questions[line.data.value("question", 0ULL)];
     asked.check = check;
     asked.key = key;
@@ -471,11 +479,11 @@ void Converter::operation(const TraceLine& line) {
     } else if (name == "getHolidays") {
         fact({"holidays", args.value("ownerKey", "")}, result, line);
     } else if (name == "isPublicPin") {
-        if (!ok || stepFacts.back().count({"publicPins", credentialText}) == 0) {
+        if (!ok || current(line).count({"publicPins", credentialText}) == 0) {
             fact({"publicPins", credentialText}, ok ? json::array() : json(), line);
         }
     } else if (name == "getPublicPinRelays") {
-        stepFacts.back().erase({"publicPins", credentialText});  // isPublicPin's, without relays
+        current(line).erase({"publicPins", credentialText});  // isPublicPin's, without relays
         fact({"publicPins", credentialText}, result, line);
     } else if (name == "getLatchPinRelays") {
         fact({"latchPins", credentialText}, ok ? data.value("relays", json::array()) : json(),
@@ -637,7 +645,8 @@ bool Converter::read() {
         } else if (isAnswer) {
             const auto asked = questions.find(line.data.value("question", 0ULL));
             if (later && (asked == questions.end() || asked->second.answered)) {
-                return refuse(line, "it answers a question the trace does not show asked");
+                warn(line, "it answers a question asked before the trace begins: left out");
+                continue;
             }
             Question& question = questions[line.data.value("question", 0ULL)];
             const json context = line.data.value("context", json::object());
@@ -669,7 +678,13 @@ bool Converter::read() {
                                 : asked.answered                ? "held"
                                                                 : "never"}};
         answer.update(asked.inlineAnswer.is_null() ? json::object() : asked.inlineAnswer);
-        stepFacts[asked.step][{"remote", asked.check, asked.key}] = answer;
+        json& known = stepFacts[asked.step][{"remote", asked.check, asked.key}];
+        if (!known.is_null() && known != answer) {
+            notes.push_back("question " + std::to_string(entry.first) +
+                            ": the peer answered two questions of one step about " + asked.key +
+                            " in different ways; the site answers both as the later one");
+        }
+        known = answer;
     }
     if (bleAtLeast > 0 && !stepFacts.empty()) {
         stepFacts.front()[{"bleIntervalSeconds"}] = bleAtLeast;
@@ -750,7 +765,7 @@ json Converter::render(const Facts& facts) {
             site["tempKeys"][key[1]]["userId"] = value;
         } else if (section == "remote") {
             site["remote"][key[1]][key[2]] = value;
-        } else if (key.size() == 1 && section != "plateKey") {
+        } else if (key.size() == 1) {
             site[section] = value;  // tempKeyTargets, readerPriority, bleIntervalSeconds
         }
     }
@@ -815,7 +830,7 @@ bool writeJson(const json& value, const std::string& file) {
     std::ofstream out(file);
     out << value.dump(2) << "\n";
     if (!out) {
-        std::fprintf(stderr, "authsim: %s: cannot write the file\n", file.c_str());
+        (void)std::fprintf(stderr, "authsim: %s: cannot write the file\n", file.c_str());
     }
     return static_cast<bool>(out);
 }
@@ -829,14 +844,15 @@ int traceToScenario(const TraceData& trace, const std::string& siteFile,
         return EXIT_BAD_INPUT;
     }
     if (trace.header.value("secrets", "") == "hashed") {
-        std::fprintf(stderr,
-                     "authsim: warning: %s: the trace's secrets are hashed: the site and the "
-                     "scenario use the hashed texts as credentials, PINs and codes, so decisions "
-                     "that depend on a secret's form (its length, its digits) may not reproduce\n",
-                     trace.file.c_str());
+        (void)std::fprintf(
+            stderr,
+            "authsim: warning: %s: the trace's secrets are hashed: the site and the "
+            "scenario use the hashed texts as credentials, PINs and codes, so decisions "
+            "that depend on a secret's form (its length, its digits) may not reproduce\n",
+            trace.file.c_str());
     }
     for (const auto& note : converter.warnings()) {
-        std::fprintf(stderr, "authsim: warning: %s: %s\n", trace.file.c_str(), note.c_str());
+        (void)std::fprintf(stderr, "authsim: warning: %s: %s\n", trace.file.c_str(), note.c_str());
     }
     if (!writeJson(converter.site(), siteFile) || !writeJson(converter.scenario(), scenarioFile)) {
         return EXIT_BAD_INPUT;
@@ -847,8 +863,8 @@ int traceToScenario(const TraceData& trace, const std::string& siteFile,
         loadScenario(scenarioFile, site);
     } catch (const InputError& e) {
         for (const auto& problem : e.problems()) {
-            std::fprintf(stderr, "authsim: generated file refused: %s: %s\n", problem.path.c_str(),
-                         problem.message.c_str());
+            (void)std::fprintf(stderr, "authsim: generated file refused: %s: %s\n",
+                               problem.path.c_str(), problem.message.c_str());
         }
         return EXIT_BAD_INPUT;
     }
