@@ -826,9 +826,31 @@ json Converter::scenario() const {
     return out;
 }
 
-bool writeJson(const json& value, const std::string& file) {
+// A scenario as the examples are written: one step per line, "do" first and "expect" last.
+std::string scenarioText(const json& scenario) {
+    std::string text = "{\n  \"name\": " + scenario["name"].dump() +
+                       ",\n  \"description\": " + scenario["description"].dump() +
+                       ",\n  \"steps\": [";
+    const char* separator = "\n";
+    for (const json& step : scenario["steps"]) {
+        text += separator + std::string("    {\"do\": ") + step["do"].dump();
+        for (const auto& member : step.items()) {
+            if (member.key() != "do" && member.key() != "expect") {
+                text += ", " + json(member.key()).dump() + ": " + member.value().dump();
+            }
+        }
+        if (step.contains("expect")) {
+            text += ", \"expect\": " + step["expect"].dump();
+        }
+        text += "}";
+        separator = ",\n";
+    }
+    return text + "\n  ]\n}\n";
+}
+
+bool writeText(const std::string& text, const std::string& file) {
     std::ofstream out(file);
-    out << value.dump(2) << "\n";
+    out << text;
     if (!out) {
         (void)std::fprintf(stderr, "authsim: %s: cannot write the file\n", file.c_str());
     }
@@ -854,7 +876,8 @@ int traceToScenario(const TraceData& trace, const std::string& siteFile,
     for (const auto& note : converter.warnings()) {
         (void)std::fprintf(stderr, "authsim: warning: %s: %s\n", trace.file.c_str(), note.c_str());
     }
-    if (!writeJson(converter.site(), siteFile) || !writeJson(converter.scenario(), scenarioFile)) {
+    if (!writeText(converter.site().dump(2) + "\n", siteFile) ||
+        !writeText(scenarioText(converter.scenario()), scenarioFile)) {
         return EXIT_BAD_INPUT;
     }
     // The files must be what authsim reads: the same schemas and checks as for any input.
