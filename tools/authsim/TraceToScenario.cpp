@@ -12,6 +12,7 @@
 // sections that changed. A peer's question is answered as recorded: at once (mode inline), by an
 // answer step where the answer came (held), never, or not sent (offline).
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <map>
