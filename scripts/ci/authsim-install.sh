@@ -57,6 +57,9 @@ offered=$(bash -c 'source "$1"; COMP_WORDS=(authsim ru); COMP_CWORD=1; _authsim;
 offered=$(bash -c 'source "$1"; COMP_WORDS=(authsim replay --); COMP_CWORD=2; _authsim; echo "${COMPREPLY[*]}"' \
     _ "$completion")
 [ "$offered" = "--html --log --help" ] || fail "completing 'authsim replay --' offers '$offered'"
+offered=$(bash -c 'source "$1"; COMP_WORDS=(authsim tr); COMP_CWORD=1; _authsim; echo "${COMPREPLY[*]}"' \
+    _ "$completion")
+[ "$offered" = trace-to-scenario ] || fail "completing 'authsim tr' offers '$offered'"
 
 echo "== authsim: schemas and an example from the prefix"
 for schema in site scenario; do

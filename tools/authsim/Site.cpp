@@ -76,8 +76,9 @@ std::map<std::string, std::vector<std::string>> readRelayMap(const json& value,
     return out;
 }
 
-void readConfig(AuthConfig& config, const json& value, const std::string& path) {
-    const std::map<std::string, bool AuthConfig::*> flags = {
+// The config members a site gives by name, flags and numbers.
+const std::map<std::string, bool AuthConfig::*>& configFlags() {
+    static const std::map<std::string, bool AuthConfig::*> table = {
         {"doubleAuthEnabled", &AuthConfig::doubleAuthEnabled},
         {"antiPassbackEnabled", &AuthConfig::antiPassbackEnabled},
         {"interlockEnabled", &AuthConfig::interlockEnabled},
@@ -88,7 +89,11 @@ void readConfig(AuthConfig& config, const json& value, const std::string& path) 
         {"unlockOptionsEnabled", &AuthConfig::unlockOptionsEnabled},
         {"guessCountsCards", &AuthConfig::guessCountsCards},
         {"duressEnabled", &AuthConfig::duressEnabled}};
-    const std::map<std::string, int AuthConfig::*> numbers = {
+    return table;
+}
+
+const std::map<std::string, int AuthConfig::*>& configNumbers() {
+    static const std::map<std::string, int AuthConfig::*> table = {
         {"virtualDoorMode", &AuthConfig::virtualDoorMode},
         {"antiPassbackTimeout", &AuthConfig::antiPassbackTimeout},
         {"interlockTimeout", &AuthConfig::interlockTimeout},
@@ -99,6 +104,12 @@ void readConfig(AuthConfig& config, const json& value, const std::string& path) 
         {"guessLimit", &AuthConfig::guessLimit},
         {"guessWindowSeconds", &AuthConfig::guessWindowSeconds},
         {"guessLockoutSeconds", &AuthConfig::guessLockoutSeconds}};
+    return table;
+}
+
+void readConfig(AuthConfig& config, const json& value, const std::string& path) {
+    const auto& flags = configFlags();
+    const auto& numbers = configNumbers();
     forEachMember(
         value, path, [&](const std::string& key, const json& member, const std::string& at) {
             if (flags.count(key) != 0) {
@@ -466,6 +477,29 @@ std::vector<std::string> scheduleWarnings(const Site& site) {
         }
     }
     return warnings;
+}
+
+json configJson(const AuthConfig& config) {
+    json out = json::object();
+    for (const auto& flag : configFlags()) {
+        out[flag.first] = config.*flag.second;
+    }
+    for (const auto& number : configNumbers()) {
+        out[number.first] = config.*number.second;
+    }
+    out["doubleAuthMode"] = static_cast<int>(config.doubleAuthMode);
+    json& readers = out["readerRelayMap"] = json::object();
+    for (const auto& reader : config.readerRelayMap) {
+        for (const auto& direction : reader.second) {
+            readers[readerName(reader.first)][std::to_string(direction.first)] = direction.second;
+        }
+    }
+    json& antiPassback = out["antiPassbackRelayMap"] = json::object();
+    for (const auto& entry : config.antiPassbackRelayMap) {
+        antiPassback[entry.first] = static_cast<int>(entry.second);
+    }
+    out["interlockRelayMap"] = config.interlockRelayMap;
+    return out;
 }
 
 Site loadSite(const std::string& file) {

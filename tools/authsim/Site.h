@@ -105,6 +105,10 @@ Site loadSite(const std::string& file);
 /// replaced.
 void patchSite(Site& site, const json& patch, const std::string& path);
 
+/// A config as a site file writes it, every member given (a site step that patches the config
+/// with it leaves nothing of the config before).
+json configJson(const auth_engine::AuthConfig& config);
+
 /// Time ranges of the site that end before they start (and so never match), one text each.
 std::vector<std::string> scheduleWarnings(const Site& site);
 

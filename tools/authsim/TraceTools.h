@@ -40,6 +40,13 @@ private:
 /// the first divergence with the events around it. @return the exit status (0 or 1).
 int replayTrace(const TraceData& trace, const std::string& htmlFile);
 
+/// Writes a site and a scenario that reproduce `trace` (trace-to-scenario), and checks them as
+/// authsim checks its inputs. Prints a warning for each part of the trace they cannot express, and
+/// refuses (a message naming the event) a trace whose calls a scenario cannot make.
+/// @return the exit status (0, or 2 for a trace refused or a file not written)
+int traceToScenario(const TraceData& trace, const std::string& siteFile,
+                    const std::string& scenarioFile);
+
 /// Writes a self-contained page with one timeline per attempt. `divergence` (0: none) marks the
 /// event where a replay went another way. False when the file cannot be written.
 bool writeTraceHtml(const TraceData& trace, const std::string& file, uint64_t divergence = 0);

@@ -33,7 +33,8 @@ const char* const EXIT_CODES =
     "Exit status:\n"
     "  0  every expectation held (also for --help and --version)\n"
     "  1  a report differed from what a step expects, or the engine did not start\n"
-    "  2  a site or scenario file was refused (every problem is listed)\n"
+    "  2  a site, scenario or trace file was refused (every problem is listed), or\n"
+    "     trace-to-scenario met a trace it cannot express\n"
     "  3  the command line was wrong\n";
 
 void routeEngineLog(bool toStderr) {
@@ -262,13 +263,29 @@ int main(int argc, char** argv) {
     replay->add_flag("--log", log, "copy the engine's log lines to standard error");
     replay->footer(EXIT_CODES);
 
+    std::string siteOut;
+    std::string scenarioOut;
+    CLI::App* toScenario = app.add_subcommand(
+        "trace-to-scenario",
+        "Turn a trace into a site file and a scenario file that reproduce it: the facade calls\n"
+        "become steps, the recorded reports their expectations, the host's answers the site.\n"
+        "Warns on stderr about what the files cannot express; exit 2 for a trace they cannot\n"
+        "express at all (the event is named)");
+    toScenario->add_option("trace", traceFile, "the trace file (JSON lines)")->required();
+    toScenario->add_option("--site", siteOut,
+                           "write the site to FILE (default: the trace's name, .site.json)");
+    toScenario->add_option(
+        "--scenario", scenarioOut,
+        "write the scenario to FILE (default: the trace's name, .scenario.json)");
+    toScenario->footer(EXIT_CODES);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? 0 : EXIT_USAGE;
     }
     routeEngineLog(log);
-    if (replay->parsed()) {
+    if (replay->parsed() || toScenario->parsed()) {
         TraceData trace;
         try {
             trace = loadTrace(traceFile);
@@ -276,7 +293,13 @@ int main(int argc, char** argv) {
             printProblems(e, "");
             return EXIT_BAD_INPUT;
         }
-        return replayTrace(trace, htmlFile);
+        if (replay->parsed()) {
+            return replayTrace(trace, htmlFile);
+        }
+        // door.trace.jsonl -> door.trace.site.json and door.trace.scenario.json, beside it
+        const std::string stem = traceFile.substr(0, traceFile.rfind(".jsonl"));
+        return traceToScenario(trace, siteOut.empty() ? stem + ".site.json" : siteOut,
+                               scenarioOut.empty() ? stem + ".scenario.json" : scenarioOut);
     }
     return run->parsed() ? runScenarios(siteFile, scenarioFiles, asJson, traceOutput)
                          : runShell(siteFile, asJson);
