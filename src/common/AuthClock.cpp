@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The engine's clocks: wall time and uptime, with the overrides tests and the trace install.
 #include "auth_engine/AuthClock.h"
 
 #include <sys/sysinfo.h>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The library's log: printf-style lines to the host's sink, the system log, or nowhere.
 #include "auth_engine/AuthLogger.h"
 
 #include <syslog.h>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// Local time, converted once per decision and shared by the time and holiday checks.
 #include "common/DecisionLocalTime.h"
 
 namespace auth_engine {

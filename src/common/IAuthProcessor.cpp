@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The processor base: its link to the next processor of the chain.
 #include "auth_engine/IAuthProcessor.h"
 
 #include <utility>

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// Small steps the processors share: failed responses, failing a request or some of its relays with
+// their reasons, command targets, which open types are memorised codes.
 #include "common/ProcessorSupport.h"
 
 #include <algorithm>

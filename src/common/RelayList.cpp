@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// Relay-list texts: splitting and joining the comma-separated lists hosts and logs use.
 #include <string>
 #include <utility>
 #include <vector>

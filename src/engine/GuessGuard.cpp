@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// Guessing protection (see GuessGuard.h): counts refused unknown codes per reader and holds
+// lockouts.
 #include "engine/GuessGuard.h"
 
 #include <algorithm>

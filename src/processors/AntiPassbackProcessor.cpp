@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The anti-passback check: a peer says per relay whether the user may pass in this direction; asked
+// in the chain or per relay in the relay phase.
 #include "processors/AntiPassbackProcessor.h"
 
 #include <algorithm>

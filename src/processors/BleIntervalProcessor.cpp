@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The BLE interval check: a BLE open is refused while the user's last one is too recent, as the
+// host keeps it.
 #include "processors/BleIntervalProcessor.h"
 
 #include "auth_engine/AuthLogger.h"

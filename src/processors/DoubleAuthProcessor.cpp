@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// Double authentication: the first factor is held for the second, which must be of the expected
+// kind and of the same user before it times out.
 #include "processors/DoubleAuthProcessor.h"
 
 #include <algorithm>

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The DTMF open: a code keyed on a call (or a caller's whitelist) opens the relays the host's DTMF
+// configuration names.
 #include "processors/DtmfProcessor.h"
 
 #include <algorithm>

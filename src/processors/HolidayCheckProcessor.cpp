@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The holiday check: on a holiday, only relays exempt from holidays (by schedule or by the host's
+// relay list) stay open.
 #include "processors/HolidayCheckProcessor.h"
 
 #include <cstdio>

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The HTTP open: HTTP opening must be on, the request's credentials must match, and its targets
+// must be ones it may open.
 #include "processors/HttpProcessor.h"
 
 #include <algorithm>

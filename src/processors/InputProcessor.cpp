@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The input open: a wired input names the targets it opens; its data and targets are checked here.
 #include "processors/InputProcessor.h"
 
 #include <memory>

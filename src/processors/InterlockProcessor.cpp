@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The interlock check: each interlocked relay asks its peer whether the other door is closed; only
+// a plain SUCCESS opens.
 #include "processors/InterlockProcessor.h"
 
 #include <algorithm>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The lockdown check: relays the host has locked down are refused, unless the reader may bypass it.
 #include "processors/LockDownProcessor.h"
 
 #include <vector>

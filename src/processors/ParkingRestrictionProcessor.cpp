@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The parking restriction: for a type-1 user's plate open, the host says whether the car may enter;
+// asked in the chain or per relay in the relay phase.
 #include "processors/ParkingRestrictionProcessor.h"
 
 #include <memory>

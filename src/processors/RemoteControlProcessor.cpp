@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The remote-control open: the host resolves the remote user and the target the command may open.
 #include "processors/RemoteControlProcessor.h"
 
 #include <algorithm>

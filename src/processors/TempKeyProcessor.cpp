@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The temporary key: the host validates the key (possibly later, through its answer) and names the
+// user and targets it opens.
 #include "processors/TempKeyProcessor.h"
 
 #include <algorithm>

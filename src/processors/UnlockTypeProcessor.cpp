@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The open-type check: relays on which this way of opening is forbidden are refused.
 #include "processors/UnlockTypeProcessor.h"
 
 #include <vector>

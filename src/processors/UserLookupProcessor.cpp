@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The user lookup: finds the user of a credential (card, PIN, face, QR, plate, BLE), checks
+// validity and gathers the relays their rights name.
 #include "processors/UserLookupProcessor.h"
 
 #include <memory>

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// Virtual doors: the relays a user may open are those of the doors their schedules name, and of
+// this reader's door.
 #include "processors/VirtualDoorProcessor.h"
 
 #include <algorithm>

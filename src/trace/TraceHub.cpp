@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
+// The trace's hub: the sink events go to, the per-thread buffer a line is written into, the
+// numbering of facade calls, and clock readings.
 #include "trace/TraceHub.h"
 
 #include <chrono>
