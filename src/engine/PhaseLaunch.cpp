@@ -56,7 +56,7 @@ void AuthEngine::startInterlockPhase(const AuthContext& context, const AuthCallb
         newPhase(context, PHASE_INTERLOCK, parentRequestId, relays, callback, getUptimeSeconds(),
                  snapshot->interlockTimeout);
     const std::string phaseId = wrapper.context.requestId;
-    wrapper.context.response = phaseResponse(PHASE_INTERLOCK);
+    wrapper.context.response = phaseResponse(PHASE_INTERLOCK, context.response);
     wrapper.context.interlockRequestedRelays = relays;
     wrapper.context.interlockCheckRelays = relays;
     wrapper.context.interlockPending = static_cast<int>(relays.size());
@@ -123,7 +123,7 @@ void AuthEngine::startParkingPhase(const AuthContext& context, const AuthCallbac
         newPhase(context, PHASE_PARKING, parentRequestId, relays, callback, getUptimeSeconds(),
                  snapshot->parkingTimeout);
     const std::string phaseId = wrapper.context.requestId;
-    wrapper.context.response = phaseResponse(PHASE_PARKING);
+    wrapper.context.response = phaseResponse(PHASE_PARKING, context.response);
     wrapper.context.independentParkingRelays = relays;
     wrapper.relayChecks = relayChecks;
     wrapper.parkingRelays = relays;
@@ -223,7 +223,7 @@ void AuthEngine::reportPhaseFailure(const AuthContext& context, const AuthCallba
     failed.requestId = relayPhaseId(parentId, phase);
     failed.asyncType = phase;
     failed.relays = relays;
-    failed.response = phaseResponse(phase);
+    failed.response = phaseResponse(phase, context.response);
     failed.response.result = FAILED;
     failed.response.reason = reasons::INTERNAL_ERROR;
     failed.response.failedRelays = relays;

@@ -159,7 +159,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         // The choice still belongs to the synchronous answer. Only the host's answer may be read on
         // resume, never what the chain left behind.
         wrapper.context.asyncType = PHASE_SYNC;
-        wrapper.context.response = phaseResponse(PHASE_SYNC);
+        wrapper.context.response = phaseResponse(PHASE_SYNC, context.response);
         wrapper.context.response.result = UNLOCK_OPTIONS_PENDING;
         std::vector<std::string> resumes;
         {
@@ -172,9 +172,7 @@ void AuthEngine::processPostSyncPhase(AuthContext& context, const AuthCallback& 
         }
 
         context.asyncType = PHASE_SYNC;
-        const bool duress = context.response.duress;
-        context.response = phaseResponse(PHASE_SYNC);
-        context.response.duress = duress;
+        context.response = phaseResponse(PHASE_SYNC, context.response);
         context.response.result = UNLOCK_OPTIONS_PENDING;
         context.response.failedRelays = failed;
         context.response.unlockOptionsId = optionsId;

@@ -51,10 +51,13 @@ inline AuthEngine::IndependentAsyncContext newPhase(const AuthContext& context, 
     return wrapper;
 }
 
-/// A response that carries no outcome yet, only the phase it belongs to.
-inline AuthResponse phaseResponse(const char* phase) {
+/// A response that carries no outcome yet, only the phase it belongs to and whether the attempt
+/// was made under duress (`of` is the attempt's response so far): every report of a duress attempt
+/// says so.
+inline AuthResponse phaseResponse(const char* phase, const AuthResponse& of) {
     AuthResponse response;
     response.asyncType = phase;
+    response.duress = of.duress;
     return response;
 }
 

@@ -232,6 +232,37 @@ TEST_F(Guessing, DuressOpensWhatTheCodeOpensAndAlarmsFirst) {
     EXPECT_EQ(host->duressAlarms().size(), 2U);
 }
 
+TEST_F(Guessing, EveryLaterReportOfADuressAttemptSaysSo) {
+    configure([](FakeDataProvider& h) {
+        h.config.duressEnabled = true;
+        h.config.interlockEnabled = true;
+        h.config.interlockRelayMap = {{"1", true}};
+        h.answerInterlock = [](FakeDataProvider::Question& question) {
+            AuthResponse closed;
+            closed.result = SUCCESS;
+            question.callback(question.requestId, closed, question.context);
+        };
+    });
+    attempt("9911");  // door 2 at once, door 1 after its interlock phase
+    ASSERT_TRUE(idle());
+    configure([](FakeDataProvider& h) {
+        h.config.interlockEnabled = false;
+        h.config.unlockOptionsEnabled = true;
+    });
+    const std::string offer = attempt("9911").unlockOptionsId;
+    AuthResponse choice;
+    choice.result = SUCCESS;
+    choice.unlockOptionsRelays = {"2"};
+    engine.handleAsyncResponse(offer, SUCCESS, choice, AuthContext());
+    ASSERT_TRUE(idle());
+    std::vector<std::string> phases;
+    for (const auto& report : host->reports()) {
+        EXPECT_TRUE(report.context.response.duress) << report.context.response.asyncType;
+        phases.push_back(report.context.response.asyncType);
+    }
+    EXPECT_EQ(phases, (std::vector<std::string>{"sync", "interlock", "sync", "sync"}));
+}
+
 TEST_F(Guessing, DuressCodeNeverReachesTheLog) {
     configure([](FakeDataProvider& h) {
         h.config.duressEnabled = true;
