@@ -71,9 +71,6 @@ public:
         /// The configuration the post-sync split read: it decides every phase of the request, so
         /// that a check cannot be switched off between the split and its question.
         std::shared_ptr<const AuthConfig> config;
-        /// Which storing of the phase id this is (set when stored; ids of caller-chosen requests
-        /// may return), so that work done on a copy outside the lock finds its own phase again.
-        uint64_t generation = 0;
     };
 
     AuthEngine();
@@ -392,15 +389,6 @@ private:
                             const char* phase, const std::string& parentId,
                             const std::vector<std::string>& relays, bool notifyProvider);
 
-    /// While set on a thread, a registration for `owner` is taken only while the phase parked
-    /// under it is still of `generation`: the interlock retry asks on a copy, outside the lock.
-    struct RegistrationScope {
-        const AuthEngine* engine;
-        std::string owner;
-        uint64_t generation;
-    };
-    static thread_local const RegistrationScope* registrationScope;
-
     // State, in the documented order.
     std::atomic<bool> initialized{false};
     std::shared_ptr<IDataProvider> dataProvider;
@@ -442,8 +430,7 @@ private:
     std::map<std::string, std::vector<EarlyAnswer>> underConstruction;  ///< guarded by queueMutex
     /// Ids asked under a request's or phase's own id, not yet answered; guarded by queueMutex.
     std::set<std::string> ownQuestions;
-    uint64_t droppedAnswers = 0;    ///< guarded by queueMutex
-    uint64_t phaseGenerations = 0;  ///< guarded by queueMutex
+    uint64_t droppedAnswers = 0;  ///< guarded by queueMutex
     /// The walk from chainHead (what a decision runs), recomputed under chainMutex whenever a link
     /// or the head changes, so that a decision takes its chain with one reference count instead of
     /// walking and counting every link. Null when there is no chain.

@@ -17,8 +17,6 @@
 
 namespace auth_engine {
 
-thread_local const AuthEngine::RegistrationScope* AuthEngine::registrationScope = nullptr;
-
 namespace {
 
 // Writes what the host reported into a parked response. Fields the host leaves empty, zero or
@@ -110,13 +108,6 @@ void AuthEngine::registerSubRequest(const std::string& subRequestId,
         relayQuestionOf(subRequestId, parentRequestId).kind != RelayQuestion::NONE;
     if (!perRelay || !isLiveOwnerLocked(parentRequestId)) {
         return;
-    }
-    const RegistrationScope* const scope = registrationScope;
-    if (scope != nullptr && scope->engine == this && scope->owner == parentRequestId) {
-        const IndependentAsyncContext* const phase = parked.phase(parentRequestId);
-        if (phase == nullptr || phase->generation != scope->generation) {
-            return;  // the phase the retry asks for has ended (or another took its id)
-        }
     }
     subRequests[subRequestId] = parentRequestId;
 }

@@ -47,6 +47,17 @@ public:
     /// Takes what is parked under `id` out into `out`; false (and `out` untouched) when nothing is.
     bool take(const std::string& id, Chain& out) { return takeFrom(chains, id, out); }
     bool take(const std::string& id, Phase& out) { return takeFrom(phases, id, out); }
+    /// Takes the phase parked under `id` out to be parked again at once (an interlock retry): its
+    /// questions stay open. False when nothing is parked under `id`.
+    bool lift(const std::string& id, Phase& out) {
+        const auto found = phases.find(id);
+        if (found == phases.end()) {
+            return false;
+        }
+        out = std::move(found->second);
+        phases.erase(found);
+        return true;
+    }
     /// Removes the chain parked under `id`, if any.
     void dropChain(const std::string& id) {
         Chain ignored;

@@ -183,7 +183,6 @@ void AuthEngine::forgetQuestions(const std::string& owner) {
 
 std::vector<std::string> AuthEngine::storePhaseLocked(const std::string& phaseId,
                                                       IndependentAsyncContext phase) {
-    phase.generation = ++phaseGenerations;
     parked.park(phaseId, std::move(phase));
     return finishConstructionLocked(phaseId);
 }

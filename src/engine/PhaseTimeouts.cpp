@@ -24,14 +24,10 @@ namespace auth_engine {
 void AuthEngine::checkTimeoutForIndependentRequests() {
     const int64_t now = getUptimeSeconds();
 
-    // A retry asks on a copy of the phase, outside the lock: the generation tells whether the
-    // phase it writes back to is still the one it copied.
-    struct Retry {
-        std::string id;
-        uint64_t generation = 0;
-        AuthContext copy;
-    };
-    std::vector<Retry> retries;
+    // A retried phase is lifted out of the store and parked again through parkPhaseAndAsk, as a
+    // new phase is: answers that arrive while its questions go out again wait for it.
+    std::vector<std::string> retryIds;
+    std::vector<IndependentAsyncContext> retries;
     std::vector<std::string> resumes;
     std::vector<IndependentAsyncContext> timedOut;
     {
@@ -48,7 +44,7 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
                 if (phase.pendingPhaseCount < retryLimit) {
                     ++phase.pendingPhaseCount;
                     phase.startTime = static_cast<uint64_t>(now);
-                    retries.push_back(Retry{id, phase.generation, phase.context});
+                    retryIds.push_back(id);
                 } else {
                     for (auto& result : phase.context.interlockResults) {
                         if (!result.second.answered) {
@@ -87,6 +83,13 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
             timedOut.push_back(phase);
             return true;
         });
+        for (const std::string& id : retryIds) {
+            IndependentAsyncContext phase;
+            if (parked.lift(id, phase)) {
+                beginConstructionLocked(id, false);
+                retries.push_back(std::move(phase));
+            }
+        }
     }
 
     std::shared_ptr<processors::InterlockProcessor> processor;
@@ -96,55 +99,27 @@ void AuthEngine::checkTimeoutForIndependentRequests() {
             getProcessor(chain::INTERLOCK));
         host = provider();
     }
-    for (Retry& retry : retries) {
-        AuthContext& copy = retry.copy;
-        std::vector<std::string> unanswered;
-        for (const auto& result : copy.interlockResults) {
-            if (!result.second.answered) {
-                unanswered.push_back(result.first);
-            }
-        }
-        if (!processor || !host || unanswered.empty()) {
-            continue;
-        }
-        bool asked = false;
-        {
-            const RegistrationScope scope{this, retry.id, retry.generation};
-            registrationScope = &scope;
-            asked = callHost("interlock retry",
-                             [&] { processor->retryPendingRelays(copy, *host, unanswered); });
-            registrationScope = nullptr;
-        }
-        if (!asked) {
-            continue;
-        }
-        bool ready = false;
-        {
-            std::lock_guard<std::mutex> lock(queueMutex);
-            IndependentAsyncContext* const stored = parked.phase(retry.id);
-            if (stored == nullptr || stored->generation != retry.generation) {
-                continue;  // settled (or replaced) while the questions went out
-            }
-            AuthContext& target = stored->context;
-            for (const std::string& relay : unanswered) {
-                const auto local = copy.interlockResults.find(relay);
-                const auto kept = target.interlockResults.find(relay);
-                if (local == copy.interlockResults.end() || kept == target.interlockResults.end() ||
-                    kept->second.answered || !local->second.answered) {
-                    continue;
-                }
-                kept->second = local->second;
-                --target.interlockPending;
-                const auto reason = copy.relayFailReasons.find(relay);
-                if (reason != copy.relayFailReasons.end()) {
-                    target.relayFailReasons[relay] = reason->second;
+    for (IndependentAsyncContext& retry : retries) {
+        parkPhaseAndAsk(std::move(retry), [&](IndependentAsyncContext& phase) {
+            std::vector<std::string> unanswered;
+            for (const auto& result : phase.context.interlockResults) {
+                if (!result.second.answered) {
+                    unanswered.push_back(result.first);
                 }
             }
-            ready = target.interlockPending <= 0;
-        }
-        if (ready) {
-            enqueueResume(retry.id);
-        }
+            if (!processor || !host || unanswered.empty()) {
+                return false;
+            }
+            // Asked on a copy: what a retry marked before it threw does not count (the answers
+            // given to it still do, through the questions it registered).
+            AuthContext copy = phase.context;
+            if (!callHost("interlock retry",
+                          [&] { processor->retryPendingRelays(copy, *host, unanswered); })) {
+                return false;
+            }
+            phase.context = std::move(copy);
+            return phase.context.interlockPending <= 0;
+        });
     }
     for (const std::string& id : resumes) {
         enqueueResume(id);
