@@ -54,15 +54,29 @@ inline AuthContext presenting(OpenDoorType openType, const std::string& credenti
 
 /// What a processor decided, in one line: "RETURNED failCode 'reason' [relays] [failedRelays]",
 /// with the response's result added when it differs from what process() returned, as in
-/// "IGNORED/FAILED 22 'User not yet valid' [1] [1]".
+/// "IGNORED/FAILED 22 'User not yet valid' [1] [1]"; then, each only when not empty, the relays'
+/// fail reasons " {1:InvalidUserTime}", holiday exemptions " exempt{1:0,2:1}" and the response's
+/// failed relays " failed[1]".
 inline std::string outcome(AuthResult returned, const AuthContext& context) {
     std::string text = AuthLogger::authResultToString(returned);
     if (context.response.result != returned) {
         text += std::string("/") + AuthLogger::authResultToString(context.response.result);
     }
-    return text + " " + std::to_string(context.response.failCode) + " '" + context.response.reason +
-           "' [" + joinRelayVector(context.relays) + "] [" + joinRelayVector(context.failedRelays) +
-           "]";
+    text += " " + std::to_string(context.response.failCode) + " '" + context.response.reason +
+            "' [" + joinRelayVector(context.relays) + "] [" +
+            joinRelayVector(context.failedRelays) + "]";
+    std::string reasons;
+    std::string exempt;
+    for (const auto& [relay, reason] : context.relayFailReasons) {
+        reasons += (reasons.empty() ? "" : ",") + relay + ":" + reason;
+    }
+    for (const auto& [relay, exempted] : context.relayHolidayExemption) {
+        exempt += (exempt.empty() ? "" : ",") + relay + (exempted ? ":1" : ":0");
+    }
+    text += reasons.empty() ? "" : " {" + reasons + "}";
+    text += exempt.empty() ? "" : " exempt{" + exempt + "}";
+    const Relays& failed = context.response.failedRelays;
+    return text + (failed.empty() ? "" : " failed[" + joinRelayVector(failed) + "]");
 }
 
 /// One processor under test, with a scripted host, a frozen clock (UTC) and the log captured.

@@ -32,6 +32,15 @@ AuthContext factor(OpenDoorType type, std::shared_ptr<UserData> user,
     return context;
 }
 
+// A response's wait in one line: "[waiting ]id first>next reader=R Ns userText2 credential".
+std::string wait(const AuthResponse& r) {
+    return (r.doubleAuthWaiting ? "waiting " : "") + r.doubleAuthPendingId + " " +
+           std::to_string(r.doubleAuthFirstType) + ">" + std::to_string(r.doubleAuthNextType) +
+           " reader=" + std::to_string(r.doubleAuthReaderType) + " " +
+           std::to_string(r.doubleAuthTimeoutSec) + "s " + r.doubleAuthUserText2 + " " +
+           r.doubleAuthCredential;
+}
+
 class DoubleAuthProcessorTest : public ProcessorTest<processors::DoubleAuthProcessor> {
 protected:
     DoubleAuthProcessorTest() {
@@ -47,60 +56,56 @@ protected:
 
 TEST_F(DoubleAuthProcessorTest, PassesWhatDoubleAuthenticationDoesNotConcern) {
     auto alice = member("alice");
-    EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_PUBLIC_PIN, alice)), -1);
-    EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_BLE, alice)), -1);
     AuthContext qr = factor(OPEN_TYPE_CARD, alice);
     qr.request.sourceCode = SOURCE_CODE_QR;
-    EXPECT_EQ(failCodeOf(qr), -1);
-    for (int mode : {9, 0}) {
+    for (const AuthContext& context :
+         {factor(OPEN_TYPE_PUBLIC_PIN, alice), qr, factor(OPEN_TYPE_BLE, alice)}) {
+        EXPECT_EQ(failCodeOf(context), -1) << context.request.openType;
+    }
+    // An unknown mode, mode OFF, and a mode with double authentication switched off.
+    for (const auto& [mode, enabled] : std::vector<std::pair<int, bool>>{{9, 1}, {0, 1}, {4, 0}}) {
         provider.config.doubleAuthMode = static_cast<DoubleAuthMode>(mode);
+        provider.config.doubleAuthEnabled = enabled;
         EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_CARD, alice)), -1) << mode;
     }
-    provider.config.doubleAuthMode = DOUBLE_AUTH_MODE_CARD_PIN;
-    provider.config.doubleAuthEnabled = false;
-    EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_CARD, alice)), -1);
     EXPECT_EQ(processor.pendingCount(), 0u);
 }
 
 TEST_F(DoubleAuthProcessorTest, EveryModeHoldsItsFirstFactorAndCompletesWithTheSecond) {
-    struct Pair {
+    const struct {
         DoubleAuthMode mode;
         OpenDoorType first, second;
-        int nextType;
-    };
+        const char* held;
+    } pairs[] = {{DOUBLE_AUTH_MODE_FACE_CARD, OPEN_TYPE_FACE, OPEN_TYPE_CARD_6, "9>1"},
+                 {DOUBLE_AUTH_MODE_FACE_PIN, OPEN_TYPE_FACE, OPEN_TYPE_PIN_19, "9>4"},
+                 {DOUBLE_AUTH_MODE_PIN_CARD, OPEN_TYPE_PIN_5, OPEN_TYPE_CARD_8, "5>1"},
+                 {DOUBLE_AUTH_MODE_CARD_PIN, OPEN_TYPE_CARD, OPEN_TYPE_PIN_7, "1>4"}};
     int id = 0;
-    for (const Pair& pair : {Pair{DOUBLE_AUTH_MODE_FACE_CARD, OPEN_TYPE_FACE, OPEN_TYPE_CARD_6, 1},
-                             Pair{DOUBLE_AUTH_MODE_FACE_PIN, OPEN_TYPE_FACE, OPEN_TYPE_PIN_19, 4},
-                             Pair{DOUBLE_AUTH_MODE_PIN_CARD, OPEN_TYPE_PIN_5, OPEN_TYPE_CARD_8, 1},
-                             Pair{DOUBLE_AUTH_MODE_CARD_PIN, OPEN_TYPE_CARD, OPEN_TYPE_PIN_7, 4}}) {
+    for (const auto& pair : pairs) {
         provider.config.doubleAuthMode = pair.mode;
         auto alice = member("alice");
         AuthContext first = factor(pair.first, alice, READER_TYPE_EXTERNAL_1);
         first.request.direction = RELAY_DIRECTION_OUT;
         ASSERT_EQ(run(first), DOUBLE_AUTH_PENDING) << pair.mode;
-        EXPECT_TRUE(first.response.doubleAuthWaiting);
-        EXPECT_EQ(first.response.doubleAuthPendingId, "double-" + std::to_string(++id));
-        EXPECT_EQ(first.response.doubleAuthNextType, pair.nextType);
-        EXPECT_EQ(first.response.doubleAuthTimeoutSec, 60);
-        EXPECT_EQ(first.response.doubleAuthUserText2, "alice");
-        EXPECT_EQ(first.response.doubleAuthCredential, first.request.credential);
+        const std::string held =
+            std::string(" ") + pair.held + " reader=1 60s alice cred-" + std::to_string(pair.first);
+        EXPECT_EQ(wait(first.response), "waiting double-" + std::to_string(++id) + held);
 
         clock.advance(59);
         // The lookup made its own copy of the same person for the second credential.
         AuthContext second = factor(pair.second, member("alice"), READER_TYPE_INTERNAL);
         ASSERT_EQ(run(second), CONTINUE) << pair.mode;
-        EXPECT_EQ(second.userData, alice);
-        EXPECT_EQ(second.response.user, alice);
-        EXPECT_EQ(second.request.readerType, READER_TYPE_EXTERNAL_1);  // default order 2, 1, 0
-        EXPECT_EQ(second.response.doubleAuthReaderType, READER_TYPE_EXTERNAL_1);
-        EXPECT_EQ(second.request.direction, RELAY_DIRECTION_OUT);
-        EXPECT_EQ(second.response.doubleAuthPendingId, "");
+        EXPECT_TRUE(second.userData == alice && second.response.user == alice);
+        // The reader of the pair by the default order 2, 1, 0; the first factor's direction.
+        EXPECT_EQ(second.request.readerType * 10 + second.request.direction,
+                  READER_TYPE_EXTERNAL_1 * 10 + RELAY_DIRECTION_OUT);
+        EXPECT_EQ(wait(second.response), held);  // the pair's wait, without its id
         EXPECT_EQ(processor.pendingCount(), 0u);
     }
 
     provider.readerPriority = {READER_TYPE_INTERNAL, READER_TYPE_EXTERNAL_2};
-    AuthContext card = factor(OPEN_TYPE_CARD, member("bob"), READER_TYPE_EXTERNAL_2);
-    ASSERT_EQ(run(card), DOUBLE_AUTH_PENDING);
+    ASSERT_EQ(run(factor(OPEN_TYPE_CARD, member("bob"), READER_TYPE_EXTERNAL_2)),
+              DOUBLE_AUTH_PENDING);
     AuthContext pin = factor(OPEN_TYPE_PIN, member("bob"), READER_TYPE_INTERNAL);
     EXPECT_EQ(run(pin), CONTINUE);
     EXPECT_EQ(pin.request.readerType, READER_TYPE_INTERNAL);
@@ -108,13 +113,8 @@ TEST_F(DoubleAuthProcessorTest, EveryModeHoldsItsFirstFactorAndCompletesWithTheS
 
 TEST_F(DoubleAuthProcessorTest, RefusesWrongKindOtherUserAndMissingPending) {
     AuthContext lonePin = factor(OPEN_TYPE_PIN, member("alice"), READER_TYPE_EXTERNAL_2);
-    EXPECT_EQ(run(lonePin), FAILED);
-    EXPECT_EQ(lonePin.response.failCode, 40);
-    EXPECT_EQ(lonePin.response.doubleAuthFirstType, OPEN_TYPE_CARD);
-    EXPECT_EQ(lonePin.response.doubleAuthReaderType, READER_TYPE_EXTERNAL_2);
-    EXPECT_TRUE(
-        log.contains("second factor without pending, currentType=4, firstType=1, "
-                     "nextType=4, pendingId=, result=FAILED"));
+    EXPECT_EQ(decide(lonePin), "FAILED 40 '' [] []");
+    EXPECT_EQ(wait(lonePin.response), " 1>4 reader=2 0s  ");
     EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_FACE, member("alice"))), 40);
     EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_CARD, nullptr)), 41);
     EXPECT_EQ(processor.pendingCount(), 0u);
@@ -155,18 +155,17 @@ TEST_F(DoubleAuthProcessorTest, ExplicitIdsReplacementAndLazyExpiry) {
 TEST_F(DoubleAuthProcessorTest, TimeoutAndCancelEndTheWait) {
     const std::string first = holdCard(member("alice", "3-1,2;4-2,SA;junk;5-"));
     const AuthResponse timedOut = processor.handleTimeout(first);
-    EXPECT_EQ(timedOut.result, FAILED);
-    EXPECT_EQ(timedOut.failCode, 19);
-    EXPECT_EQ(timedOut.failedRelays, (std::vector<std::string>{"1", "2", "SA"}));
-    EXPECT_EQ(timedOut.doubleAuthUserText2, "alice");
+    EXPECT_EQ(std::to_string(timedOut.result) + " " + std::to_string(timedOut.failCode) + " [" +
+                  joinRelayVector(timedOut.failedRelays) + "] " + timedOut.doubleAuthUserText2,
+              std::to_string(FAILED) + " 19 [1,2,SA] alice");
     EXPECT_EQ(processor.handleTimeout(first).failCode, 42);
 
     const std::string second = holdCard(member("alice"));
     EXPECT_EQ(processor.cancel("double-9", "left").doubleAuthPendingId, "double-9");
     const AuthResponse cancelled = processor.cancel(second, "user walked away");
-    EXPECT_EQ(cancelled.result, FAILED);
-    EXPECT_EQ(cancelled.failCode, 0);
-    EXPECT_EQ(cancelled.reason, "user walked away");
+    EXPECT_EQ(std::to_string(cancelled.result) + " " + std::to_string(cancelled.failCode) + " " +
+                  cancelled.reason,
+              std::to_string(FAILED) + " 0 user walked away");
     EXPECT_EQ(processor.cancel(second, "again").failCode, 42);
 
     holdCard(member("alice"));
@@ -177,19 +176,18 @@ TEST_F(DoubleAuthProcessorTest, TimeoutAndCancelEndTheWait) {
 TEST_F(DoubleAuthProcessorTest, ConcurrentHostThreadsKeepEveryIdAndTheLastWait) {
     constexpr int rounds = 200;
     std::vector<std::string> ids[2];
-    std::vector<std::pair<AuthResult, int>> seconds[2];
+    int completed[2] = {0, 0};
     auto presenter = [&](int slot) {
         auto user = member(slot == 0 ? "alice" : "bob");
         for (int i = 0; i < rounds; ++i) {
             AuthContext card = factor(OPEN_TYPE_CARD, user);
-            if (run(card) != DOUBLE_AUTH_PENDING) {
-                continue;
-            }
-            const std::string id = card.response.doubleAuthPendingId;
-            ids[slot].push_back(id);
-            AuthContext pin = factor(OPEN_TYPE_PIN, user, READER_TYPE_INTERNAL, id);
-            const AuthResult result = run(pin);
-            seconds[slot].emplace_back(result, pin.response.failCode);
+            ASSERT_EQ(run(card), DOUBLE_AUTH_PENDING);
+            ids[slot].push_back(card.response.doubleAuthPendingId);
+            // Either it completes its own wait, or a newer first factor had replaced it.
+            const int code =
+                failCodeOf(factor(OPEN_TYPE_PIN, user, READER_TYPE_INTERNAL, ids[slot].back()));
+            EXPECT_TRUE(code == -1 || code == 42) << code;
+            completed[slot] += code == -1 ? 1 : 0;
         }
     };
     std::thread a(presenter, 0);
@@ -201,15 +199,7 @@ TEST_F(DoubleAuthProcessorTest, ConcurrentHostThreadsKeepEveryIdAndTheLastWait) 
     distinct.insert(ids[1].begin(), ids[1].end());
     EXPECT_EQ(distinct.size(), 2u * rounds);
     EXPECT_EQ(distinct.count("double-" + std::to_string(2 * rounds)), 1u);
-    int completed = 0;
-    for (const auto& list : seconds) {
-        for (const auto& [result, failCode] : list) {
-            // Either it completed its own wait, or a newer first factor had replaced it.
-            EXPECT_TRUE(result == CONTINUE || (result == FAILED && failCode == 42)) << failCode;
-            completed += result == CONTINUE ? 1 : 0;
-        }
-    }
-    EXPECT_GE(completed, 1);
+    EXPECT_GE(completed[0] + completed[1], 1);
     // The newest wait is always completed by its owner, so nothing is left behind.
     EXPECT_EQ(processor.pendingCount(), 0u);
 }
