@@ -46,24 +46,20 @@ TEST_F(UserLookupProcessor, DevicePinsReplaceRelaysExceptForQrCodes) {
     AuthContext pub = presenting(OPEN_TYPE_CARD_6, "1234");
     pub.relays = {"1"};
     EXPECT_EQ(decide(pub), "CONTINUE 0 '' [2,SA] []");
-    EXPECT_EQ(pub.request.openType, OPEN_TYPE_PUBLIC_PIN);
-    EXPECT_TRUE(pub.skipUnlockType);
-    EXPECT_FALSE(pub.userData);
-
+    EXPECT_TRUE(pub.request.openType == OPEN_TYPE_PUBLIC_PIN && pub.skipUnlockType &&
+                !pub.userData);
     AuthContext latch = presenting(OPEN_TYPE_CARD_8, "5678");
     EXPECT_EQ(decide(latch), "CONTINUE 0 '' [3] []");
-    EXPECT_EQ(latch.request.openType, OPEN_TYPE_LATCH_PIN);
-    EXPECT_FALSE(latch.skipUnlockType);
+    EXPECT_TRUE(latch.request.openType == OPEN_TYPE_LATCH_PIN && !latch.skipUnlockType);
     EXPECT_EQ(provider.callCount("getUserByCredential"), 0);
 
     // A QR code, or a kind that cannot carry a device PIN, is looked up as a credential.
     AuthContext qr = presenting(OPEN_TYPE_CARD, "1234"), pin = presenting(OPEN_TYPE_PIN, "1234");
     qr.request.sourceCode = SOURCE_CODE_QR;
-    for (AuthContext* context : {&qr, &pin}) {
-        const OpenDoorType before = context->request.openType;
-        EXPECT_EQ(run(*context), CONTINUE);
-        EXPECT_EQ(context->request.openType, before);
-        EXPECT_TRUE(context->userData);
+    for (AuthContext context : {qr, pin}) {
+        const OpenDoorType before = context.request.openType;
+        EXPECT_EQ(run(context), CONTINUE);
+        EXPECT_TRUE(context.request.openType == before && context.userData);
     }
     EXPECT_EQ(provider.callCount("isPublicPin"), 2);
 }
@@ -73,9 +69,7 @@ TEST_F(UserLookupProcessor, FoundUserSharedWithResponseAndPlateKeyFetched) {
     provider.keyData = std::make_shared<KeyData>();
     AuthContext plate = presenting(OPEN_TYPE_LICENSE_PLATE, "AB123");
     EXPECT_EQ(run(plate), CONTINUE);
-    ASSERT_TRUE(plate.userData);
-    EXPECT_EQ(plate.response.user, plate.userData);
-    EXPECT_TRUE(plate.keyData);
+    EXPECT_TRUE(plate.userData && plate.response.user == plate.userData && plate.keyData);
 
     AuthContext card = presenting(OPEN_TYPE_CARD, "AB123");
     EXPECT_EQ(run(card), CONTINUE);
@@ -97,8 +91,8 @@ TEST_F(UserLookupProcessor, DtmfVisitorGetsPrivateUserAndSkipsRelaySchedules) {
     ASSERT_TRUE(context.userData);
     EXPECT_EQ(context.userData->userId, "visitor");
     EXPECT_EQ(context.response.user, context.userData);
-    EXPECT_EQ(context.userData.use_count(), 2);  // nobody else holds the visitor record
-    EXPECT_TRUE(context.request.virtualDoorSkipRelaySchedule);
+    // Nobody else holds the visitor record.
+    EXPECT_TRUE(context.userData.use_count() == 2 && context.request.virtualDoorSkipRelaySchedule);
 
     // Without DTMF data the visitor is never asked; a refused visitor is an unknown user.
     EXPECT_EQ(run(called(false)), FAILED);
@@ -106,8 +100,7 @@ TEST_F(UserLookupProcessor, DtmfVisitorGetsPrivateUserAndSkipsRelaySchedules) {
     provider.dtmfVisitor.reset();
     AuthContext refused = called(true);
     EXPECT_EQ(run(refused), FAILED);
-    EXPECT_FALSE(refused.userData);
-    EXPECT_FALSE(refused.request.virtualDoorSkipRelaySchedule);
+    EXPECT_FALSE(refused.userData || refused.request.virtualDoorSkipRelaySchedule);
 }
 
 TEST_F(UserLookupProcessor, UnknownUserDeferredOnlyWhenDoubleAuthIsOnForFactorKinds) {
@@ -130,6 +123,12 @@ AuthContext dtmfOpen(const std::string& code, const std::string& number = "+100"
     context.request.dtmfData =
         std::make_shared<DtmfRequestData>(DtmfRequestData{code, number, "caller", "call-1"});
     return context;
+}
+
+// What the DTMF stage learnt of the caller: "[whitelisted] perId remoteUsername".
+std::string caller(const DtmfAuthData& data) {
+    return (data.whitelisted ? "whitelisted " : "") + data.resolvedPerId + " " +
+           data.remoteUsername;
 }
 
 class DtmfProcessor : public ProcessorTest<processors::DtmfProcessor> {
@@ -167,11 +166,8 @@ TEST_F(DtmfProcessor, WhitelistedVisitorIsLeftToTheUserLookup) {
     AuthContext context = dtmfOpen("#1");
     EXPECT_EQ(run(context), CONTINUE);
     ASSERT_TRUE(context.dtmfAuthData);
-    EXPECT_TRUE(context.dtmfAuthData->whitelisted);
-    EXPECT_EQ(context.dtmfAuthData->resolvedPerId, "per-5");
-    EXPECT_EQ(context.dtmfAuthData->remoteUsername, "Flat 5");
-    EXPECT_FALSE(context.userData);
-    EXPECT_FALSE(context.skipUserLookup);
+    EXPECT_EQ(caller(*context.dtmfAuthData), "whitelisted per-5 Flat 5");
+    EXPECT_FALSE(context.userData || context.skipUserLookup);
 }
 
 TEST_F(DtmfProcessor, CodeRelaysBecomeTargetsOnceAndAKnownCallerIsTheUser) {
@@ -182,13 +178,9 @@ TEST_F(DtmfProcessor, CodeRelaysBecomeTargetsOnceAndAKnownCallerIsTheUser) {
     EXPECT_EQ(provider.callCount("requestDtmfWhitelist"), 0);
     ASSERT_EQ(context.authTargets.size(), 2u);
     EXPECT_EQ(context.authTargets[1].type, 1);
-    ASSERT_TRUE(context.dtmfAuthData);
-    EXPECT_EQ(context.dtmfAuthData->remoteUsername, "caller");
-    EXPECT_FALSE(context.dtmfAuthData->whitelisted);
-    ASSERT_TRUE(context.userData);
-    EXPECT_EQ(context.userData->userId, "r-1");
-    EXPECT_EQ(context.response.user, context.userData);
-    EXPECT_TRUE(context.skipUserLookup);
+    ASSERT_TRUE(context.dtmfAuthData && context.userData);
+    EXPECT_EQ(caller(*context.dtmfAuthData) + " " + context.userData->userId, " caller r-1");
+    EXPECT_TRUE(context.response.user == context.userData && context.skipUserLookup);
 }
 
 // ---- remote control ----
@@ -211,17 +203,14 @@ TEST_F(RemoteControlProcessor, UnknownUserNeedsTargetsAndRunsUnderACommandAuthor
     AuthContext context = command("app-42", {{0, "2"}, {1, "SA"}, {0, "2"}, {2, "lift"}});
     context.request.virtualDoorExempt = true;
     EXPECT_EQ(decide(context), "CONTINUE 0 '' [2,SA] []");
-    ASSERT_TRUE(context.userData);
-    EXPECT_EQ(context.userData->userId, "app-42");
-    EXPECT_EQ(context.userData->userType, 1);
-    EXPECT_EQ(context.response.user, context.userData);
-    EXPECT_EQ(context.authTargets.size(), 4u);
-    ASSERT_TRUE(context.remoteControlAuthData);
-    EXPECT_EQ(context.remoteControlAuthData->remoteUserId, "app-42");
-    EXPECT_EQ(context.remoteControlAuthData->commandText, "open-from-app");
+    ASSERT_TRUE(context.userData && context.remoteControlAuthData);
+    EXPECT_EQ(context.userData->userId + std::to_string(context.userData->userType) + " " +
+                  context.remoteControlAuthData->remoteUserId + " " +
+                  context.remoteControlAuthData->commandText,
+              "app-421 app-42 open-from-app");
+    EXPECT_TRUE(context.response.user == context.userData && context.authTargets.size() == 4);
     EXPECT_TRUE(context.skipUserLookup && context.skipUnlockType && context.skipVirtualDoor &&
-                context.virtualDoorExempt);
-    EXPECT_FALSE(context.skipTimeCheck || context.skipHolidayCheck);
+                context.virtualDoorExempt && !context.skipTimeCheck && !context.skipHolidayCheck);
 
     // A known user needs no targets.
     provider.remoteControlUsers["resident-7"].scheduleRelay = "1-1";
@@ -260,8 +249,7 @@ TEST_F(HttpProcessor, TargetsAreCheckedLiterallyAndCommandsFromElsewhereSkipTheC
     EXPECT_EQ(decide(valid), "CONTINUE 0 '' [1,SB] []");
     EXPECT_EQ(valid.authTargets.size(), 4u);
     expectUserChecksSkipped(valid);
-    ASSERT_TRUE(valid.httpRequestData);
-    EXPECT_NE(valid.httpRequestData, valid.request.httpData);
+    EXPECT_TRUE(valid.httpRequestData && valid.httpRequestData != valid.request.httpData);
     EXPECT_EQ(provider.callCount("getHttpOpenConfig"), 0);
 
     AuthContext fromRequest = httpOpen({}, 1);
@@ -324,8 +312,7 @@ TEST_F(InputProcessor, OpensOnlyRelayOneOrTwoOfTheInputsTargets) {
     // Targets named by the input win over the request's, and no user check applies.
     AuthContext context = inputOpen({{0, "2"}, {0, "1"}, {0, "2"}}, {{0, "SA"}});
     EXPECT_EQ(decide(context), "CONTINUE 0 '' [2,1] []");
-    ASSERT_TRUE(context.inputRequestData);
-    EXPECT_NE(context.inputRequestData, context.request.inputData);
+    EXPECT_TRUE(context.inputRequestData && context.inputRequestData != context.request.inputData);
     expectUserChecksSkipped(context);
 
     EXPECT_EQ(decide(inputOpen({}, {{0, "1"}})), "CONTINUE 0 '' [1] []");

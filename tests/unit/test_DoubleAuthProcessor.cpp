@@ -34,8 +34,9 @@ AuthContext factor(OpenDoorType type, std::shared_ptr<UserData> user,
 
 // A response's wait in one line: "[waiting ]id first>next reader=R Ns userText2 credential".
 std::string wait(const AuthResponse& r) {
-    return (r.doubleAuthWaiting ? "waiting " : "") + r.doubleAuthPendingId + " " +
-           std::to_string(r.doubleAuthFirstType) + ">" + std::to_string(r.doubleAuthNextType) +
+    return (r.doubleAuthWaiting ? "waiting " : "") + r.doubleAuthPendingId + " mode" +
+           std::to_string(r.doubleAuthMode) + " " + std::to_string(r.doubleAuthFirstType) + ">" +
+           std::to_string(r.doubleAuthNextType) +
            " reader=" + std::to_string(r.doubleAuthReaderType) + " " +
            std::to_string(r.doubleAuthTimeoutSec) + "s " + r.doubleAuthUserText2 + " " +
            r.doubleAuthCredential;
@@ -87,8 +88,8 @@ TEST_F(DoubleAuthProcessorTest, EveryModeHoldsItsFirstFactorAndCompletesWithTheS
         AuthContext first = factor(pair.first, alice, READER_TYPE_EXTERNAL_1);
         first.request.direction = RELAY_DIRECTION_OUT;
         ASSERT_EQ(run(first), DOUBLE_AUTH_PENDING) << pair.mode;
-        const std::string held =
-            std::string(" ") + pair.held + " reader=1 60s alice cred-" + std::to_string(pair.first);
+        const std::string held = " mode" + std::to_string(pair.mode) + " " + pair.held +
+                                 " reader=1 60s alice cred-" + std::to_string(pair.first);
         EXPECT_EQ(wait(first.response), "waiting double-" + std::to_string(++id) + held);
 
         clock.advance(59);
@@ -114,8 +115,10 @@ TEST_F(DoubleAuthProcessorTest, EveryModeHoldsItsFirstFactorAndCompletesWithTheS
 TEST_F(DoubleAuthProcessorTest, RefusesWrongKindOtherUserAndMissingPending) {
     AuthContext lonePin = factor(OPEN_TYPE_PIN, member("alice"), READER_TYPE_EXTERNAL_2);
     EXPECT_EQ(decide(lonePin), "FAILED 40 '' [] []");
-    EXPECT_EQ(wait(lonePin.response), " 1>4 reader=2 0s  ");
-    EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_FACE, member("alice"))), 40);
+    EXPECT_EQ(wait(lonePin.response), " mode4 1>4 reader=2 0s  ");
+    AuthContext face = factor(OPEN_TYPE_FACE, member("alice"));
+    EXPECT_EQ(decide(face), "FAILED 40 '' [] []");
+    EXPECT_EQ(wait(face.response), " mode4 1>4 reader=0 0s  ");
     EXPECT_EQ(failCodeOf(factor(OPEN_TYPE_CARD, nullptr)), 41);
     EXPECT_EQ(processor.pendingCount(), 0u);
 

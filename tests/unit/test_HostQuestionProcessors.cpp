@@ -236,6 +236,16 @@ TEST_F(InterlockProcessor, RetryAsksOnlyUnansweredRelays) {
     EXPECT_EQ(questionsOf(provider), "");
 }
 
+// Resumed with the answers: only an answered SUCCESS opens; the rest stays open while any relay
+// does.
+TEST_F(InterlockProcessor, ResumedAnswersOpenOnlyOnSuccess) {
+    context = attempt(OPEN_TYPE_NONE, {"1", "2", "3"}, nullptr, "r");
+    context.pendingProcessor = chain::INTERLOCK;
+    context.interlockResults = {
+        {"1", {"1", SUCCESS, true}}, {"2", {"2", FAILED, true}}, {"3", {"3", SUCCESS, false}}};
+    EXPECT_EQ(decide(context), "CONTINUE 21 '' [1] [2,3] {2:Interlock,3:Interlock} failed[2,3]");
+}
+
 // ---- parking restriction ----
 
 // A vehicle of `userType` at relay 1; with a result, resumed with the host's answer.
