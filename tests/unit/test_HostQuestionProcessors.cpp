@@ -11,7 +11,7 @@
 #include "processors/InterlockProcessor.h"
 #include "processors/ParkingRestrictionProcessor.h"
 #include "processors/TempKeyProcessor.h"
-#include "support/CallbackRecorder.h"
+#include "support/EngineHarness.h"
 #include "support/ProcessorTest.h"
 
 namespace auth_engine {
@@ -374,14 +374,16 @@ TEST_F(TempKeyProcessor, RefusedAnswersFailWithoutTargets) {
 TEST_F(TempKeyProcessor, AcceptedKeyBecomesUserTargetsAndFlags) {
     provider.tempKeyUsers["K1"].userId = "u7";
     provider.tempKeyTargets = {AuthTarget{0, "4"}};
-    const auto data = std::make_shared<TempKeyAuthData>();  // empty key: the credential is the key
-    data->userText = "visitor";
-    data->requestText = "delivery";
-    data->userText2 = "floor 3";
-    data->sourceCode = 4;
-    // Only relay kinds with an id become relays, once each, after the relays already there.
-    data->targets = {AuthTarget{2, "9"}, AuthTarget{0, ""}, AuthTarget{1, "SA"}, AuthTarget{0, "1"},
-                     AuthTarget{0, "SA"}};
+    // An empty key: the credential is the key. Only relay kinds with an id become relays, once
+    // each, after the relays already there.
+    const auto data = std::make_shared<TempKeyAuthData>(
+        TempKeyAuthData{"",
+                        "visitor",
+                        "delivery",
+                        0,
+                        4,
+                        "floor 3",
+                        {{2, "9"}, {0, ""}, {1, "SA"}, {0, "1"}, {0, "SA"}}});
     AuthContext context = tempKey("K1", data);
     context.relays = {"1"};
     context.authTargets = {AuthTarget{0, "2"}};
@@ -414,38 +416,28 @@ TEST_F(TempKeyProcessor, AcceptedKeyBecomesUserTargetsAndFlags) {
 
 // The host answers under its own handle: the answer must reach the request that asked, whether it
 // comes from inside the question or later.
-TEST(TempKeyAnswer, RoutedToTheAskingRequestInlineOrLater) {
-    TestClock clock;  // frozen: the short temp-key wait never expires under test
-    auto provider = std::make_shared<FakeDataProvider>();
-    provider->tempKeyUsers["K1"] = UserData();
-    AuthContext update;
-    update.tempKeyAuthData = std::make_shared<TempKeyAuthData>();
-    update.tempKeyAuthData->targets = {AuthTarget{0, "2"}};
-    CallbackRecorder recorder;  // outlives the engine that calls it
-    AuthEngine engine;
-    ASSERT_EQ(engine.init(provider), 0);
-    engine.setProcessorChain({"TempKey"});
-    AuthRequest request;
-    request.openType = OPEN_TYPE_TEMP_KEY;
-    request.credential = "K1";
+using TempKeyAnswer = EngineTest;
 
+TEST_F(TempKeyAnswer, RoutedToTheAskingRequestInlineOrLater) {
+    configure([](FakeDataProvider& h) {
+        h.tempKeyUsers["K1"] = UserData();
+        h.tempKeyTargets = {AuthTarget{0, "2"}};
+    });
+    engine.setProcessorChain({"TempKey"});
+    const AuthRequest request = makeRequest("K1", OPEN_TYPE_TEMP_KEY);
     EXPECT_EQ(engine.authenticate(request, recorder.callback(), "later").result, ASYNC_PENDING);
-    provider->answer(0, SUCCESS, 0, update);
-    {
-        const auto lock = provider->lock();
-        provider->answerTempKey = [&](FakeDataProvider::Question& question) {
-            AuthResponse response;
-            response.result = SUCCESS;
-            question.callback(question.handle, response, update);
+    host->answer(0, SUCCESS, 0, tempKeyAnswer("K1"));
+    configure([](FakeDataProvider& h) {
+        h.answerTempKey = [](FakeDataProvider::Question& question) {
+            question.callback(question.handle, responseOf(SUCCESS), tempKeyAnswer("K1"));
         };
-    }
+    });
     EXPECT_EQ(engine.authenticate(request, recorder.callback(), "inline").result, ASYNC_PENDING);
-    ASSERT_TRUE(recorder.waitFor(2));
-    ASSERT_TRUE(engine.waitForIdle(5000));
+    ASSERT_TRUE(recorder.waitFor(2) && idle());
     for (const char* id : {"later", "inline"}) {
-        ASSERT_EQ(recorder.forId(id).size(), 1u) << id;
-        EXPECT_EQ(recorder.forId(id)[0].response.result, SUCCESS) << id;
-        EXPECT_EQ(recorder.forId(id)[0].response.openedRelays, (Relays{"2"})) << id;
+        const AuthResponse report = onlyReport(id);
+        EXPECT_EQ(report.result, SUCCESS) << id;
+        expectRelays(report, {"2"}, {});
     }
     EXPECT_EQ(engine.parkedChainCount(), 0u);
 }

@@ -28,13 +28,8 @@ const int64_t kNow = TestClock::utc(2025, 1, 15, 12);  // a Wednesday, the TestC
 
 std::shared_ptr<ScheduleData> schedule(const std::string& id, bool exempt = false,
                                        const std::string& start = "08:00:00") {
-    auto data = std::make_shared<ScheduleData>();
-    data->scheduleId = id;
-    data->type = 1;
-    data->startTime = start;
-    data->endTime = "18:00:00";
-    data->holidayExemption = exempt;
-    return data;
+    return std::make_shared<ScheduleData>(
+        ScheduleData{0, 1, id, "", start, "18:00:00", "", "", "", "", exempt});
 }
 
 // A user whose schedules are owned by "10-1", valid from `from` to `to`.
@@ -122,12 +117,9 @@ TEST_F(TimeCheckProcessor, DailyWeeklyAndDateRules) {
                  processor.isInDateRange("", "99999999", INT64_MAX));
 
     // DATE needs time of day, weekday and date at once; unknown types never pass.
-    ScheduleData date = *schedule("d", false, "00:00:00");
-    date.type = 3;
-    date.endTime = "23:59:59";
-    date.startDate = "2024-01-01";
-    date.endDate = "2024-12-31";
-    date.weekly = "2";  // 31 December 2024 was a Tuesday
+    // 31 December 2024 was a Tuesday.
+    ScheduleData date{0,   3,  "d",  "", "00:00:00", "23:59:59", "2024-01-01", "2024-12-31",
+                      "2", "", false};
     EXPECT_TRUE(processor.isScheduleValid(date, newYearsEve));
     for (const auto& [type, weekly] :
          std::vector<std::pair<int, std::string>>{{3, "1"}, {2, ""}, {9, ""}}) {
@@ -295,13 +287,7 @@ TEST_F(VirtualDoorProcessor, OverrideVersusFilter) {
 
 HolidayData holiday(const std::string& start, const std::string& end, int type = 0,
                     const std::string& timeRange = "", int yearly = 0) {
-    HolidayData data;
-    data.startDate = start;
-    data.endDate = end;
-    data.type = type;
-    data.timeRange = timeRange;
-    data.yearlyRepeat = yearly;
-    return data;
+    return HolidayData{0, yearly, type, timeRange, "", "", start, end};
 }
 
 class HolidayCheckProcessor : public ProcessorTest<processors::HolidayCheckProcessor> {
