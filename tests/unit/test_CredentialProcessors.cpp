@@ -29,12 +29,24 @@ void expectUserChecksSkipped(const AuthContext& context) {
 
 using UserLookupProcessor = ProcessorTest<processors::UserLookupProcessor>;
 
-TEST_F(UserLookupProcessor, SkipFlagAndRelayKeyContinueWithoutLookup) {
+TEST_F(UserLookupProcessor, SkipsAndUnknownUsers) {
     AuthContext skipped = presenting(OPEN_TYPE_CARD, "unknown");
     skipped.skipUserLookup = true;
     EXPECT_EQ(run(skipped), CONTINUE);
     EXPECT_EQ(decide(presenting(OPEN_TYPE_RELAY_KEY, "unknown")), "CONTINUE 0 '' [] []");
     EXPECT_TRUE(provider.calls().empty());
+
+    // An unknown user is deferred only when double authentication is on, for its factor kinds.
+    provider.config.doubleAuthEnabled = true;
+    provider.config.doubleAuthMode = DOUBLE_AUTH_MODE_FACE_CARD;
+    for (const OpenDoorType kind :
+         {OPEN_TYPE_CARD, OPEN_TYPE_PIN, OPEN_TYPE_FACE, OPEN_TYPE_PIN_19}) {
+        EXPECT_EQ(decide(presenting(kind, "nobody")), "CONTINUE 0 '' [] []") << kind;
+    }
+    EXPECT_EQ(run(presenting(OPEN_TYPE_BLE, "nobody")), FAILED);
+
+    provider.config.doubleAuthMode = DOUBLE_AUTH_MODE_OFF;  // enabled with mode OFF is not on
+    EXPECT_EQ(decide(presenting(OPEN_TYPE_CARD, "nobody")), "FAILED 1 'User not found' [] []");
 }
 
 TEST_F(UserLookupProcessor, DevicePinsReplaceRelaysExceptForQrCodes) {
@@ -64,7 +76,7 @@ TEST_F(UserLookupProcessor, DevicePinsReplaceRelaysExceptForQrCodes) {
     EXPECT_EQ(provider.callCount("isPublicPin"), 2);
 }
 
-TEST_F(UserLookupProcessor, FoundUserSharedWithResponseAndPlateKeyFetched) {
+TEST_F(UserLookupProcessor, FoundUsersPlateKeysAndDtmfVisitors) {
     provider.users["AB123"] = UserData();
     provider.keyData = std::make_shared<KeyData>();
     AuthContext plate = presenting(OPEN_TYPE_LICENSE_PLATE, "AB123");
@@ -75,9 +87,8 @@ TEST_F(UserLookupProcessor, FoundUserSharedWithResponseAndPlateKeyFetched) {
     EXPECT_EQ(run(card), CONTINUE);
     EXPECT_FALSE(card.keyData);
     EXPECT_EQ(provider.callCount("getKeyData"), 1);
-}
 
-TEST_F(UserLookupProcessor, DtmfVisitorGetsPrivateUserAndSkipsRelaySchedules) {
+    // A DTMF visitor gets a private user and skips relay schedules.
     provider.dtmfVisitor = UserData();
     provider.dtmfVisitor->userId = "visitor";
     auto called = [](bool withData) {
@@ -101,19 +112,6 @@ TEST_F(UserLookupProcessor, DtmfVisitorGetsPrivateUserAndSkipsRelaySchedules) {
     AuthContext refused = called(true);
     EXPECT_EQ(run(refused), FAILED);
     EXPECT_FALSE(refused.userData || refused.request.virtualDoorSkipRelaySchedule);
-}
-
-TEST_F(UserLookupProcessor, UnknownUserDeferredOnlyWhenDoubleAuthIsOnForFactorKinds) {
-    provider.config.doubleAuthEnabled = true;
-    provider.config.doubleAuthMode = DOUBLE_AUTH_MODE_FACE_CARD;
-    for (const OpenDoorType kind :
-         {OPEN_TYPE_CARD, OPEN_TYPE_PIN, OPEN_TYPE_FACE, OPEN_TYPE_PIN_19}) {
-        EXPECT_EQ(decide(presenting(kind, "nobody")), "CONTINUE 0 '' [] []") << kind;
-    }
-    EXPECT_EQ(run(presenting(OPEN_TYPE_BLE, "nobody")), FAILED);
-
-    provider.config.doubleAuthMode = DOUBLE_AUTH_MODE_OFF;  // enabled with mode OFF is not on
-    EXPECT_EQ(decide(presenting(OPEN_TYPE_CARD, "nobody")), "FAILED 1 'User not found' [] []");
 }
 
 // ---- DTMF ----
@@ -160,17 +158,9 @@ TEST_F(DtmfProcessor, RefusesWithoutDataConfigurationKnownCodeOrWhitelisting) {
     expectRefused(dtmfOpen("#1"), 1, "DTMF open disabled");
 }
 
-TEST_F(DtmfProcessor, WhitelistedVisitorIsLeftToTheUserLookup) {
-    provider.dtmfConfig->whitelistRequired = true;
-    provider.dtmfWhitelist["+100"] = DtmfWhitelistResult{true, "per-5", "Flat 5"};
-    AuthContext context = dtmfOpen("#1");
-    EXPECT_EQ(run(context), CONTINUE);
-    ASSERT_TRUE(context.dtmfAuthData);
-    EXPECT_EQ(caller(*context.dtmfAuthData), "whitelisted per-5 Flat 5");
-    EXPECT_FALSE(context.userData || context.skipUserLookup);
-}
-
-TEST_F(DtmfProcessor, CodeRelaysBecomeTargetsOnceAndAKnownCallerIsTheUser) {
+// Code relays become targets once and a known caller is the user; a whitelisted visitor is left to
+// the user lookup.
+TEST_F(DtmfProcessor, KnownCallersAndWhitelistedVisitors) {
     provider.dtmfUsers["+100"].userId = "r-1";
     AuthContext context = dtmfOpen("#1");
     context.authTargets = {{0, "1"}};
@@ -181,6 +171,14 @@ TEST_F(DtmfProcessor, CodeRelaysBecomeTargetsOnceAndAKnownCallerIsTheUser) {
     ASSERT_TRUE(context.dtmfAuthData && context.userData);
     EXPECT_EQ(caller(*context.dtmfAuthData) + " " + context.userData->userId, " caller r-1");
     EXPECT_TRUE(context.response.user == context.userData && context.skipUserLookup);
+
+    provider.dtmfConfig->whitelistRequired = true;
+    provider.dtmfWhitelist["+200"] = DtmfWhitelistResult{true, "per-5", "Flat 5"};
+    AuthContext visitor = dtmfOpen("#1", "+200");
+    EXPECT_EQ(run(visitor), CONTINUE);
+    ASSERT_TRUE(visitor.dtmfAuthData);
+    EXPECT_EQ(caller(*visitor.dtmfAuthData), "whitelisted per-5 Flat 5");
+    EXPECT_FALSE(visitor.userData || visitor.skipUserLookup);
 }
 
 // ---- remote control ----
@@ -233,7 +231,7 @@ AuthContext httpOpen(Targets targets, int source = 0) {
 
 using HttpProcessor = ProcessorTest<processors::HttpProcessor>;
 
-TEST_F(HttpProcessor, TargetsAreCheckedLiterallyAndCommandsFromElsewhereSkipTheConfiguration) {
+TEST_F(HttpProcessor, TargetsAreCheckedLiterallyAndLocalCommandsNeedValidCredentials) {
     EXPECT_EQ(decide(attempt(OPEN_TYPE_HTTP_20, {}, nullptr)),
               "FAILED 0 'Invalid HTTP data' [] []");
     const std::vector<Targets> invalid = {{},          {{0, "3"}},           {{1, "sa"}},
@@ -255,9 +253,8 @@ TEST_F(HttpProcessor, TargetsAreCheckedLiterallyAndCommandsFromElsewhereSkipTheC
     AuthContext fromRequest = httpOpen({}, 1);
     fromRequest.request.targets = {{0, "2"}};
     EXPECT_EQ(decide(fromRequest), "CONTINUE 0 '' [2] []");
-}
 
-TEST_F(HttpProcessor, LocalCommandsNeedOpeningEnabledAndValidCredentials) {
+    // Local commands need opening enabled and valid credentials.
     auto code = [&](int mode, const std::string& user, const std::string& password, int preAuth) {
         AuthContext context = httpOpen({{0, "1"}});
         context.request.httpData->authMode = mode;

@@ -63,7 +63,7 @@ TEST(GuessGuard, OnlyUnknownCodesOfTheChosenKindsCount) {
     }
 }
 
-TEST(GuessGuard, LimitWithinTheWindowLocksOneReaderForTheLockout) {
+TEST(GuessGuard, LimitWithinTheWindowLocksOneReaderAndTheTableStaysFixed) {
     const AuthConfig config = guessing(3, 10, 30);
     GuessGuard guard;
     // Spread wider than the window: never three inside it.
@@ -88,22 +88,19 @@ TEST(GuessGuard, LimitWithinTheWindowLocksOneReaderForTheLockout) {
     guard.clear();
     EXPECT_FALSE(guard.refuses(READER_TYPE_INTERNAL, 61));
     EXPECT_EQ(guard.trackedReaders(), 0U);
-}
 
-// A million distinct wrong codes over a thousand reader values: the table never grows, and a
-// reader locked out is not pushed out to make room.
-TEST(GuessGuard, TableStaysFixedUnderAMillionDistinctWrongCodes) {
-    const AuthConfig config = guessing(5, 1000000, 1000000);
-    GuessGuard guard;
+    // A million distinct wrong codes over a thousand reader values: the table never grows, and a
+    // reader locked out is not pushed out to make room.
+    const AuthConfig wide = guessing(5, 1000000, 1000000);
     for (int i = 0; i < 4; ++i) {
-        guard.recordRefusal(READER_TYPE_INTERNAL, config, 0);
+        guard.recordRefusal(READER_TYPE_INTERNAL, wide, 0);
     }
-    ASSERT_TRUE(guard.recordRefusal(READER_TYPE_INTERNAL, config, 0).lockoutStarted);
+    ASSERT_TRUE(guard.recordRefusal(READER_TYPE_INTERNAL, wide, 0).lockoutStarted);
     AuthContext attempt = refused(OPEN_TYPE_PIN, fail::GENERIC, reasons::USER_NOT_FOUND);
     for (int i = 0; i < 1000000; ++i) {
         attempt.request.credential = std::to_string(i);
         attempt.request.readerType = static_cast<ReaderType>(1 + i % 1000);
-        guard.noteVerdict(attempt, config);
+        guard.noteVerdict(attempt, wide);
     }
     EXPECT_EQ(guard.trackedReaders(), GuessGuard::READER_SLOTS);
     EXPECT_TRUE(guard.refuses(READER_TYPE_INTERNAL, 1));

@@ -71,7 +71,7 @@ TEST_F(TimeCheckProcessor, SkipsTempKeysAndMissingUser) {
     EXPECT_EQ(decide(timed(OPEN_TYPE_TEMP_KEY, {"1"})), "CONTINUE 0 '' [1] [] exempt{1:0}");
 }
 
-TEST_F(TimeCheckProcessor, PlateAndUserValidity) {
+TEST_F(TimeCheckProcessor, ValidityAndScheduleRules) {
     auto plate = [&](int64_t start, int64_t end, bool longTerm, int64_t to = 0) {
         AuthContext context = timed(OPEN_TYPE_LICENSE_PLATE, {"1"}, to == 0 ? 0 : kNow, to);
         context.keyData = std::make_shared<KeyData>(KeyData{start, end, longTerm});
@@ -90,9 +90,8 @@ TEST_F(TimeCheckProcessor, PlateAndUserValidity) {
               "FAILED 22 'User expired' [1] [1] {1:InvalidUserTime}");
     EXPECT_EQ(decide(timed(OPEN_TYPE_BLE, {"1"}, kNow + 1)),
               "IGNORED/FAILED 22 'User not yet valid' [1] [1] {1:InvalidUserTime}");
-}
 
-TEST_F(TimeCheckProcessor, DailyWeeklyAndDateRules) {
+    // Daily, weekly and date rules.
     const int64_t sixPm = TestClock::utc(2025, 1, 15, 18);
     const int64_t newYearsEve = TestClock::utc(2024, 12, 31, 23, 59, 59);
     const std::string ok = "08:00:00", night = "22:00:00", morning = "06:00:00", late = "99:99:99";
@@ -332,7 +331,7 @@ TEST_F(HolidayCheckProcessor, SkipsLeaveRelaysAlone) {
     EXPECT_EQ(provider.ownerKeysAsked(), (Relays{"hk"}));  // only the empty-list variant asked
 }
 
-TEST_F(HolidayCheckProcessor, TimeRangeBoundariesAndMalformedRanges) {
+TEST_F(HolidayCheckProcessor, DaysAndTimeRanges) {
     const HolidayData morning = holiday("2025-01-15", "2025-01-15", 1, "09:00:00-12:00:00");
     EXPECT_TRUE(holds({morning}, TestClock::utc(2025, 1, 15, 8, 59, 59)));
     EXPECT_FALSE(holds({morning}, TestClock::utc(2025, 1, 15, 9)));
@@ -353,9 +352,8 @@ TEST_F(HolidayCheckProcessor, TimeRangeBoundariesAndMalformedRanges) {
     const HolidayData elsewhere = holiday("2024-01-01", "2024-12-31");
     EXPECT_FALSE(holds({elsewhere, open, closed}, kTen));
     EXPECT_TRUE(holds({elsewhere, closed, open}, kTen));
-}
 
-TEST_F(HolidayCheckProcessor, YearlyHolidaysCompareMonthAndDay) {
+    // Yearly holidays compare month and day.
     const HolidayData xmas = holiday("2020-12-24", "2020-12-26", 0, "", 1);
     EXPECT_TRUE(holds({xmas}, TestClock::utc(2025, 12, 25, 10)));
     EXPECT_TRUE(holds({xmas}, TestClock::utc(2031, 12, 26, 23, 59, 59)));
@@ -495,18 +493,8 @@ public:
 
 using BleIntervalProcessor = ProcessorTest<processors::BleIntervalProcessor, OncePerUserProvider>;
 
-TEST_F(BleIntervalProcessor, SecondOpenInARowIsIgnoredAndNotRecorded) {
-    EXPECT_EQ(decide(attempt(OPEN_TYPE_BLE, {"1", "SA"}, person("u7"))), "CONTINUE 0 '' [1,SA] []");
-    EXPECT_EQ(provider.bleRecords, (std::vector<Relays>{{"1", "SA"}}));
-    AuthContext second = attempt(OPEN_TYPE_BLE, {"1", "SA"}, person("u7"));
-    second.response.failCode = 3;
-    EXPECT_EQ(decide(second), "IGNORED/CONTINUE 3 'BLE open interval' [1,SA] []");
-    EXPECT_TRUE(log.contains("] result=IGNORED, user=u7, relays=1,SA"));
-    EXPECT_EQ(provider.calls(),
-              (Relays{"checkBleOpenInterval", "recordBleOpen", "checkBleOpenInterval"}));
-}
-
-TEST_F(BleIntervalProcessor, OnlyBleWithUserAndRelaysIsChecked) {
+TEST_F(BleIntervalProcessor, SecondOpenInARowIsIgnoredAndNotRecordedOnlyForBle) {
+    // Only BLE with a user and relays is checked.
     std::vector<AuthContext> contexts(3, attempt(OPEN_TYPE_BLE, {"1"}, person("u1")));
     contexts[0].userData.reset();
     contexts[1].relays.clear();
@@ -515,6 +503,15 @@ TEST_F(BleIntervalProcessor, OnlyBleWithUserAndRelaysIsChecked) {
         EXPECT_EQ(decide(context), "CONTINUE 0 '' [" + joinRelayVector(context.relays) + "] []");
     }
     EXPECT_TRUE(provider.calls().empty());
+
+    EXPECT_EQ(decide(attempt(OPEN_TYPE_BLE, {"1", "SA"}, person("u7"))), "CONTINUE 0 '' [1,SA] []");
+    EXPECT_EQ(provider.bleRecords, (std::vector<Relays>{{"1", "SA"}}));
+    AuthContext second = attempt(OPEN_TYPE_BLE, {"1", "SA"}, person("u7"));
+    second.response.failCode = 3;
+    EXPECT_EQ(decide(second), "IGNORED/CONTINUE 3 'BLE open interval' [1,SA] []");
+    EXPECT_TRUE(log.contains("] result=IGNORED, user=u7, relays=1,SA"));
+    EXPECT_EQ(provider.calls(),
+              (Relays{"checkBleOpenInterval", "recordBleOpen", "checkBleOpenInterval"}));
 }
 
 }  // namespace
