@@ -6,6 +6,7 @@
 #include <memory>
 #include <set>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -48,8 +49,9 @@ protected:
         provider.config.doubleAuthEnabled = true;
         provider.config.doubleAuthMode = DOUBLE_AUTH_MODE_CARD_PIN;
     }
-    std::string holdCard(const std::shared_ptr<UserData>& user) {
-        AuthContext card = factor(OPEN_TYPE_CARD, user);
+    std::string holdCard(const std::shared_ptr<UserData>& user,
+                         ReaderType reader = READER_TYPE_INTERNAL) {
+        AuthContext card = factor(OPEN_TYPE_CARD, user, reader);
         EXPECT_EQ(run(card), DOUBLE_AUTH_PENDING);
         return card.response.doubleAuthPendingId;
     }
@@ -73,29 +75,27 @@ TEST_F(DoubleAuthProcessorTest, PassesWhatDoubleAuthenticationDoesNotConcern) {
 }
 
 TEST_F(DoubleAuthProcessorTest, EveryModeHoldsItsFirstFactorAndCompletesWithTheSecond) {
-    const struct {
-        DoubleAuthMode mode;
-        OpenDoorType first, second;
-        const char* held;
-    } pairs[] = {{DOUBLE_AUTH_MODE_FACE_CARD, OPEN_TYPE_FACE, OPEN_TYPE_CARD_6, "9>1"},
-                 {DOUBLE_AUTH_MODE_FACE_PIN, OPEN_TYPE_FACE, OPEN_TYPE_PIN_19, "9>4"},
-                 {DOUBLE_AUTH_MODE_PIN_CARD, OPEN_TYPE_PIN_5, OPEN_TYPE_CARD_8, "5>1"},
-                 {DOUBLE_AUTH_MODE_CARD_PIN, OPEN_TYPE_CARD, OPEN_TYPE_PIN_7, "1>4"}};
+    // {mode, first factor, second factor, "first>next" as the wait describes it}
+    const std::tuple<DoubleAuthMode, OpenDoorType, OpenDoorType, const char*> pairs[] = {
+        {DOUBLE_AUTH_MODE_FACE_CARD, OPEN_TYPE_FACE, OPEN_TYPE_CARD_6, "9>1"},
+        {DOUBLE_AUTH_MODE_FACE_PIN, OPEN_TYPE_FACE, OPEN_TYPE_PIN_19, "9>4"},
+        {DOUBLE_AUTH_MODE_PIN_CARD, OPEN_TYPE_PIN_5, OPEN_TYPE_CARD_8, "5>1"},
+        {DOUBLE_AUTH_MODE_CARD_PIN, OPEN_TYPE_CARD, OPEN_TYPE_PIN_7, "1>4"}};
     int id = 0;
-    for (const auto& pair : pairs) {
-        provider.config.doubleAuthMode = pair.mode;
+    for (const auto& [mode, firstType, secondType, types] : pairs) {
+        provider.config.doubleAuthMode = mode;
         auto alice = member("alice");
-        AuthContext first = factor(pair.first, alice, READER_TYPE_EXTERNAL_1);
+        AuthContext first = factor(firstType, alice, READER_TYPE_EXTERNAL_1);
         first.request.direction = RELAY_DIRECTION_OUT;
-        ASSERT_EQ(run(first), DOUBLE_AUTH_PENDING) << pair.mode;
-        const std::string held = " mode" + std::to_string(pair.mode) + " " + pair.held +
-                                 " reader=1 60s alice cred-" + std::to_string(pair.first);
+        ASSERT_EQ(run(first), DOUBLE_AUTH_PENDING) << mode;
+        const std::string held = " mode" + std::to_string(mode) + " " + types +
+                                 " reader=1 60s alice cred-" + std::to_string(firstType);
         EXPECT_EQ(wait(first.response), "waiting double-" + std::to_string(++id) + held);
 
         clock.advance(59);
         // The lookup made its own copy of the same person for the second credential.
-        AuthContext second = factor(pair.second, member("alice"), READER_TYPE_INTERNAL);
-        ASSERT_EQ(run(second), CONTINUE) << pair.mode;
+        AuthContext second = factor(secondType, member("alice"), READER_TYPE_INTERNAL);
+        ASSERT_EQ(run(second), CONTINUE) << mode;
         EXPECT_TRUE(second.userData == alice && second.response.user == alice);
         // The reader of the pair by the default order 2, 1, 0; the first factor's direction.
         EXPECT_EQ(second.request.readerType * 10 + second.request.direction,
@@ -105,8 +105,7 @@ TEST_F(DoubleAuthProcessorTest, EveryModeHoldsItsFirstFactorAndCompletesWithTheS
     }
 
     provider.readerPriority = {READER_TYPE_INTERNAL, READER_TYPE_EXTERNAL_2};
-    ASSERT_EQ(run(factor(OPEN_TYPE_CARD, member("bob"), READER_TYPE_EXTERNAL_2)),
-              DOUBLE_AUTH_PENDING);
+    holdCard(member("bob"), READER_TYPE_EXTERNAL_2);
     AuthContext pin = factor(OPEN_TYPE_PIN, member("bob"), READER_TYPE_INTERNAL);
     EXPECT_EQ(run(pin), CONTINUE);
     EXPECT_EQ(pin.request.readerType, READER_TYPE_INTERNAL);
@@ -158,17 +157,16 @@ TEST_F(DoubleAuthProcessorTest, ExplicitIdsReplacementAndLazyExpiry) {
 TEST_F(DoubleAuthProcessorTest, TimeoutAndCancelEndTheWait) {
     const std::string first = holdCard(member("alice", "3-1,2;4-2,SA;junk;5-"));
     const AuthResponse timedOut = processor.handleTimeout(first);
-    EXPECT_EQ(std::to_string(timedOut.result) + " " + std::to_string(timedOut.failCode) + " [" +
-                  joinRelayVector(timedOut.failedRelays) + "] " + timedOut.doubleAuthUserText2,
-              std::to_string(FAILED) + " 19 [1,2,SA] alice");
+    EXPECT_EQ(std::make_tuple(timedOut.result, timedOut.failCode, timedOut.failedRelays,
+                              timedOut.doubleAuthUserText2),
+              std::make_tuple(FAILED, 19, Relays{"1", "2", "SA"}, std::string("alice")));
     EXPECT_EQ(processor.handleTimeout(first).failCode, 42);
 
     const std::string second = holdCard(member("alice"));
     EXPECT_EQ(processor.cancel("double-9", "left").doubleAuthPendingId, "double-9");
     const AuthResponse cancelled = processor.cancel(second, "user walked away");
-    EXPECT_EQ(std::to_string(cancelled.result) + " " + std::to_string(cancelled.failCode) + " " +
-                  cancelled.reason,
-              std::to_string(FAILED) + " 0 user walked away");
+    EXPECT_EQ(std::make_tuple(cancelled.result, cancelled.failCode, cancelled.reason),
+              std::make_tuple(FAILED, 0, std::string("user walked away")));
     EXPECT_EQ(processor.cancel(second, "again").failCode, 42);
 
     holdCard(member("alice"));

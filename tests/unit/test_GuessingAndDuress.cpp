@@ -182,7 +182,15 @@ TEST_F(Guessing, OnlyUnknownCodesCountAndAGrantClears) {
     EXPECT_EQ(host->lockouts().size(), 1U);
 }
 
-TEST_F(Guessing, ResetClearsTheLockout) {
+// Switched off, the host hears nothing new; a reset clears a lockout.
+TEST_F(Guessing, SwitchedOffNothingNewAndResetClearsTheLockout) {
+    guessWrong(50);
+    expectFailed(attempt("9911"), fail::GENERIC, "User not found");
+    EXPECT_EQ(attempt("4711").result, SUCCESS);
+    for (const char* call : {"onGuessLockout", "getUserByDuressCode", "onDuress"}) {
+        EXPECT_EQ(host->callCount(call), 0) << call;
+    }
+
     configure([](FakeDataProvider& h) { h.config.guessLimit = 2; });
     guessWrong(2);
     EXPECT_EQ(attempt("4711").failCode, fail::TOO_MANY_ATTEMPTS);
@@ -191,16 +199,8 @@ TEST_F(Guessing, ResetClearsTheLockout) {
     EXPECT_EQ(attempt("4711").result, SUCCESS);
 }
 
-TEST_F(Guessing, SwitchedOffTheHostHearsNothingNew) {
-    guessWrong(50);
-    expectFailed(attempt("9911"), fail::GENERIC, "User not found");
-    EXPECT_EQ(attempt("4711").result, SUCCESS);
-    for (const char* call : {"onGuessLockout", "getUserByDuressCode", "onDuress"}) {
-        EXPECT_EQ(host->callCount(call), 0) << call;
-    }
-}
-
-TEST_F(Guessing, DuressOpensWhatTheCodeOpensAndAlarmsFirst) {
+TEST_F(Guessing, DuressOpensWhatTheCodeOpensAndAlarmsFirstButNeverLogsTheCode) {
+    LogCapture log;
     configure([](FakeDataProvider& h) { h.config.duressEnabled = true; });
     const AuthResponse normal = attempt("4711");
     host->clearLog();
@@ -221,6 +221,13 @@ TEST_F(Guessing, DuressOpensWhatTheCodeOpensAndAlarmsFirst) {
     const AuthResponse held = attempt("9911");
     EXPECT_TRUE(held.failCode == fail::LOCKDOWN && held.duress);
     EXPECT_EQ(host->duressAlarms().size(), 2U);
+
+    // Nor in the lockout's refusal.
+    configure([](FakeDataProvider& h) { h.config.guessLimit = 1; });
+    guessWrong(1);
+    EXPECT_EQ(attempt("9911").failCode, fail::TOO_MANY_ATTEMPTS);
+    EXPECT_TRUE(log.contains("locked out"));
+    EXPECT_FALSE(log.contains("9911"));
 }
 
 TEST_F(Guessing, EveryLaterReportOfADuressAttemptSaysSo) {
@@ -229,9 +236,7 @@ TEST_F(Guessing, EveryLaterReportOfADuressAttemptSaysSo) {
         h.config.interlockEnabled = true;
         h.config.interlockRelayMap = {{"1", true}};
         h.answerInterlock = [](FakeDataProvider::Question& question) {
-            AuthResponse closed;
-            closed.result = SUCCESS;
-            question.callback(question.requestId, closed, question.context);
+            question.callback(question.requestId, responseOf(SUCCESS), question.context);
         };
     });
     attempt("9911");  // door 2 at once, door 1 after its interlock phase
@@ -241,8 +246,7 @@ TEST_F(Guessing, EveryLaterReportOfADuressAttemptSaysSo) {
         h.config.unlockOptionsEnabled = true;
     });
     const std::string offer = attempt("9911").unlockOptionsId;
-    AuthResponse choice;
-    choice.result = SUCCESS;
+    AuthResponse choice = responseOf(SUCCESS);
     choice.unlockOptionsRelays = {"2"};
     engine.handleAsyncResponse(offer, SUCCESS, choice, AuthContext());
     ASSERT_TRUE(idle());
@@ -252,19 +256,6 @@ TEST_F(Guessing, EveryLaterReportOfADuressAttemptSaysSo) {
         phases.push_back(report.context.response.asyncType);
     }
     EXPECT_EQ(phases, (std::vector<std::string>{"sync", "interlock", "sync", "sync"}));
-}
-
-TEST_F(Guessing, DuressCodeNeverReachesTheLog) {
-    configure([](FakeDataProvider& h) {
-        h.config.duressEnabled = true;
-        h.config.guessLimit = 1;
-    });
-    LogCapture log;
-    EXPECT_TRUE(attempt("9911").duress);
-    guessWrong(1);
-    EXPECT_EQ(attempt("9911").failCode, fail::TOO_MANY_ATTEMPTS);
-    EXPECT_TRUE(log.contains("locked out"));
-    EXPECT_FALSE(log.contains("9911"));
 }
 
 }  // namespace
