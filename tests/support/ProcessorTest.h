@@ -58,24 +58,23 @@ inline AuthContext presenting(OpenDoorType openType, const std::string& credenti
 /// fail reasons " {1:InvalidUserTime}", holiday exemptions " exempt{1:0,2:1}" and the response's
 /// failed relays " failed[1]".
 inline std::string outcome(AuthResult returned, const AuthContext& context) {
+    const AuthResponse& response = context.response;
     std::string text = AuthLogger::authResultToString(returned);
-    if (context.response.result != returned) {
-        text += std::string("/") + AuthLogger::authResultToString(context.response.result);
-    }
-    text += " " + std::to_string(context.response.failCode) + " '" + context.response.reason +
-            "' [" + joinRelayVector(context.relays) + "] [" +
-            joinRelayVector(context.failedRelays) + "]";
+    text += response.result == returned
+                ? ""
+                : std::string("/") + AuthLogger::authResultToString(response.result);
+    text += " " + std::to_string(response.failCode) + " '" + response.reason + "' [" +
+            joinRelayVector(context.relays) + "] [" + joinRelayVector(context.failedRelays) + "]";
     std::string reasons;
-    std::string exempt;
     for (const auto& [relay, reason] : context.relayFailReasons) {
-        reasons += (reasons.empty() ? "" : ",") + relay + ":" + reason;
+        reasons += (reasons.empty() ? " {" : ",") + relay + ":" + reason;
     }
+    std::string exempt;
     for (const auto& [relay, exempted] : context.relayHolidayExemption) {
-        exempt += (exempt.empty() ? "" : ",") + relay + (exempted ? ":1" : ":0");
+        exempt += (exempt.empty() ? " exempt{" : ",") + relay + (exempted ? ":1" : ":0");
     }
-    text += reasons.empty() ? "" : " {" + reasons + "}";
-    text += exempt.empty() ? "" : " exempt{" + exempt + "}";
-    const Relays& failed = context.response.failedRelays;
+    text += reasons + (reasons.empty() ? "" : "}") + exempt + (exempt.empty() ? "" : "}");
+    const Relays& failed = response.failedRelays;
     return text + (failed.empty() ? "" : " failed[" + joinRelayVector(failed) + "]");
 }
 

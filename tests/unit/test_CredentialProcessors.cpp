@@ -223,9 +223,8 @@ TEST_F(RemoteControlProcessor, UnknownUserNeedsTargetsAndRunsUnderACommandAuthor
 
 AuthContext httpOpen(Targets targets, int source = 0) {
     AuthContext context = attempt(OPEN_TYPE_HTTP, {}, nullptr);
-    context.request.httpData = std::make_shared<HttpRequestData>();
-    context.request.httpData->source = source;
-    context.request.httpData->targets = std::move(targets);
+    context.request.httpData = std::make_shared<HttpRequestData>(
+        HttpRequestData{source, 0, "", "", "", 0, 0, 0, 0, std::move(targets)});
     return context;
 }
 
@@ -256,11 +255,9 @@ TEST_F(HttpProcessor, TargetsAreCheckedLiterallyAndLocalCommandsNeedValidCredent
 
     // Local commands need opening enabled and valid credentials.
     auto code = [&](int mode, const std::string& user, const std::string& password, int preAuth) {
-        AuthContext context = httpOpen({{0, "1"}});
-        context.request.httpData->authMode = mode;
-        context.request.httpData->username = user;
-        context.request.httpData->password = password;
-        context.request.httpData->preAuthenticated = preAuth;
+        AuthContext context = httpOpen({});
+        *context.request.httpData =
+            HttpRequestData{0, mode, user, password, "", preAuth, 0, 0, 0, {{0, "1"}}};
         return failCodeOf(context);
     };
     EXPECT_EQ(code(1, "", "", 1), 30);  // no configuration
@@ -286,8 +283,8 @@ TEST_F(HttpProcessor, TargetsAreCheckedLiterallyAndLocalCommandsNeedValidCredent
 
 AuthContext inputOpen(Targets inputTargets, Targets requestTargets = {}) {
     AuthContext context = attempt(OPEN_TYPE_INPUT, {}, nullptr);
-    context.request.inputData = std::make_shared<InputRequestData>();
-    context.request.inputData->targets = std::move(inputTargets);
+    context.request.inputData =
+        std::make_shared<InputRequestData>(InputRequestData{0, 0, 0, 0, std::move(inputTargets)});
     context.request.targets = std::move(requestTargets);
     return context;
 }
