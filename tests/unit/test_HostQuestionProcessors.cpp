@@ -5,6 +5,9 @@
 // parking restriction and temporary keys.
 #include <gtest/gtest.h>
 
+#include <tuple>
+#include <utility>
+
 #include "engine/AuthEngine.h"
 #include "engine/QuestionIds.h"
 #include "processors/AntiPassbackProcessor.h"
@@ -59,11 +62,7 @@ protected:
 // answer for another request, or an id that only starts like a question, routes nowhere.
 TEST(QuestionIds, AnswerIdsReadBackAsTheirQuestions) {
     using Q = RelayQuestion;
-    const struct {
-        std::string id;
-        Q::Kind kind;
-        std::string relay;
-    } cases[] = {
+    const std::tuple<std::string, Q::Kind, std::string> cases[] = {
         {antiPassbackQuestionId("req_1", "2"), Q::ANTI_PASSBACK, "2"},
         {interlockQuestionId("req_1", "10"), Q::INTERLOCK, "10"},
         {interlockQuestionId(relayPhaseId("req_1", "interlock"), "1"), Q::NONE, ""},
@@ -72,10 +71,9 @@ TEST(QuestionIds, AnswerIdsReadBackAsTheirQuestions) {
         {"req_1_ap", Q::NONE, ""},
         {"req_1", Q::NONE, ""},
     };
-    for (const auto& c : cases) {
-        const RelayQuestion question = relayQuestionOf(c.id, "req_1");
-        EXPECT_EQ(question.kind, c.kind) << c.id;
-        EXPECT_EQ(question.relay, c.relay) << c.id;
+    for (const auto& [id, kind, relay] : cases) {
+        const RelayQuestion question = relayQuestionOf(id, "req_1");
+        EXPECT_EQ(std::make_pair(question.kind, question.relay), std::make_pair(kind, relay)) << id;
     }
 }
 
@@ -125,8 +123,8 @@ TEST_F(AntiPassbackProcessor, OneSubRequestPerRelayRegisteredBeforeAsking) {
     EXPECT_EQ(context.antiPassbackRelays, (Relays{"1", "2"}));
     EXPECT_EQ(context.antiPassbackDirections, provider.config.antiPassbackRelayMap);
     EXPECT_EQ(context.antiPassbackPending, 1);
-    EXPECT_TRUE(context.antiPassbackResults.at("2").answered);
-    EXPECT_FALSE(context.antiPassbackResults.at("1").answered);
+    EXPECT_TRUE(context.antiPassbackResults.at("2").answered &&
+                !context.antiPassbackResults.at("1").answered);
     EXPECT_TRUE(log.contains("relay=2 offline, skipped"));
     EXPECT_TRUE(log.contains("relay=1 request sent, subRequestId=req_9_ap_1"));
 

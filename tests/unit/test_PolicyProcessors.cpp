@@ -129,12 +129,13 @@ TEST_F(TimeCheckProcessor, ValidityAndScheduleRules) {
 }
 
 TEST_F(TimeCheckProcessor, SchedulesFilterRelaysAndGrantExemption) {
+    // A later duplicate id replaces the earlier.
     provider.schedules = {schedule("10"),
                           nullptr,
                           schedule("11", false, "13:00:00"),
                           schedule("12", true),
                           schedule("13", true, "13:00:00"),
-                          schedule("13")};  // a later duplicate id replaces the earlier
+                          schedule("13")};
     AuthContext context = timed(OPEN_TYPE_CARD, {"1", "2", "3", "4", "5", "6", "7"});
     context.relayScheduleMap = {{"1", {"10"}}, {"2", {"11"}},       {"3", {"99"}},
                                 {"4", {}},     {"6", {"10", "12"}}, {"7", {"99", "13"}}};
