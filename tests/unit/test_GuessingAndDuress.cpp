@@ -11,6 +11,7 @@
 #include "engine/GuessGuard.h"
 #include "support/EngineHarness.h"
 #include "support/LogCapture.h"
+#include "support/ProcessorTest.h"
 
 namespace auth_engine {
 namespace testing {
@@ -112,9 +113,7 @@ TEST(GuessGuard, LimitWithinTheWindowLocksOneReaderAndTheTableStaysFixed) {
 class Guessing : public EngineTest {
 protected:
     void SetUp() override {
-        UserData resident;
-        resident.userId = "res-1";
-        resident.scheduleRelay = "7-12";
+        const UserData resident = *person("res-1", 0, "7-12");
         host->users["4711"] = resident;
         host->users["C1"] = resident;
         host->duressCodes["9911"] = resident;
