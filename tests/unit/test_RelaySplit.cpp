@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
-// The relay split and the phase outcomes as plain functions: one line per case, the whole outcome
-// in one string.
+// The relay split and the phase outcomes as plain functions, relay lists and the logger: one line
+// per case, the whole outcome in one string.
 #include <gtest/gtest.h>
+#include <syslog.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "auth_engine/AuthLogger.h"
 #include "engine/RelaySplit.h"
+#include "support/LogCapture.h"
 
 namespace auth_engine {
 namespace {
@@ -124,6 +127,72 @@ TEST(RelaySplit, InterlockOutcomeOpensOnlyAnsweredSuccess) {
                                                {"3", il(SUCCESS, false)},
                                                {"4", il(CONTINUE)}})),
               "open=1 fail=3,4,7 il= park=2,6 2:P 6:P 7:A");
+}
+
+// Each relay followed by "|", so that an empty relay shows.
+std::string listed(const Relays& relays) {
+    std::string out;
+    for (const std::string& relay : relays) {
+        out += relay + "|";
+    }
+    return out;
+}
+
+TEST(RelayList, ParseReadsDigitsAndSLetterPairsDropsTheRestAndJoinsBack) {
+    // Lower-case s, other letters and bytes above 127 are skipped without reading past the end.
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"1,2,3", "1|2|3|"},
+        {"SA,1", "SA|1|"},
+        {"12", "1|2|"},
+        {" 1 , SB ,2", "1|SB|2|"},
+        {"1,1", "1|1|"},
+        {"", ""},
+        {"S", ""},
+        {"S1", "1|"},
+        {"sA,x;-9", "9|"},
+        {std::string{'\xff', 'S', '\xe9', '3'}, "3|"},
+        {std::string{'S', '\0', 'A'}, ""}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(listed(parseRelayString(c.first)), c.second) << c.first;
+    }
+    EXPECT_EQ(joinRelayVector({"1", "SA"}) + " " + joinRelayVector({"7"}) + " " +
+                  joinRelayVector({}) + " " + joinRelayVector(parseRelayString("1,SB,2")),
+              "1,SA 7  1,SB,2");
+}
+
+TEST(AuthLogger, ResultTexts) {
+    std::string texts;
+    for (int value : {0, 1, 2, 3, 7, 4, 5, 6, -1, 8, 1000}) {
+        texts += std::string(AuthLogger::authResultToString(static_cast<AuthResult>(value))) + " ";
+    }
+    EXPECT_EQ(texts,
+              "SUCCESS FAILED ASYNC_PENDING CONTINUE IGNORED UNKNOWN UNKNOWN UNKNOWN "
+              "UNKNOWN UNKNOWN UNKNOWN ");
+}
+
+TEST(AuthLogger, BothLevelsFormatAtErrorPriorityWithNothingAdded) {
+    testing::LogCapture log;
+    AuthLogger::info("[Probe:%d] user=%s", 42, "alice");
+    AuthLogger::error("[Probe:%d] count=%zu", 7, static_cast<size_t>(3));
+    const std::string hostText = "%s%n%d";  // host text is an argument, never the format
+    AuthLogger::info("%s", hostText.c_str());
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{"[Probe:42] user=alice", "[Probe:7] count=3", "%s%n%d"}));
+    EXPECT_EQ(log.priorities(), (std::vector<int>{LOG_ERR, LOG_ERR, LOG_ERR}));
+    std::string longText(5000, 'x');
+    AuthLogger::info("%s", longText.c_str());
+    EXPECT_EQ(log.lines().back(), longText);
+}
+
+TEST(Records, Defaults) {
+    const AuthConfig config;
+    EXPECT_EQ(
+        (std::vector<int>{AuthResponse().result, AuthResponse().remoteFailCode,
+                          AuthContext().antiPassbackFailCode, AuthContext().virtualDoorDirection,
+                          UserData().reservedInt2, config.antiPassbackTimeout,
+                          config.interlockTimeout, config.tempKeyTimeout,
+                          config.doubleAuthTimeoutSec, AntiPassbackSubResult().status}),
+        (std::vector<int>{CONTINUE, -1, -1, -1, -99999, 30, 5, 3, 60, FAILED}));
 }
 
 }  // namespace
