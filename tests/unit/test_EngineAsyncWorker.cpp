@@ -20,8 +20,9 @@ std::string said(const AuthResponse& r) {
 
 // The credential picks the behaviour: "block" holds the worker until the latch opens, "hold" until
 // the engine is reset, "n" is ignored (called back at once, no post-sync). Anything else asks the
-// host on its first pass (onAsk runs, then ASYNC_PENDING); resumed, it decides from the context (by
-// default: what the host answered).
+// host on its first pass (onAsk runs, then ASYNC_PENDING), "late" after waiting for the latch,
+// "inside" after resetting the engine from another thread; resumed, it decides from the context
+// (by default: what the host answered).
 class EngineAsyncWorker : public EngineTest {
 protected:
     void SetUp() override {
@@ -35,10 +36,12 @@ protected:
     std::shared_ptr<ScriptedProcessor> useAsker(const std::string& name) {
         return use(name, [this](AuthContext& context) {
             const std::string& credential = context.request.credential;
-            if (credential == "block") {
+            if (credential == "block" || credential == "late") {
                 latch.pass();
             } else if (credential == "hold") {
                 latch.passWhile([this] { return engine.isReady(); });
+            } else if (credential == "inside") {
+                std::thread([this] { engine.reset(); }).join();
             }
             if (credential == "n" || credential == "block" || credential == "hold") {
                 return IGNORED;
@@ -75,25 +78,6 @@ TEST_F(EngineAsyncWorker, ResumesGoBeforeNewSubmissions) {
     ASSERT_TRUE(recorder.waitFor(3));
     EXPECT_EQ(calledIds(), (Relays{blocker, parked, later}));
     EXPECT_EQ(recorder.at(1).response.result, SUCCESS);
-}
-
-TEST_F(EngineAsyncWorker, SubmissionsBeforeInitAndAfterResetAreRefused) {
-    AuthEngine idleEngine;
-    EXPECT_EQ(idleEngine.authenticateAsync(AuthRequest(), recorder.callback()), "");
-    EXPECT_TRUE(idleEngine.waitForIdle(0));  // no worker: idle at once
-    engine.reset();
-    EXPECT_EQ(submitAs("n"), "");
-    EXPECT_EQ(recorder.count(), 0u);
-}
-
-TEST_F(EngineAsyncWorker, TimeoutSweepRunsWithoutTraffic) {
-    const std::string parked = submitAs("");
-    ASSERT_TRUE(idle());
-    ASSERT_EQ(engine.parkedChainCount(), 1u);
-    clock.advance(31);
-    ASSERT_TRUE(recorder.waitFor(1));  // the worker's one-second wake-up finds it
-    EXPECT_EQ(recorder.at(0).requestId, parked);
-    EXPECT_EQ(recorder.at(0).response.reason, "Async request timeout");
 }
 
 TEST_F(EngineAsyncWorker, ParkedChainsTimeOutStrictlyAfterTheirLimit) {
@@ -151,6 +135,9 @@ TEST_F(EngineAsyncWorker, ResetFailsQueuedWorkDropsParkedChainsAndLateAnswers) {
     EXPECT_EQ(engine.parkedChainCount(), 0u);
     lateAnswer("", responseOf(SUCCESS), AuthContext());
     EXPECT_EQ(submitAs("n"), "");
+    AuthEngine idleEngine;  // never initialised: refuses too, and has no worker to wait for
+    EXPECT_EQ(idleEngine.authenticateAsync(AuthRequest(), recorder.callback()), "");
+    EXPECT_TRUE(idleEngine.waitForIdle(0));
 
     // A new run never reissues the old id; parked under it all the same (a caller's own id), it
     // is still out of reach of the callback handed out before the reset.
@@ -166,6 +153,34 @@ TEST_F(EngineAsyncWorker, ResetFailsQueuedWorkDropsParkedChainsAndLateAnswers) {
     ASSERT_TRUE(recorder.waitFor(5));
     EXPECT_EQ(recorder.at(4).requestId, parked);
     EXPECT_EQ(recorder.at(4).response.result, SUCCESS);
+}
+
+TEST_F(EngineAsyncWorker, ChainThatParksAfterAResetIsDroppedWithIt) {
+    ASSERT_EQ(park("first"), ASYNC_PENDING);
+    EXPECT_EQ(engine.parkedChainCount(), 1u);
+    AuthResponse late;
+    std::thread attempt([&] { late = run("late", makeRequest("late")); });
+    latch.waitEntered();
+    engine.reset();  // sweeps the parked "first" while "late" is still deciding
+    EXPECT_EQ(engine.parkedChainCount(), 0u);
+    latch.open();
+    attempt.join();
+    EXPECT_EQ(late.result, ASYNC_PENDING);
+    expectNothingParked(engine);
+
+    // Nothing can answer or time out a chain parked after the reset: it must not stay behind to
+    // surface in a later run.
+    ASSERT_TRUE(start());
+    asker = useAsker("Asker");
+    run("sync-1", makeRequest("inside"));
+    EXPECT_EQ(engine.parkedChainCount(), 0u);
+    ASSERT_TRUE(start());
+    clock.advance(31);
+    engine.checkTimeoutRequests();
+    EXPECT_EQ(recorder.count(), 0u);  // parked chains end silently on reset
+    asker = useAsker("Asker");        // a new run parks again
+    ASSERT_EQ(park("again"), ASYNC_PENDING);
+    EXPECT_EQ(engine.parkedChainCount(), 1u);
 }
 
 TEST_F(EngineAsyncWorker, AnswerIsAppliedMergedAndResumedOnce) {
