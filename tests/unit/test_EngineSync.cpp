@@ -176,15 +176,12 @@ TEST_F(EngineSync, ParkingNeedsAnIdAndTakesTheTimeoutOfItsKind) {
     chainOf(ASYNC_PENDING);
     EXPECT_EQ(run("").result, ASYNC_PENDING);
     EXPECT_EQ(engine.parkedChainCount(), 0u);
-
-    run("plain");
     run("tk", makeRequest("", OPEN_TYPE_TEMP_KEY));
-    AuthEngine::AsyncContext plain;
     AuthEngine::AsyncContext key;
-    ASSERT_TRUE(engine.peekParkedChain("plain", plain) && engine.peekParkedChain("tk", key));
-    EXPECT_EQ(plain.context.pendingProcessor, "P");
-    EXPECT_EQ(plain.context.response.result, ASYNC_PENDING);
-    EXPECT_EQ(plain.timeoutSeconds * 100 + key.timeoutSeconds, 3003);
+    ASSERT_TRUE(engine.peekParkedChain("tk", key));
+    EXPECT_EQ(key.context.pendingProcessor + " " + std::to_string(key.context.response.result) +
+                  " " + std::to_string(key.timeoutSeconds),
+              "P 2 3");
     EXPECT_EQ(recorder.count(), 0u);
 }
 
@@ -192,8 +189,7 @@ TEST_F(EngineSync, AThrowingProcessorFailsTheRequestOnce) {
     chainOf([](AuthContext&) -> AuthResult { throw std::runtime_error("host broke"); });
     expectFailed(run("r1"), 0, "Internal error");
     EXPECT_EQ(tail->calls, 0);
-    ASSERT_EQ(recorder.count(), 1u);
-    EXPECT_EQ(recorder.at(0).response.reason, "Internal error");
+    EXPECT_EQ(said(onlyReport("r1")), "1 0 'Internal error' [] []");
     EXPECT_EQ(host->reportCount(), 1u);
     EXPECT_EQ(engine.parkedChainCount(), 0u);
 
@@ -250,10 +246,10 @@ TEST_F(Platform, CalendarArithmeticReachesPast2038) {
     EXPECT_EQ(TestClock::utc(2040, 1, 1), 2208988800LL);
     const time_t leapDay = static_cast<time_t>(TestClock::utc(2040, 2, 29, 10));
     std::tm tm{};
-    ASSERT_NE(localtime_r(&leapDay, &tm), nullptr);
-    EXPECT_EQ(std::to_string(tm.tm_year + 1900) + "-" + std::to_string(tm.tm_mon + 1) + "-" +
-                  std::to_string(tm.tm_mday) + " day " + std::to_string(tm.tm_wday),
-              "2040-2-29 day 3");  // a Wednesday
+    char text[32] = "";
+    localtime_r(&leapDay, &tm);  // a failure leaves the zeroed time, and the text tells
+    std::strftime(text, sizeof(text), "%Y-%m-%d %w", &tm);
+    EXPECT_STREQ(text, "2040-02-29 3");  // a Wednesday
 }
 
 TEST_F(Platform, UserValidityBoundsAfter2038) {
