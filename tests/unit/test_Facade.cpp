@@ -19,21 +19,23 @@ const std::string kNoEngine = "AuthFacade not initialized";
 
 class Facade : public FacadeTest {
 protected:
-    // A processor that parks "park" on its first pass (the latch hears it) and, resumed, returns
-    // what the host answered; anything else is ignored.
-    std::shared_ptr<ScriptedProcessor> useParker() {
+    // Starts the facade on `host` with a processor that parks "park" on its first pass (the latch
+    // hears it) and, resumed, returns what the host answered; anything else is ignored.
+    std::shared_ptr<ScriptedProcessor> startWithParker() {
+        EXPECT_EQ(facade.init(host), 0);
         auto parker = std::make_shared<ScriptedProcessor>("Recorder", [this](AuthContext& context) {
-            if (context.request.credential != "park") {
-                return IGNORED;
-            }
-            if (context.pendingProcessor.empty()) {
+            const bool park = context.request.credential == "park";
+            if (park && context.pendingProcessor.empty()) {
                 parked.arrive();
             }
-            return askOnce(context);
+            return park ? askOnce(context) : IGNORED;
         });
         facade.registerProcessor(parker);
         facade.setProcessorChain({"Recorder"});
         return parker;
+    }
+    std::string park() {
+        return facade.authenticateAsync(makeRequest("park"), recorder.callback());
     }
 
     // One PIN decision traced into `recorder`.
@@ -74,10 +76,9 @@ TEST_F(Facade, AnswersWithoutAnEngineBeforeInit) {
 }
 
 TEST_F(Facade, InitResetInitAndConvenienceOverloads) {
-    ASSERT_EQ(facade.init(host), 0);
+    const auto probe = startWithParker();
     EXPECT_TRUE(facade.isReady());
     EXPECT_EQ(facade.init(nullptr), 0);  // already running: kept
-    const auto probe = useParker();
 
     EXPECT_EQ(facade.authenticate("42", OPEN_TYPE_CARD, READER_TYPE_EXTERNAL_2).result, IGNORED);
     const std::string id =
@@ -107,10 +108,9 @@ TEST_F(Facade, InitResetInitAndConvenienceOverloads) {
 }
 
 TEST_F(Facade, UnlockOptionsAnswerIsAHostAnswerById) {
-    ASSERT_EQ(facade.init(host), 0);
-    useParker();
+    startWithParker();
     for (const Relays& choice : {Relays{}, Relays{"2", "1"}}) {
-        const std::string id = facade.authenticateAsync(makeRequest("park"), recorder.callback());
+        const std::string id = park();
         ASSERT_TRUE(parked.waitEntered(choice.empty() ? 1 : 2));
         facade.handleUnlockOptionsResponse(id, choice);
         ASSERT_TRUE(recorder.waitFor(choice.empty() ? 1 : 2));
@@ -122,15 +122,13 @@ TEST_F(Facade, UnlockOptionsAnswerIsAHostAnswerById) {
 }
 
 TEST_F(Facade, AnAnswerFromBeforeAResetDecidesNothingAfterIt) {
-    ASSERT_EQ(facade.init(host), 0);
-    useParker();
-    const std::string before = facade.authenticateAsync(makeRequest("park"), recorder.callback());
+    startWithParker();
+    const std::string before = park();
     ASSERT_TRUE(parked.waitEntered());
     facade.reset();
-    ASSERT_EQ(facade.init(host), 0);
-    useParker();
+    startWithParker();
     // Same second, new engine: the id is not issued again.
-    const std::string after = facade.authenticateAsync(makeRequest("park"), recorder.callback());
+    const std::string after = park();
     ASSERT_TRUE(parked.waitEntered(2));
     ASSERT_NE(after, before);
     facade.handleAsyncResult(before, SUCCESS, responseOf(SUCCESS), AuthContext());
@@ -144,9 +142,8 @@ TEST_F(Facade, AnAnswerFromBeforeAResetDecidesNothingAfterIt) {
 
 TEST_F(Facade, WaitForIdleSweepsAtTheClockAsItIsNowAndRefusesTheWorker) {
     EXPECT_TRUE(facade.waitForIdle(0));  // no engine: nothing to wait for
-    ASSERT_EQ(facade.init(host), 0);
-    useParker();
-    ASSERT_FALSE(facade.authenticateAsync(makeRequest("park"), recorder.callback()).empty());
+    startWithParker();
+    ASSERT_FALSE(park().empty());
     ASSERT_TRUE(parked.waitEntered());
     ASSERT_TRUE(facade.waitForIdle(kWaitMs));
     EXPECT_EQ(recorder.count(), 0u);
