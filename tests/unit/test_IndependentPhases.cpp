@@ -40,9 +40,11 @@ std::string said(const AuthResponse& r) {
     return text;
 }
 
-// A callback in one line: "id " + said(response) + " asyncType relay:reason...".
+// A callback in one line: "id " + said(response) + " asyncType relay:reason...", with the
+// context's id when it is not the one called back.
 std::string said(const CallbackRecorder::Call& call) {
     std::string text = call.requestId + " " + said(call.response) + " " + call.response.asyncType;
+    text += call.context.requestId == call.requestId ? "" : " context " + call.context.requestId;
     for (const auto& reason : call.context.relayFailReasons) {
         text += " " + reason.first + ":" + reason.second;
     }
@@ -208,20 +210,13 @@ TEST_F(IndependentPhases, SplitFollowsOpenTypeAndUserKind) {
         fake.config.parkingRestrictionEnabled = true;
     });
     relays = {"1", "4"};
-    user->userType = 3;  // not under anti-passback
-    EXPECT_EQ(runAs(), "SUCCESS 0 [1,4] [] 0:1 0:4");
     user->userType = 2;
-    EXPECT_EQ(said(run("r2", makeRequest("", OPEN_TYPE_REMOTE_CONTROL))),
-              "SUCCESS 0 [1,4] [] 0:1 0:4");
     EXPECT_EQ(runAs("r3"), "SUCCESS 0 [4] [] 0:4");  // relay 1 waits for anti-passback
-    EXPECT_EQ(engine.parkedPhaseCount(), 1u);
-
     // Parking restriction holds every relay of a plate user of kind 1.
     user = std::make_shared<UserData>();  // the parked phase still shares the old one
     user->userType = 1;
-    const std::size_t before = recorder.count();
     run("r4", makeRequest("", OPEN_TYPE_LICENSE_PLATE));
-    EXPECT_EQ(recorder.count(), before);
+    EXPECT_EQ(recorder.count(), 1u);
     ASSERT_TRUE(engine.peekParkedPhase("r4_ind_antipassback", parked));
     EXPECT_EQ(parked.relayChecks,
               (std::map<std::string, std::vector<int>>{{"1", {0, 2}}, {"4", {2}}}));
@@ -229,27 +224,8 @@ TEST_F(IndependentPhases, SplitFollowsOpenTypeAndUserKind) {
     EXPECT_EQ(parked.parkingOnlyRelays, (Relays{"4"}));
 }
 
-TEST_F(IndependentPhases, EachPhaseReportsTheRelaysItDecided) {
-    enable(true, {{"3", true}});
-    relays = {"5", "2", "3"};  // no check, anti-passback, anti-passback + interlock
-    runAs("r1");
-    EXPECT_EQ(reports(), Lines{"r1 SUCCESS 0 [5] [] 0:5 sync"});
-    ASSERT_TRUE(host->waitForQuestions(2));
-    host->answer(0, SUCCESS);
-    host->answer(1, SUCCESS);
-    ASSERT_TRUE(host->waitForQuestions(3));
-    EXPECT_EQ(host->questions()[2].requestId, "r1_ind_interlock");
-    host->answer(2, SUCCESS);
-    ASSERT_TRUE(recorder.waitFor(3));
-    ASSERT_TRUE(idle());
-    EXPECT_EQ(reports(), (Lines{"r1 SUCCESS 0 [5] [] 0:5 sync",
-                                "r1_ind_antipassback SUCCESS 0 [2] [] 0:2 antipassback",
-                                "r1_ind_interlock SUCCESS 0 [3] [] 0:3 interlock"}));
-    EXPECT_EQ(recorder.at(1).context.requestId, "r1_ind_antipassback");
-    EXPECT_EQ(host->reportCount(), 3u);
-    expectNothingParked(engine);
-}
-
+// Each phase reporting its own relays, answered inline or later, is what the host answering twice
+// (fault tests) runs through; here the checks' order and the reports' contents.
 class IndependentPhaseTiming : public IndependentPhases,
                                public ::testing::WithParamInterface<bool> {};
 
@@ -476,7 +452,6 @@ TEST_F(IndependentPhases, VerifyRunsOnePhasePerRelayAndReportsUnderItsOwnId) {
     host->answer(0, SUCCESS);
     host->answer(1, FAILED);
     ASSERT_TRUE(recorder.waitFor(1));
-    EXPECT_EQ(recorder.at(0).context.requestId, id);
     // A question, not an opening: the host's result log is not told.
     EXPECT_EQ(host->reportCount(), 0u);
 
