@@ -406,20 +406,6 @@ TEST_F(IndependentPhases, InterlockIsRetriedOnceThenFailed) {
                                 "r2_ind_interlock SUCCESS 0 [1] [] 0:1 interlock"}));
 }
 
-TEST_F(IndependentPhases, ResetFailsEveryParkedPhase) {
-    enable(true, {{"4", true}});
-    relays = {"1"};
-    runAs("r1");
-    relays = {"4"};
-    runAs("r2");
-    EXPECT_EQ(engine.parkedPhaseCount(), 2u);
-    engine.reset();
-    ASSERT_EQ(recorder.count(), 2u);
-    for (const char* id : {"r1_ind_antipassback", "r2_ind_interlock"}) {
-        expectFailed(onlyReport(id), 0, "Engine shutdown");
-    }
-}
-
 // Interlock verification of targets without a credential.
 TEST_F(IndependentPhases, VerifyRefusesUnlessEveryTargetIsAnInterlockedRelay) {
     AuthEngine idleEngine;
