@@ -213,33 +213,26 @@ TEST_F(EngineAsyncWorker, AnswerIsAppliedMergedAndResumedOnce) {
 }
 
 TEST_F(EngineAsyncWorker, AnswersThatOvertakeTheParkWaitForIt) {
-    // Inline, from inside the question, through the routed answer callback.
-    onAsk = [&](AuthContext& context) {
-        engine.makeAnswerCallback(context.requestId)("host-handle", responseOf(SUCCESS), {});
-    };
-    ASSERT_EQ(park("inline"), ASYNC_PENDING);
-    ASSERT_TRUE(recorder.waitFor(1));
-    // From another thread, finished before the park is stored; on the worker this time.
+    // (Inline, from inside the question, through the routed answer callback: the stress test.)
+    // From another thread, finished before the park is stored; on the worker.
     onAsk = [&](AuthContext& context) {
         std::thread([&] {
             engine.handleAsyncResponse(context.requestId, SUCCESS, responseOf(SUCCESS), {});
         }).join();
     };
     const std::string id = submitAs("");
-    ASSERT_TRUE(recorder.waitFor(2));
+    ASSERT_TRUE(recorder.waitFor(1));
     // Without a routed id the id the host passes is used.
     onAsk = [&](AuthContext& context) {
         engine.makeAnswerCallback("")(context.requestId, responseOf(SUCCESS), AuthContext());
     };
     ASSERT_EQ(park("unrouted"), ASYNC_PENDING);
-    ASSERT_TRUE(recorder.waitFor(3));
+    ASSERT_TRUE(recorder.waitFor(2));
     ASSERT_TRUE(idle());
-
-    EXPECT_EQ(calledIds(), (Relays{"inline", id, "unrouted"}));
-    for (const auto& call : recorder.all()) {
-        EXPECT_EQ(call.response.result, SUCCESS);
-    }
-    EXPECT_EQ(asker->resumed().size(), 3u);
+    EXPECT_EQ(calledIds(), (Relays{id, "unrouted"}));
+    EXPECT_EQ(said(recorder.at(0).response) + said(recorder.at(1).response),
+              "0 0 '' [] []0 0 '' [] []");
+    EXPECT_EQ(asker->resumed().size(), 2u);
     EXPECT_EQ(engine.parkedChainCount(), 0u);
 }
 
