@@ -295,6 +295,7 @@ TEST_F(EngineAsyncWorker, MissingProcessorPassesOnlyAStoredSuccess) {
 
 TEST_F(EngineAsyncWorker, TempKeyResumeEntersPostSyncOnlyForFinalVerdicts) {
     asker = useAsker("TempKey");  // stands in for the temporary-key processor
+    onAsk = [](AuthContext& context) { context.response.targets = {{0, "9"}}; };
     const std::map<std::string, AuthResult> verdicts = {
         {"s", SUCCESS}, {"i", IGNORED}, {"d", DROPPED}, {"p", DOUBLE_AUTH_PENDING}};
     for (const auto& verdict : verdicts) {
@@ -304,11 +305,12 @@ TEST_F(EngineAsyncWorker, TempKeyResumeEntersPostSyncOnlyForFinalVerdicts) {
         answer(verdict.first, verdict.second);
     }
     ASSERT_EQ(recorder.count(), 2u);
-    // SUCCESS gets the post-sync report ("sync"), DOUBLE_AUTH_PENDING is reported directly.
-    for (const auto& expected : Relays{"s 0 sync", "p 5 "}) {
+    // SUCCESS gets the post-sync report ("sync"), DOUBLE_AUTH_PENDING is reported directly, and
+    // without the targets of a grant.
+    for (const auto& expected : Relays{"s 0 sync 0", "p 5  0"}) {
         const auto call = recorder.forId(expected.substr(0, 1)).at(0);
         EXPECT_EQ(call.requestId + " " + std::to_string(call.response.result) + " " +
-                      call.response.asyncType,
+                      call.response.asyncType + " " + std::to_string(call.response.targets.size()),
                   expected);
     }
     EXPECT_EQ(host->reportCount(), 2u);

@@ -195,7 +195,9 @@ TEST_F(IndependentPhases, NonRelayGrantIsReportedWhileRelaysAreHeldBack) {
     user->userType = 1;
     user->userTargetId = "T1";
     relays = {"1"};
-    EXPECT_EQ(runAs(), "SUCCESS 0 [] [] 2:T1");
+    AuthRequest request = makeRequest("", OPEN_TYPE_CARD);
+    request.targets = {{3, "X"}};  // the request's own targets go out with the grant
+    EXPECT_EQ(said(run("r1", request)), "SUCCESS 0 [] [] 3:X 2:T1");
     EXPECT_EQ(engine.parkedPhaseCount(), 1u);
     ASSERT_TRUE(host->waitForQuestions(1));
     host->answer(0, SUCCESS);
