@@ -123,13 +123,11 @@ TEST_F(IndependentPhases, PostSyncReportsOpenedAndFailedRelays) {
         {CONTINUE, {}, {}, {}, {}, "SUCCESS 0 [] []"}};  // nothing to open is still reported
     for (std::size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE(i);
-        result = cases[i].result;
+        const Case& c = cases[i];
+        std::tie(result, relays, failedRelays, deniedRelays, responseFailed) =
+            std::tie(c.result, c.relays, c.failed, c.denied, c.responseFailed);
         user->userTargetId = result == FAILED ? "T9" : "";
         targets = result == FAILED ? std::vector<AuthTarget>{{2, "T8"}} : std::vector<AuthTarget>{};
-        relays = cases[i].relays;
-        failedRelays = cases[i].failed;
-        deniedRelays = cases[i].denied;
-        responseFailed = cases[i].responseFailed;
         EXPECT_EQ(runAs(), cases[i].expected);
     }
     EXPECT_EQ(said(recorder.at(0)),
@@ -178,8 +176,7 @@ TEST_F(IndependentPhases, SeveralRelaysAreOfferedForAChoiceOneOpensAtOnce) {
     EXPECT_EQ(recorder.at(1).requestId, "r1");
     EXPECT_EQ(host->reports().back().result, UNLOCK_OPTIONS_PENDING);
     ASSERT_TRUE(engine.peekParkedPhase("r1_ind_unlock_options", parked));
-    EXPECT_EQ(parked.timeoutSeconds, 30);
-    EXPECT_EQ(parked.phase, "unlock_options");
+    EXPECT_EQ(parked.phase + " " + std::to_string(parked.timeoutSeconds), "unlock_options 30");
     EXPECT_EQ(said(parked.context.response), "UNLOCK_OPTIONS 0 [] []");
 
     // A request without id gets one of its own for the choice; the offer keeps the empty id.
@@ -335,8 +332,7 @@ TEST_F(IndependentPhases, ChosenRelaysRunThroughThePhaseAgain) {
     user->userType = 0;
     relays = {"1", "2", "3"};
     runAs("r1");
-    AuthResponse choice;
-    choice.result = SUCCESS;
+    AuthResponse choice = responseOf(SUCCESS);
     choice.unlockOptionsRelays = {"9", "3", "1", "3"};  // only offered relays count, each once
     engine.handleAsyncResponse("r1_ind_unlock_options", SUCCESS, choice, AuthContext());
     ASSERT_TRUE(recorder.waitFor(2));
@@ -352,8 +348,8 @@ TEST_F(IndependentPhases, ChosenRelaysRunThroughThePhaseAgain) {
     engine.handleAsyncResponse(optionsId, SUCCESS, choice, AuthContext());
     ASSERT_TRUE(host->waitForQuestions(1));
     const std::string parent = optionsId.substr(0, optionsId.find("_ind_"));
-    EXPECT_EQ(host->questions()[0].requestId, parent + "_ind_antipassback");
-    EXPECT_EQ(host->questions()[0].relay, "2");
+    EXPECT_EQ(host->questions()[0].relay + " " + host->questions()[0].requestId,
+              "2 " + parent + "_ind_antipassback");
 }
 
 TEST_F(IndependentPhases, CancelledOrTimedOutChoiceFailsWith44) {
