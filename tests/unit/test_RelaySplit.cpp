@@ -1,28 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
-// The relay split and the phase outcomes as plain functions: one line per case, the whole outcome
-// in one string.
+// The relay split and the phase outcomes as plain functions, relay lists and the logger: one line
+// per case, the whole outcome in one string.
 #include <gtest/gtest.h>
+#include <syslog.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "auth_engine/AuthLogger.h"
 #include "engine/RelaySplit.h"
+#include "support/LogCapture.h"
 
 namespace auth_engine {
 namespace {
 
 using Relays = std::vector<std::string>;
-
-std::string join(const Relays& relays) {
-    std::string out;
-    for (const std::string& relay : relays) {
-        out += (out.empty() ? "" : ",") + relay;
-    }
-    return out;
-}
 
 std::string checksOf(const RelayChecks& checks) {
     std::string out;
@@ -36,14 +31,16 @@ std::string checksOf(const RelayChecks& checks) {
 }
 
 std::string describe(const RelaySplit& split) {
-    return "now=" + join(split.immediate) + " ap=" + join(split.antiPassback) +
-           " il=" + join(split.interlock) + " park=" + join(split.parking) + checksOf(split.checks);
+    return "now=" + joinRelayVector(split.immediate) +
+           " ap=" + joinRelayVector(split.antiPassback) +
+           " il=" + joinRelayVector(split.interlock) + " park=" + joinRelayVector(split.parking) +
+           checksOf(split.checks);
 }
 
 std::string describe(const PhaseOutcome& outcome) {
-    return "open=" + join(outcome.opened) + " fail=" + join(outcome.failed) +
-           " il=" + join(outcome.interlock) + " park=" + join(outcome.parking) +
-           checksOf(outcome.checks);
+    return "open=" + joinRelayVector(outcome.opened) + " fail=" + joinRelayVector(outcome.failed) +
+           " il=" + joinRelayVector(outcome.interlock) +
+           " park=" + joinRelayVector(outcome.parking) + checksOf(outcome.checks);
 }
 
 struct SplitCase {
@@ -62,6 +59,7 @@ TEST(RelaySplit, ChecksFollowUserOpenTypeAndConfiguration) {
         {1, OPEN_TYPE_LICENSE_PLATE, true, true, true,
          "now= ap=1,2 il=2 park=1,2,3 1:AP 2:AIP 3:P"},
         {2, OPEN_TYPE_LICENSE_PLATE, false, false, true, "now=1,2,3 ap= il= park="},
+        {-1, OPEN_TYPE_CARD, true, false, false, "now=1,2,3 ap= il= park="},  // no user
     };
     for (const SplitCase& c : cases) {
         AuthConfig config;
@@ -71,31 +69,22 @@ TEST(RelaySplit, ChecksFollowUserOpenTypeAndConfiguration) {
         config.interlockRelayMap = {{"2", true}, {"3", false}};
         config.parkingRestrictionEnabled = c.parkingOn;
         AuthContext context;
-        context.userData = std::make_shared<UserData>();
-        context.userData->userType = c.userType;
+        if (c.userType >= 0) {  // without a user nothing is held for anti-passback
+            context.userData = std::make_shared<UserData>();
+            context.userData->userType = c.userType;
+        }
         context.request.openType = c.openType;
         EXPECT_EQ(describe(splitRelays({"1", "2", "3"}, context, config)), c.expected)
             << "user type " << c.userType << ", open type " << c.openType;
     }
-    AuthConfig config;
-    config.antiPassbackEnabled = true;
-    config.antiPassbackRelayMap = {{"1", 1}};
-    EXPECT_EQ(describe(splitRelays({"1"}, AuthContext(), config)), "now=1 ap= il= park=")
-        << "without a user nothing is held for anti-passback";
 }
 
 AntiPassbackSubResult ap(AuthResult status) {
-    AntiPassbackSubResult result;
-    result.status = status;
-    result.answered = true;
-    return result;
+    return {"", status, true};
 }
 
 InterlockSubResult il(AuthResult status, bool answered = true) {
-    InterlockSubResult result;
-    result.status = status;
-    result.answered = answered;
-    return result;
+    return {"", status, answered};
 }
 
 TEST(RelaySplit, AntiPassbackOutcomeOpensRefusesAndHandsOn) {
@@ -124,6 +113,61 @@ TEST(RelaySplit, InterlockOutcomeOpensOnlyAnsweredSuccess) {
                                                {"3", il(SUCCESS, false)},
                                                {"4", il(CONTINUE)}})),
               "open=1 fail=3,4,7 il= park=2,6 2:P 6:P 7:A");
+}
+
+// Each relay followed by "|", so that an empty relay shows.
+std::string listed(const Relays& relays) {
+    std::string out;
+    for (const std::string& relay : relays) {
+        out += relay + "|";
+    }
+    return out;
+}
+
+TEST(RelayList, ParseReadsDigitsAndSLetterPairsDropsTheRestAndJoinsBack) {
+    // Lower-case s, other letters and bytes above 127 are skipped without reading past the end.
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"1,2,3", "1|2|3|"},
+        {"SA,1", "SA|1|"},
+        {"12", "1|2|"},
+        {" 1 , SB ,2", "1|SB|2|"},
+        {"1,1", "1|1|"},
+        {"", ""},
+        {"S", ""},
+        {"S1", "1|"},
+        {"sA,x;-9", "9|"},
+        {std::string{'\xff', 'S', '\xe9', '3'}, "3|"},
+        {std::string{'S', '\0', 'A'}, ""}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(listed(parseRelayString(c.first)), c.second) << c.first;
+    }
+    EXPECT_EQ(joinRelayVector({"1", "SA"}) + " " + joinRelayVector({"7"}) + " " +
+                  joinRelayVector({}) + " " + joinRelayVector(parseRelayString("1,SB,2")),
+              "1,SA 7  1,SB,2");
+}
+
+TEST(AuthLogger, ResultTexts) {
+    std::string texts;
+    for (int value : {0, 1, 2, 3, 7, 4, 5, 6, -1, 8, 1000}) {
+        texts += std::string(AuthLogger::authResultToString(static_cast<AuthResult>(value))) + " ";
+    }
+    EXPECT_EQ(texts,
+              "SUCCESS FAILED ASYNC_PENDING CONTINUE IGNORED UNKNOWN UNKNOWN UNKNOWN "
+              "UNKNOWN UNKNOWN UNKNOWN ");
+}
+
+TEST(AuthLogger, BothLevelsFormatAtErrorPriorityWithNothingAdded) {
+    testing::LogCapture log;
+    AuthLogger::info("[Probe:%d] user=%s", 42, "alice");
+    AuthLogger::error("[Probe:%d] count=%zu", 7, static_cast<size_t>(3));
+    const std::string hostText = "%s%n%d";  // host text is an argument, never the format
+    AuthLogger::info("%s", hostText.c_str());
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{"[Probe:42] user=alice", "[Probe:7] count=3", "%s%n%d"}));
+    EXPECT_EQ(log.priorities(), (std::vector<int>{LOG_ERR, LOG_ERR, LOG_ERR}));
+    std::string longText(5000, 'x');
+    AuthLogger::info("%s", longText.c_str());
+    EXPECT_EQ(log.lines().back(), longText);
 }
 
 }  // namespace
