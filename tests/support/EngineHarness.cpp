@@ -4,8 +4,11 @@
 #include "support/EngineHarness.h"
 
 #include <chrono>
+#include <map>
 #include <thread>
 #include <utility>
+
+#include "auth_engine/AuthLogger.h"
 
 namespace auth_engine {
 namespace testing {
@@ -100,6 +103,17 @@ AuthContext tempKeyAnswer(const std::string& key) {
     return update;
 }
 
+std::string reportLine(const AuthResponse& response) {
+    std::string line = std::string(AuthLogger::authResultToString(response.result)) + " " +
+                       std::to_string(response.failCode) + " '" + response.reason + "' [" +
+                       joinRelayVector(response.openedRelays) + "] [" +
+                       joinRelayVector(response.failedRelays) + "]";
+    for (const AuthTarget& target : response.targets) {
+        line += " >" + target.relay;
+    }
+    return line;
+}
+
 void expectFailed(const AuthResponse& response, int failCode, const std::string& reason) {
     EXPECT_EQ(response.result, FAILED);
     EXPECT_EQ(response.failCode, failCode);
@@ -117,6 +131,18 @@ void expectNothingParked(AuthEngine& engine) {
     EXPECT_EQ(engine.parkedChainCount(), 0u);
     EXPECT_EQ(engine.parkedPhaseCount(), 0u);
     EXPECT_EQ(engine.subRequestCount(), 0u);
+}
+
+void expectCalledBackOnce(CallbackRecorder& recorder, const std::vector<std::string>& ids) {
+    std::map<std::string, int> calls;
+    for (const auto& call : recorder.all()) {
+        ++calls[call.requestId];
+    }
+    EXPECT_FALSE(ids.empty());
+    EXPECT_EQ(recorder.count(), ids.size());
+    for (const auto& id : ids) {
+        EXPECT_EQ(calls[id], 1) << id;
+    }
 }
 
 bool EngineHarness::start() {

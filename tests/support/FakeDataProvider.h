@@ -101,17 +101,15 @@ public:
     std::unique_lock<std::mutex> lock() { return std::unique_lock<std::mutex>(mutex); }
 
     // ---- what happened ----
-    std::vector<std::string> calls();
+    std::vector<std::string> calls() { return snapshot(callLog); }
     int callCount(const std::string& operation);
-    std::vector<std::string> ownerKeysAsked();
-    std::vector<Question> questions();
-    std::vector<Report> reports();
-    std::vector<Lockout> lockouts();
+    std::vector<std::string> ownerKeysAsked() { return snapshot(ownerKeys); }
+    std::vector<Question> questions() { return snapshot(asked); }
+    std::vector<Report> reports() { return snapshot(reported); }
+    std::vector<Lockout> lockouts() { return snapshot(lockoutLog); }
     /// The contexts onDuress was called with.
-    std::vector<AuthContext> duressAlarms();
-    std::size_t reportCount();
-    /// Waits until at least `count` reports arrived; false on timeout.
-    bool waitForReports(std::size_t count, int timeoutMs = 5000);
+    std::vector<AuthContext> duressAlarms() { return snapshot(duressLog); }
+    std::size_t reportCount() { return reports().size(); }
     /// Waits until at least `count` questions were asked; false on timeout.
     bool waitForQuestions(std::size_t count, int timeoutMs = 5000);
     void clearLog();
@@ -167,11 +165,19 @@ public:
     void onDuress(const AuthContext& context) override;
 
 private:
-    // Records the call and throws when the operation is listed in throwFrom. Caller holds `mutex`.
-    void beginCall(const char* operation);
-    void enterLocked(const char* operation);
-    // Records a question, runs its hook (without the lock) and returns the handle.
-    std::string ask(Question question, const QuestionHook& hook);
+    // Runs the beforeCall hook, then logs the call and, under the lock, runs `body`, unless the
+    // operation is listed in throwFrom.
+    template <class Body>
+    auto locked(const char* operation, Body body) -> decltype(body());
+    template <class T>
+    T snapshot(const T& data) {
+        std::lock_guard<std::mutex> guard(mutex);
+        return data;
+    }
+    // Records `question` with a numbered handle, or with none when `offline()` (and then not at
+    // all unless `recordOffline`), runs its hook without the lock and returns the handle.
+    std::string ask(const char* operation, Question question, const std::function<bool()>& offline,
+                    QuestionHook FakeDataProvider::*hook, bool recordOffline);
 
     std::mutex mutex;
     std::condition_variable changed;
