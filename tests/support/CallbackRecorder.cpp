@@ -3,8 +3,8 @@
 
 #include "support/CallbackRecorder.h"
 
+#include <algorithm>
 #include <chrono>
-#include <stdexcept>
 
 namespace auth_engine {
 namespace testing {
@@ -12,10 +12,8 @@ namespace testing {
 AuthCallback CallbackRecorder::callback() {
     return [this](const std::string& requestId, const AuthResponse& response,
                   const AuthContext& context) {
-        {
-            std::lock_guard<std::mutex> guard(mutex);
-            calls.push_back(Call{requestId, response, context});
-        }
+        std::lock_guard<std::mutex> guard(mutex);
+        calls.push_back(Call{requestId, response, context});
         arrived.notify_all();
     };
 }
@@ -33,10 +31,7 @@ std::size_t CallbackRecorder::count() {
 
 CallbackRecorder::Call CallbackRecorder::at(std::size_t index) {
     std::lock_guard<std::mutex> guard(mutex);
-    if (index >= calls.size()) {
-        throw std::out_of_range("no such callback");
-    }
-    return calls[index];
+    return calls.at(index);
 }
 
 std::vector<CallbackRecorder::Call> CallbackRecorder::all() {
@@ -45,13 +40,10 @@ std::vector<CallbackRecorder::Call> CallbackRecorder::all() {
 }
 
 std::vector<CallbackRecorder::Call> CallbackRecorder::forId(const std::string& requestId) {
-    std::lock_guard<std::mutex> guard(mutex);
-    std::vector<Call> matching;
-    for (const auto& call : calls) {
-        if (call.requestId == requestId) {
-            matching.push_back(call);
-        }
-    }
+    std::vector<Call> matching = all();
+    matching.erase(std::remove_if(matching.begin(), matching.end(),
+                                  [&](const Call& call) { return call.requestId != requestId; }),
+                   matching.end());
     return matching;
 }
 

@@ -3,6 +3,7 @@
 
 #include "support/EngineHarness.h"
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <thread>
@@ -32,12 +33,10 @@ std::vector<AuthContext> ScriptedProcessor::seen() {
 }
 
 std::vector<AuthContext> ScriptedProcessor::resumed() {
-    std::vector<AuthContext> out;
-    for (const AuthContext& context : seen()) {
-        if (!context.pendingProcessor.empty()) {
-            out.push_back(context);
-        }
-    }
+    std::vector<AuthContext> out = seen();
+    out.erase(std::remove_if(out.begin(), out.end(),
+                             [](const AuthContext& c) { return c.pendingProcessor.empty(); }),
+              out.end());
     return out;
 }
 
@@ -46,10 +45,8 @@ AuthResult askOnce(const AuthContext& context) {
 }
 
 void Latch::arrive() {
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        ++entered;
-    }
+    std::lock_guard<std::mutex> lock(mutex);
+    ++entered;
     changed.notify_all();
 }
 
@@ -73,10 +70,8 @@ bool Latch::waitEntered(std::size_t count, int timeoutMs) {
 }
 
 void Latch::open() {
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        opened = true;
-    }
+    std::lock_guard<std::mutex> lock(mutex);
+    opened = true;
     changed.notify_all();
 }
 
@@ -145,10 +140,6 @@ void expectCalledBackOnce(CallbackRecorder& recorder, const std::vector<std::str
     }
 }
 
-bool EngineHarness::start() {
-    return engine.init(host) == 0;
-}
-
 std::shared_ptr<ScriptedProcessor> EngineHarness::use(const std::string& name,
                                                       ScriptedProcessor::Fn decide) {
     auto processor = std::make_shared<ScriptedProcessor>(name, std::move(decide));
@@ -168,14 +159,6 @@ void EngineHarness::chain(const std::vector<std::shared_ptr<IAuthProcessor>>& pr
 void EngineHarness::configure(const std::function<void(FakeDataProvider&)>& change) {
     const auto lock = host->lock();
     change(*host);
-}
-
-AuthResponse EngineHarness::run(const std::string& id, const AuthRequest& request) {
-    return engine.authenticate(request, recorder.callback(), id);
-}
-
-std::string EngineHarness::submit(const AuthRequest& request) {
-    return engine.authenticateAsync(request, recorder.callback());
 }
 
 void EngineHarness::answer(const std::string& id, AuthResult result, int failCode,

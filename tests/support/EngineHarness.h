@@ -98,15 +98,19 @@ void expectCalledBackOnce(CallbackRecorder& recorder, const std::vector<std::str
 class EngineHarness {
 public:
     /// init with `host`; false when it fails.
-    bool start();
+    bool start() { return engine.init(host) == 0; }
     /// Registers a scripted processor and makes it the whole chain.
     std::shared_ptr<ScriptedProcessor> use(const std::string& name, ScriptedProcessor::Fn decide);
     /// Registers the processors and chains them in this order.
     void chain(const std::vector<std::shared_ptr<IAuthProcessor>>& processors);
     /// Changes the scripted host data under its lock (the worker may read it at any time).
     void configure(const std::function<void(FakeDataProvider&)>& change);
-    AuthResponse run(const std::string& id, const AuthRequest& request = AuthRequest());
-    std::string submit(const AuthRequest& request);
+    AuthResponse run(const std::string& id, const AuthRequest& request = AuthRequest()) {
+        return engine.authenticate(request, recorder.callback(), id);
+    }
+    std::string submit(const AuthRequest& request) {
+        return engine.authenticateAsync(request, recorder.callback());
+    }
     /// Delivers a host answer and waits for the engine to settle.
     void answer(const std::string& id, AuthResult result, int failCode = 0,
                 const AuthContext& update = AuthContext());

@@ -77,8 +77,8 @@ public:
     std::set<std::string>
         offlineRelays;  ///< anti-passback and interlock questions for these fail to send
     bool parkingOffline = false;
-    std::vector<ReaderType> readerPriority;       ///< empty: getReaderPriority answers false
-    std::set<std::string> throwFrom;              ///< operation names that throw std::runtime_error
+    std::vector<ReaderType> readerPriority;  ///< empty: getReaderPriority answers false
+    std::set<std::string> throwFrom;  ///< operations that throw std::runtime_error; "*": every one
     std::map<std::string, UserData> duressCodes;  ///< duress code -> user
 
     /// One onGuessLockout call.
@@ -120,55 +120,156 @@ public:
 
     // ---- IDataProvider ----
     std::shared_ptr<UserData> getUserByCredential(const char* credential,
-                                                  const OpenDoorType& openType) override;
-    std::shared_ptr<KeyData> getKeyData(const AuthContext& context, int keyKind,
-                                        int ownerKind) override;
+                                                  const OpenDoorType&) override {
+        UserData user;
+        return lookUp("getUserByCredential", users, credential == nullptr ? "" : credential, user)
+                   ? std::make_shared<UserData>(user)
+                   : nullptr;
+    }
+    std::shared_ptr<KeyData> getKeyData(const AuthContext&, int, int) override {
+        return locked("getKeyData",
+                      [&] { return keyData ? std::make_shared<KeyData>(*keyData) : nullptr; });
+    }
     std::vector<std::shared_ptr<ScheduleData>> getRelaySchedules(const std::string& ownerKey,
-                                                                 int ownerKind) override;
-    std::vector<HolidayData> getHolidays(const std::string& ownerKey, int ownerKind) override;
-    bool isPublicPin(const AuthContext& context) override;
-    bool getLatchPinRelays(const AuthContext& context, std::vector<std::string>& relays) override;
-    std::vector<std::string> getPublicPinRelays(const AuthContext& context) override;
-    AuthConfig getAuthConfig() override;
-    std::vector<std::string> getLockedDownRelays(const std::vector<std::string>& relays) override;
-    bool isRelayHolidayExempt(const std::string& relay) override;
+                                                                 int) override {
+        return locked("getRelaySchedules", [&] {
+            ownerKeys.push_back(ownerKey);
+            return schedules;
+        });
+    }
+    std::vector<HolidayData> getHolidays(const std::string& ownerKey, int) override {
+        return locked("getHolidays", [&] {
+            ownerKeys.push_back(ownerKey);
+            return holidays;
+        });
+    }
+    bool isPublicPin(const AuthContext& context) override {
+        const std::string pin = read("isPublicPin", publicPin);
+        return !pin.empty() && context.request.credential == pin;
+    }
+    bool getLatchPinRelays(const AuthContext& context, std::vector<std::string>& relays) override {
+        return lookUp("getLatchPinRelays", latchPins, context.request.credential, relays);
+    }
+    std::vector<std::string> getPublicPinRelays(const AuthContext&) override {
+        return read("getPublicPinRelays", publicPinRelays);
+    }
+    AuthConfig getAuthConfig() override { return read("getAuthConfig", config); }
+    std::vector<std::string> getLockedDownRelays(const std::vector<std::string>& relays) override {
+        return listed(relays, read("getLockedDownRelays", lockedDownRelays));
+    }
+    bool isRelayHolidayExempt(const std::string& relay) override {
+        return read("isRelayHolidayExempt", holidayExemptRelays).count(relay) != 0;
+    }
     std::vector<std::string> getForbiddenUnlockTypeRelays(const std::vector<std::string>& relays,
-                                                          OpenDoorType openType) override;
-    bool getDtmfConfig(DtmfConfig& out, const AuthContext& context) override;
+                                                          OpenDoorType openType) override {
+        std::set<std::string> forbidden;
+        lookUp("getForbiddenUnlockTypeRelays", forbiddenRelays, openType, forbidden);
+        return listed(relays, forbidden);
+    }
+    bool getDtmfConfig(DtmfConfig& out, const AuthContext&) override {
+        return given(read("getDtmfConfig", dtmfConfig), out);
+    }
     bool requestDtmfWhitelist(const DtmfWhitelistRequest& request,
-                              DtmfWhitelistResult& result) override;
-    bool getDtmfUser(const std::string& remoteNumber, UserData& user,
-                     const AuthContext& context) override;
-    bool requestDtmfVisitorPermission(const DtmfVisitorPermissionRequest& request,
-                                      UserData& user) override;
+                              DtmfWhitelistResult& result) override {
+        return lookUp("requestDtmfWhitelist", dtmfWhitelist, request.remoteNumber, result);
+    }
+    bool getDtmfUser(const std::string& remoteNumber, UserData& user, const AuthContext&) override {
+        return lookUp("getDtmfUser", dtmfUsers, remoteNumber, user);
+    }
+    bool requestDtmfVisitorPermission(const DtmfVisitorPermissionRequest&,
+                                      UserData& user) override {
+        return given(read("requestDtmfVisitorPermission", dtmfVisitor), user);
+    }
     bool getRemoteControlUser(const std::string& remoteUserId, UserData& user,
-                              AuthContext& context) override;
+                              AuthContext&) override {
+        return lookUp("getRemoteControlUser", remoteControlUsers, remoteUserId, user);
+    }
     bool requestTempKey(const AuthContext& context, AuthCallback callback) override;
-    bool getTempKeyUser(const TempKeyAuthData& data, UserData& user) override;
-    void getTempKeyTargets(std::vector<AuthTarget>& targets) override;
-    bool getHttpOpenConfig(HttpOpenConfig& out) override;
-    bool checkBleOpenInterval(const UserData& user,
-                              const std::vector<std::string>& relays) override;
-    void recordBleOpen(const UserData& user, const std::vector<std::string>& relays) override;
-    std::string requestAntiPassback(const AuthRequest& request, const UserData& user,
-                                    AuthContext& context, AuthCallback callback) override;
-    std::string requestInterlock(const AuthRequest& request, const std::string& relay,
-                                 AuthContext& context, AuthCallback callback) override;
-    std::string requestParking(const AuthRequest& request, const UserData& user,
-                               std::string credential, AuthContext& context,
-                               AuthCallback callback) override;
-    void onAuthResult(const AuthContext& context, const AuthResult& result) override;
-    bool getReaderPriority(std::vector<ReaderType>& priority) override;
-    void onGuessLockout(ReaderType reader, int count, int64_t lockoutEndUptime) override;
-    bool getUserByDuressCode(const std::string& code, OpenDoorType openType,
-                             UserData& user) override;
-    void onDuress(const AuthContext& context) override;
+    bool getTempKeyUser(const TempKeyAuthData& data, UserData& user) override {
+        return lookUp("getTempKeyUser", tempKeyUsers, data.key, user);
+    }
+    void getTempKeyTargets(std::vector<AuthTarget>& targets) override {
+        targets = read("getTempKeyTargets", tempKeyTargets);
+    }
+    bool getHttpOpenConfig(HttpOpenConfig& out) override {
+        return given(read("getHttpOpenConfig", httpConfig), out);
+    }
+    bool checkBleOpenInterval(const UserData&, const std::vector<std::string>&) override {
+        return read("checkBleOpenInterval", bleAllowed);
+    }
+    void recordBleOpen(const UserData&, const std::vector<std::string>& relays) override {
+        locked("recordBleOpen", [&] { bleRecords.push_back(relays); });
+    }
+    std::string requestAntiPassback(const AuthRequest&, const UserData&, AuthContext& context,
+                                    AuthCallback callback) override;
+    std::string requestInterlock(const AuthRequest&, const std::string& relay, AuthContext& context,
+                                 AuthCallback callback) override;
+    std::string requestParking(const AuthRequest&, const UserData&, std::string,
+                               AuthContext& context, AuthCallback callback) override;
+    void onAuthResult(const AuthContext& context, const AuthResult& result) override {
+        locked("onAuthResult", [&] { reported.push_back(Report{context, result}); });
+        changed.notify_all();
+    }
+    bool getReaderPriority(std::vector<ReaderType>& priority) override {
+        const auto order = read("getReaderPriority", readerPriority);
+        if (!order.empty()) {
+            priority = order;
+        }
+        return !order.empty();
+    }
+    void onGuessLockout(ReaderType reader, int count, int64_t lockoutEndUptime) override {
+        locked("onGuessLockout", [&] {
+            lockoutLog.push_back(Lockout{reader, count, lockoutEndUptime});
+        });
+    }
+    bool getUserByDuressCode(const std::string& code, OpenDoorType, UserData& user) override {
+        return lookUp("getUserByDuressCode", duressCodes, code, user);
+    }
+    void onDuress(const AuthContext& context) override {
+        locked("onDuress", [&] { duressLog.push_back(context); });
+    }
 
 private:
     // Runs the beforeCall hook, then logs the call and, under the lock, runs `body`, unless the
     // operation is listed in throwFrom.
     template <class Body>
-    auto locked(const char* operation, Body body) -> decltype(body());
+    auto locked(const char* operation, Body body) -> decltype(body()) {
+        if (const auto hook = snapshot(beforeCall)) {
+            hook(operation);
+        }
+        std::lock_guard<std::mutex> guard(mutex);
+        enter(operation);
+        return body();
+    }
+    // Logs the call; throws when the operation is listed in throwFrom. The caller holds the lock.
+    void enter(const char* operation);
+    // A copy of scripted data, read as `operation`.
+    template <class T>
+    T read(const char* operation, const T& data) {
+        return locked(operation, [&] { return data; });
+    }
+    // Copies the entry for `key` into `out`, read as `operation`; false when there is none.
+    template <class Map, class Key, class Out>
+    bool lookUp(const char* operation, const Map& map, const Key& key, Out& out) {
+        return locked(operation, [&] {
+            const auto found = map.find(key);
+            if (found == map.end()) {
+                return false;
+            }
+            out = found->second;
+            return true;
+        });
+    }
+    template <class T>
+    static bool given(const std::optional<T>& from, T& out) {
+        if (from) {
+            out = *from;
+        }
+        return from.has_value();
+    }
+    // The relays listed in `set`, in their order.
+    static std::vector<std::string> listed(const std::vector<std::string>& relays,
+                                           const std::set<std::string>& set);
     template <class T>
     T snapshot(const T& data) {
         std::lock_guard<std::mutex> guard(mutex);

@@ -29,14 +29,6 @@ void TestClock::advance(int64_t seconds) {
     uptimeNow += seconds;
 }
 
-void TestClock::setWall(int64_t wallSeconds) {
-    wallNow = wallSeconds;
-}
-
-void TestClock::setUptime(int64_t uptimeSeconds) {
-    uptimeNow = uptimeSeconds;
-}
-
 int64_t TestClock::utc(int year, int month, int day, int hour, int minute, int second) {
     std::tm tm{};
     tm.tm_year = year - 1900;

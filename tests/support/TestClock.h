@@ -20,8 +20,8 @@ public:
 
     /// Moves both clocks forward.
     void advance(int64_t seconds);
-    void setWall(int64_t wallSeconds);
-    void setUptime(int64_t uptimeSeconds);
+    void setWall(int64_t wallSeconds) { wallNow = wallSeconds; }
+    void setUptime(int64_t uptimeSeconds) { uptimeNow = uptimeSeconds; }
     int64_t wall() const { return wallNow.load(); }
     int64_t up() const { return uptimeNow.load(); }
 
