@@ -455,6 +455,24 @@ TEST_F(FaultsFacade, CallsBackFromACallbackMadeUnderTheLockAreRefusedAtOnce) {
     EXPECT_FALSE(facade.isReady());
 }
 
+TEST_F(FaultsAsync, CountersAskedFromACallbackUnderTheLockAreRefused) {
+    use("NeverAnswered", askOnce);
+    std::string counts = "not called";
+    engine.authenticate(
+        makeRequest("card-1", OPEN_TYPE_CARD),
+        [&](const std::string&, const AuthResponse&, const AuthContext&) {
+            // The parked chain times out: this runs under the engine's lock.
+            counts = std::to_string(engine.heldAnswerCount()) +
+                     std::to_string(engine.droppedAnswerCount()) +
+                     std::to_string(engine.openQuestionCount()) +
+                     std::to_string(engine.subRequestCount());
+        },
+        "probe");
+    sweepAfter(31);
+    EXPECT_EQ(counts, "0000");
+    EXPECT_TRUE(log.contains("droppedAnswerCount refused"));
+}
+
 TEST_F(FaultsAsync, ResetFromAnotherThreadWhileAttemptsRunCallsEverySubmissionBackOnce) {
     for (int round = 0; round < 3; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
