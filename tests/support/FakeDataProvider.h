@@ -92,10 +92,7 @@ public:
     /// it may throw, change the scripted data (under lock()) or call into the engine.
     std::function<void(const std::string& operation)> beforeCall;
 
-    QuestionHook answerTempKey;
-    QuestionHook answerAntiPassback;
-    QuestionHook answerInterlock;
-    QuestionHook answerParking;
+    QuestionHook answerTempKey, answerAntiPassback, answerInterlock, answerParking;
 
     /// Locks the scripted data for a change while the engine runs.
     std::unique_lock<std::mutex> lock() { return std::unique_lock<std::mutex>(mutex); }
@@ -155,16 +152,19 @@ public:
     }
     AuthConfig getAuthConfig() override { return read("getAuthConfig", config); }
     std::vector<std::string> getLockedDownRelays(const std::vector<std::string>& relays) override {
-        return listed(relays, read("getLockedDownRelays", lockedDownRelays));
+        return locked("getLockedDownRelays", [&] { return listed(relays, lockedDownRelays); });
     }
     bool isRelayHolidayExempt(const std::string& relay) override {
-        return read("isRelayHolidayExempt", holidayExemptRelays).count(relay) != 0;
+        return locked("isRelayHolidayExempt",
+                      [&] { return holidayExemptRelays.count(relay) != 0; });
     }
     std::vector<std::string> getForbiddenUnlockTypeRelays(const std::vector<std::string>& relays,
                                                           OpenDoorType openType) override {
-        std::set<std::string> forbidden;
-        lookUp("getForbiddenUnlockTypeRelays", forbiddenRelays, openType, forbidden);
-        return listed(relays, forbidden);
+        return locked("getForbiddenUnlockTypeRelays", [&] {
+            const auto found = forbiddenRelays.find(openType);
+            return found == forbiddenRelays.end() ? std::vector<std::string>()
+                                                  : listed(relays, found->second);
+        });
     }
     bool getDtmfConfig(DtmfConfig& out, const AuthContext&) override {
         return given(read("getDtmfConfig", dtmfConfig), out);
