@@ -3,6 +3,8 @@
 
 #include "support/LogCapture.h"
 
+#include <algorithm>
+
 #include "auth_engine/AuthLogger.h"
 
 namespace auth_engine {
@@ -31,13 +33,9 @@ bool LogCapture::contains(const std::string& text) {
 
 int LogCapture::count(const std::string& text) {
     std::lock_guard<std::mutex> guard(mutex);
-    int found = 0;
-    for (const auto& line : captured) {
-        if (line.find(text) != std::string::npos) {
-            ++found;
-        }
-    }
-    return found;
+    return static_cast<int>(std::count_if(
+        captured.begin(), captured.end(),
+        [&](const std::string& line) { return line.find(text) != std::string::npos; }));
 }
 
 std::vector<int> LogCapture::priorities() {
