@@ -12,6 +12,7 @@
 // held.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -20,9 +21,11 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "auth_engine/AuthLogger.h"
 #include "auth_engine/IDataProvider.h"
 
 namespace auth_engine {
@@ -99,7 +102,10 @@ public:
 
     // ---- what happened ----
     std::vector<std::string> calls() { return snapshot(callLog); }
-    int callCount(const std::string& operation);
+    int callCount(const std::string& operation) {
+        std::lock_guard<std::mutex> guard(mutex);
+        return static_cast<int>(std::count(callLog.begin(), callLog.end(), operation));
+    }
     std::vector<std::string> ownerKeysAsked() { return snapshot(ownerKeys); }
     std::vector<Question> questions() { return snapshot(asked); }
     std::vector<Report> reports() { return snapshot(reported); }
@@ -108,13 +114,29 @@ public:
     std::vector<AuthContext> duressAlarms() { return snapshot(duressLog); }
     std::size_t reportCount() { return reports().size(); }
     /// Waits until at least `count` questions were asked; false on timeout.
-    bool waitForQuestions(std::size_t count, int timeoutMs = 5000);
-    void clearLog();
-
+    bool waitForQuestions(std::size_t count, int timeoutMs = 5000) {
+        std::unique_lock<std::mutex> guard(mutex);
+        return changed.wait_for(guard, std::chrono::milliseconds(timeoutMs),
+                                [&] { return asked.size() >= count; });
+    }
+    void clearLog() {
+        std::lock_guard<std::mutex> guard(mutex);
+        callLog.clear();
+        ownerKeys.clear();
+        asked.clear();
+        reported.clear();
+    }
     /// Answers question `index` through its callback with a response of `result` (and `failCode`).
     void answer(std::size_t index, AuthResult result, int failCode = 0,
-                const AuthContext& contextUpdate = AuthContext());
-
+                const AuthContext& contextUpdate = AuthContext()) {
+        const Question question = questions().at(index);
+        AuthResponse response;
+        response.result = result;
+        response.failCode = failCode;
+        if (question.callback) {
+            question.callback(question.handle, response, contextUpdate);
+        }
+    }
     // ---- IDataProvider ----
     std::shared_ptr<UserData> getUserByCredential(const char* credential,
                                                   const OpenDoorType&) override {
@@ -184,7 +206,14 @@ public:
                               AuthContext&) override {
         return lookUp("getRemoteControlUser", remoteControlUsers, remoteUserId, user);
     }
-    bool requestTempKey(const AuthContext& context, AuthCallback callback) override;
+    bool requestTempKey(const AuthContext& context, AuthCallback callback) override {
+        const Question question{"tempkey",           "tk",   "", context.requestId,
+                                std::move(callback), context};
+        return !ask(
+                    "requestTempKey", question, [this] { return !tempKeySendOk; },
+                    &FakeDataProvider::answerTempKey, false)
+                    .empty();
+    }
     bool getTempKeyUser(const TempKeyAuthData& data, UserData& user) override {
         return lookUp("getTempKeyUser", tempKeyUsers, data.key, user);
     }
@@ -201,11 +230,31 @@ public:
         locked("recordBleOpen", [&] { bleRecords.push_back(relays); });
     }
     std::string requestAntiPassback(const AuthRequest&, const UserData&, AuthContext& context,
-                                    AuthCallback callback) override;
+                                    AuthCallback callback) override {
+        const auto& relays = context.antiPassbackRelays;
+        return ask(
+            "requestAntiPassback",
+            {"antipassback", "ap", joinRelayVector(relays), context.requestId, std::move(callback),
+             context},
+            [&] { return !listed(relays, offlineRelays).empty(); },
+            &FakeDataProvider::answerAntiPassback, true);
+    }
     std::string requestInterlock(const AuthRequest&, const std::string& relay, AuthContext& context,
-                                 AuthCallback callback) override;
+                                 AuthCallback callback) override {
+        return ask(
+            "requestInterlock",
+            {"interlock", "il", relay, context.requestId, std::move(callback), context},
+            [&] { return offlineRelays.count(relay) != 0; }, &FakeDataProvider::answerInterlock,
+            true);
+    }
     std::string requestParking(const AuthRequest&, const UserData&, std::string,
-                               AuthContext& context, AuthCallback callback) override;
+                               AuthContext& context, AuthCallback callback) override {
+        return ask(
+            "requestParking",
+            {"parking", "pk", joinRelayVector(context.relays), context.requestId,
+             std::move(callback), context},
+            [&] { return parkingOffline; }, &FakeDataProvider::answerParking, true);
+    }
     void onAuthResult(const AuthContext& context, const AuthResult& result) override {
         locked("onAuthResult", [&] { reported.push_back(Report{context, result}); });
         changed.notify_all();
@@ -242,8 +291,12 @@ private:
         return body();
     }
     // Logs the call; throws when the operation is listed in throwFrom. The caller holds the lock.
-    void enter(const char* operation);
-    // A copy of scripted data, read as `operation`.
+    void enter(const char* operation) {
+        callLog.emplace_back(operation);
+        if (throwFrom.count(operation) != 0 || throwFrom.count("*") != 0) {
+            throw std::runtime_error(std::string("fake provider throws from ") + operation);
+        }
+    }  // A copy of scripted data, read as `operation`.
     template <class T>
     T read(const char* operation, const T& data) {
         return locked(operation, [&] { return data; });
@@ -269,7 +322,12 @@ private:
     }
     // The relays listed in `set`, in their order.
     static std::vector<std::string> listed(const std::vector<std::string>& relays,
-                                           const std::set<std::string>& set);
+                                           const std::set<std::string>& set) {
+        std::vector<std::string> out;
+        std::copy_if(relays.begin(), relays.end(), std::back_inserter(out),
+                     [&](const std::string& relay) { return set.count(relay) != 0; });
+        return out;
+    }
     template <class T>
     T snapshot(const T& data) {
         std::lock_guard<std::mutex> guard(mutex);
@@ -278,8 +336,31 @@ private:
     // Records `question` with a numbered handle, or with none when `offline()` (and then not at
     // all unless `recordOffline`), runs its hook without the lock and returns the handle.
     std::string ask(const char* operation, Question question, const std::function<bool()>& offline,
-                    QuestionHook FakeDataProvider::*hook, bool recordOffline);
-
+                    QuestionHook FakeDataProvider::*hook, bool recordOffline) {
+        QuestionHook answer;
+        std::size_t index = 0;
+        const bool recorded = locked(operation, [&] {
+            question.handle =
+                offline() ? std::string() : question.handle + std::to_string(++handleCounter);
+            answer = this->*hook;
+            index = asked.size();
+            if (question.handle.empty() && !recordOffline) {
+                return false;
+            }
+            asked.push_back(question);
+            return true;
+        });
+        if (!recorded) {
+            return std::string();
+        }
+        changed.notify_all();
+        if (answer && !question.handle.empty()) {
+            answer(question);
+            std::lock_guard<std::mutex> guard(mutex);
+            asked[index] = question;
+        }
+        return question.handle;
+    }
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<std::string> callLog;
