@@ -9,6 +9,7 @@
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 #include "support/EngineHarness.h"
 #include "support/LogCapture.h"
@@ -308,21 +309,18 @@ TEST_F(FaultsAsync, ChecksInsideTheChainResumeAndReleaseTheirQuestions) {
     // question is answered from inside the call, or relay 2 is, and its peer is offline.
     configure([](FakeDataProvider& fake) { fake.answerInterlock = answerYes; });
     engine.setProcessorChain({"UserLookup", "VirtualDoor", "AntiPassback", "Interlock"});
-    struct Case {
-        const char* scheduleRelay;
-        const char* interlocked;
-        std::set<std::string> offline;
-        const char* outcome;
-    };
-    for (const Case& attempt :
-         {Case{"1-1", "1", {}, "SUCCESS 0 '' [] [] >1"},
-          Case{"1-1,2", "2", {"2"}, "FAILED 21 'Interlock request failed' [] [2]"}}) {
-        SCOPED_TRACE(attempt.scheduleRelay);
-        configure([&](FakeDataProvider& fake) {
-            fake.users["card-1"].scheduleRelay = attempt.scheduleRelay;
-            fake.config.interlockRelayMap = {{attempt.interlocked, true}};
-            fake.offlineRelays = attempt.offline;
-        });
+    // {the card's relays, the interlocked relay, offline relays, outcome}
+    for (const auto& [scheduleRelay, interlocked, offline, outcome] :
+         std::vector<std::tuple<std::string, std::string, std::set<std::string>, std::string>>{
+             {"1-1", "1", {}, "SUCCESS 0 '' [] [] >1"},
+             {"1-1,2", "2", {"2"}, "FAILED 21 'Interlock request failed' [] [2]"}}) {
+        SCOPED_TRACE(scheduleRelay);
+        {  // structured bindings cannot be captured before C++20
+            const auto lock = host->lock();
+            host->users["card-1"].scheduleRelay = scheduleRelay;
+            host->config.interlockRelayMap = {{interlocked, true}};
+            host->offlineRelays = offline;
+        }
         host->clearLog();
         recorder.clear();
         const std::string card = submitCard("card-1");
@@ -335,7 +333,7 @@ TEST_F(FaultsAsync, ChecksInsideTheChainResumeAndReleaseTheirQuestions) {
         // question registered.
         EXPECT_EQ(engine.parkedChainCount(), 0u);
         EXPECT_EQ(engine.openQuestionCount(), 0u);
-        EXPECT_EQ(reportOf(card), attempt.outcome);
+        EXPECT_EQ(reportOf(card), outcome);
     }
 }
 
@@ -622,35 +620,31 @@ TEST_P(FaultsAsyncTwice, HostAnsweringEveryQuestionTwiceGetsOneReportPerPhase) {
                 fake.answerParking = answerTwice;
         });
     }
-    // One attempt, the number of questions the host gets on the way and the reports it must
-    // produce (phase suffix of the id -> the relay it opens).
-    struct Scenario {
-        AuthRequest request;
-        std::size_t questions;
-        std::map<std::string, std::string> reports;
-    };
-    const std::map<std::string, std::string> everyPhase = {
-        {"", "3"}, {"_ind_antipassback", "1"}, {"_ind_interlock", "2"}};
-    for (const Scenario& scenario :
-         {Scenario{makeRequest("card-1", OPEN_TYPE_CARD), 2, everyPhase},
-          Scenario{makeRequest("tk-1", OPEN_TYPE_TEMP_KEY), 3, everyPhase},
-          Scenario{makeRequest("PLATE-1", OPEN_TYPE_LICENSE_PLATE), 1, {{"_ind_parking", "3"}}}}) {
-        SCOPED_TRACE("open type " + std::to_string(scenario.request.openType));
+    // {attempt, questions the host gets on the way, the reports (phase suffix of the id -> the
+    // relay it opens)}
+    using Reports = std::map<std::string, std::string>;
+    const Reports everyPhase = {{"", "3"}, {"_ind_antipassback", "1"}, {"_ind_interlock", "2"}};
+    for (const auto& [request, questions, reports] :
+         std::vector<std::tuple<AuthRequest, std::size_t, Reports>>{
+             {makeRequest("card-1", OPEN_TYPE_CARD), 2, everyPhase},
+             {makeRequest("tk-1", OPEN_TYPE_TEMP_KEY), 3, everyPhase},
+             {makeRequest("PLATE-1", OPEN_TYPE_LICENSE_PLATE), 1, {{"_ind_parking", "3"}}}}) {
+        SCOPED_TRACE("open type " + std::to_string(request.openType));
         host->clearLog();
         const std::size_t before = recorder.count();
-        const std::string id = submit(scenario.request);
-        for (std::size_t i = 0; !inlineAnswers && i < scenario.questions; ++i) {
+        const std::string id = submit(request);
+        for (std::size_t i = 0; !inlineAnswers && i < questions; ++i) {
             ASSERT_TRUE(host->waitForQuestions(i + 1, kWaitMs)) << "question " << i;
             FakeDataProvider::Question question = host->questions()[i];
             answerTwice(question);
         }
-        settle(before + scenario.reports.size());
-        EXPECT_EQ(host->questions().size(), scenario.questions);
-        for (const auto& expected : scenario.reports) {
+        settle(before + reports.size());
+        EXPECT_EQ(host->questions().size(), questions);
+        for (const auto& expected : reports) {
             EXPECT_EQ(reportOf(id + expected.first),
                       "SUCCESS 0 '' [" + expected.second + "] [] >" + expected.second);
         }
-        EXPECT_EQ(host->reportCount(), scenario.reports.size());
+        EXPECT_EQ(host->reportCount(), reports.size());
         expectNothingParked(engine);
     }
 }
