@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
-#include <map>
 #include <random>
 #include <thread>
 
@@ -11,61 +10,46 @@ namespace auth_engine {
 namespace testing {
 namespace {
 
-// A remote check: the first pass asks the "host", which answers according to the credential:
+// A remote check whose first pass asks the "host", which answers according to the credential:
 // inline (from inside the question), later (kept for another thread), twice later, or never.
-class RemoteCheck : public IAuthProcessor {
-public:
-    explicit RemoteCheck(AuthEngine& owner) : engine(owner) {}
-    AuthResult process(AuthContext& context, IDataProvider&) override {
+class AsyncStress : public EngineTest {
+protected:
+    AuthResult ask(AuthContext& context) {
         if (!context.pendingProcessor.empty()) {
             return context.response.result;
         }
-        AuthCallback answer = engine.makeAnswerCallback(context.requestId);
+        const AuthCallback answer = engine.makeAnswerCallback(context.requestId);
         const std::string& mode = context.request.credential;
         if (mode == "inline") {
-            answer("", verdict(context.requestId), AuthContext());
-        } else if (mode == "later" || mode == "twice") {
-            std::lock_guard<std::mutex> lock(mutex);
-            deferred.push_back(answer);
-            if (mode == "twice") {
-                deferred.push_back(answer);
-            }
+            answer("", verdict(context.requestId.size()), AuthContext());
         }
+        std::lock_guard<std::mutex> lock(mutex);
+        deferred.insert(deferred.end(), mode == "twice" ? 2 : mode == "later" ? 1 : 0, answer);
         return ASYNC_PENDING;
     }
-    std::string getName() const override { return "RemoteCheck"; }
-
     // Answers up to `count` deferred questions from the calling thread.
     void answerSome(std::size_t count) {
         std::vector<AuthCallback> taken;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            while (!deferred.empty() && taken.size() < count) {
+            for (; !deferred.empty() && taken.size() < count; deferred.pop_back()) {
                 taken.push_back(deferred.back());
-                deferred.pop_back();
             }
         }
         for (std::size_t i = 0; i < taken.size(); ++i) {
-            taken[i]("", verdict(std::to_string(i)), AuthContext());
+            taken[i]("", verdict(i), AuthContext());
         }
     }
-
-private:
-    static AuthResponse verdict(const std::string& seed) {
-        return responseOf(seed.size() % 2 == 0 ? SUCCESS : FAILED);
+    static AuthResponse verdict(std::size_t seed) {
+        return responseOf(seed % 2 == 0 ? SUCCESS : FAILED);
     }
 
-    AuthEngine& engine;
     std::mutex mutex;
     std::vector<AuthCallback> deferred;
 };
 
-class AsyncStress : public EngineTest {};
-
 TEST_F(AsyncStress, EveryAcceptedRequestIsCalledBackExactlyOnce) {
-    auto check = std::make_shared<RemoteCheck>(engine);
-    chain({check});
-
+    use("RemoteCheck", [this](AuthContext& context) { return ask(context); });
     const std::vector<std::string> modes = {"inline", "later", "twice", "never"};
     std::mutex idsMutex;
     std::vector<std::string> accepted;
@@ -79,34 +63,23 @@ TEST_F(AsyncStress, EveryAcceptedRequestIsCalledBackExactlyOnce) {
                     std::lock_guard<std::mutex> lock(idsMutex);
                     accepted.push_back(id);
                 }
-                check->answerSome(random() % 3);
+                answerSome(random() % 3);
             }
         });
     }
     for (auto& host : hosts) {
         host.join();
     }
-    ASSERT_TRUE(engine.waitForIdle(20000));
-    std::thread second([&] { check->answerSome(1000); });
-    check->answerSome(1000);
+    ASSERT_TRUE(idle());
+    std::thread second([&] { answerSome(1000); });
+    answerSome(1000);
     second.join();
-    ASSERT_TRUE(engine.waitForIdle(20000));
-    clock.advance(31);  // whatever was never answered now times out
-    engine.checkTimeoutRequests();
-    ASSERT_TRUE(engine.waitForIdle(20000));
+    ASSERT_TRUE(idle());
+    sweepAfter(31);  // whatever was never answered now times out
 
-    ASSERT_FALSE(accepted.empty());
-    ASSERT_TRUE(recorder.waitFor(accepted.size(), 20000));
-    std::map<std::string, int> calls;
-    for (const auto& call : recorder.all()) {
-        ++calls[call.requestId];
-    }
-    EXPECT_EQ(recorder.count(), accepted.size());
-    for (const auto& id : accepted) {
-        EXPECT_EQ(calls[id], 1) << id;
-    }
-    EXPECT_EQ(engine.parkedChainCount(), 0u);
-    EXPECT_EQ(engine.subRequestCount(), 0u);
+    ASSERT_TRUE(recorder.waitFor(accepted.size(), kWaitMs));
+    expectCalledBackOnce(recorder, accepted);
+    expectNothingParked(engine);
     engine.reset();
     EXPECT_EQ(recorder.count(), accepted.size());
 }

@@ -16,10 +16,6 @@ UserData person(const std::string& id) {
     return user;
 }
 
-AuthRequest pin(const std::string& credential) {
-    return makeRequest(credential, OPEN_TYPE_PIN);
-}
-
 // Card then PIN on a site where the outside reader (1) serves relay 2 and the inside reader (0)
 // relay 1, so the opened relay shows which reader the two factors were composed into.
 class DoubleAuthEndToEnd : public FacadeTest {
@@ -44,9 +40,12 @@ protected:
         const AuthResponse held =
             facade.authenticate(makeRequest("card-alice", OPEN_TYPE_CARD, READER_TYPE_EXTERNAL_1));
         EXPECT_EQ(held.result, DOUBLE_AUTH_PENDING);
+        EXPECT_EQ(reportLine(held), "UNKNOWN 0 '' [] []");
         EXPECT_TRUE(held.doubleAuthWaiting);
-        EXPECT_TRUE(held.openedRelays.empty());
         return held;
+    }
+    std::string pin(const std::string& credential) {
+        return reportLine(facade.authenticate(makeRequest(credential, OPEN_TYPE_PIN)));
     }
 };
 
@@ -57,9 +56,8 @@ TEST_F(DoubleAuthEndToEnd, CardThenPinOpensTheFirstFactorsDoorsWithTheComposedRe
     EXPECT_EQ(host->reports()[0].result, DOUBLE_AUTH_PENDING);
 
     clock.advance(29);
-    const AuthResponse opened = facade.authenticate(pin("pin-alice"));
-    EXPECT_EQ(opened.result, SUCCESS);
-    EXPECT_EQ(opened.openedRelays, (Relays{"2"}));
+    const AuthResponse opened = facade.authenticate(makeRequest("pin-alice", OPEN_TYPE_PIN));
+    EXPECT_EQ(reportLine(opened), "SUCCESS 0 '' [2] [] >2");
     EXPECT_EQ(opened.doubleAuthReaderType, READER_TYPE_EXTERNAL_1);
     ASSERT_TRUE(opened.user);
     EXPECT_EQ(opened.user->userId, "alice");
@@ -68,36 +66,26 @@ TEST_F(DoubleAuthEndToEnd, CardThenPinOpensTheFirstFactorsDoorsWithTheComposedRe
 
 TEST_F(DoubleAuthEndToEnd, AnotherPersonsPinTimeoutAndCancelEachEndTheWait) {
     presentCard();
-    const AuthResponse refused = facade.authenticate(pin("pin-bob"));
-    EXPECT_EQ(refused.result, FAILED);
-    EXPECT_EQ(refused.failCode, 41);
-    EXPECT_TRUE(refused.openedRelays.empty());
-    EXPECT_EQ(facade.authenticate(pin("pin-alice")).failCode, 40);
+    EXPECT_EQ(pin("pin-bob"), "FAILED 41 '' [] []");
+    EXPECT_EQ(pin("pin-alice"), "FAILED 40 '' [] []");
 
     const std::string second = presentCard().doubleAuthPendingId;
-    const AuthResponse timedOut = facade.handleDoubleAuthTimeout(second);
-    EXPECT_EQ(timedOut.result, FAILED);
-    EXPECT_EQ(timedOut.failCode, 19);
-    EXPECT_EQ(timedOut.failedRelays, (Relays{"1", "2"}));
+    EXPECT_EQ(reportLine(facade.handleDoubleAuthTimeout(second)), "FAILED 19 '' [] [1,2]");
     EXPECT_EQ(facade.handleDoubleAuthTimeout(second).failCode, 42);
 
     const std::string third = presentCard().doubleAuthPendingId;
     EXPECT_EQ(third, "double-3");
-    const AuthResponse cancelled = facade.cancelDoubleAuth(third, "walked away");
-    EXPECT_EQ(cancelled.result, FAILED);
-    EXPECT_EQ(cancelled.failCode, 0);
-    EXPECT_EQ(cancelled.reason, "walked away");
-    EXPECT_EQ(facade.authenticate(pin("pin-alice")).failCode, 40);
+    EXPECT_EQ(reportLine(facade.cancelDoubleAuth(third, "walked away")),
+              "FAILED 0 'walked away' [] []");
+    EXPECT_EQ(pin("pin-alice"), "FAILED 40 '' [] []");
 }
 
 TEST_F(DoubleAuthEndToEnd, ControlNeedsTheDoubleAuthProcessorTheChainRuns) {
     auto expectUnavailable = [this](const char* when) {
-        const AuthResponse timeout = facade.handleDoubleAuthTimeout("double-1");
-        const AuthResponse cancel = facade.cancelDoubleAuth("double-1", "x");
-        for (const AuthResponse& response : {timeout, cancel}) {
-            EXPECT_EQ(response.result, FAILED) << when;
-            EXPECT_EQ(response.failCode, 0) << when;
-            EXPECT_EQ(response.reason, "DoubleAuth processor not available") << when;
+        for (const AuthResponse& response : {facade.handleDoubleAuthTimeout("double-1"),
+                                             facade.cancelDoubleAuth("double-1", "x")}) {
+            EXPECT_EQ(reportLine(response), "FAILED 0 'DoubleAuth processor not available' [] []")
+                << when;
         }
     };
     presentCard();

@@ -4,6 +4,8 @@
 // Records completion callbacks; tests wait for them instead of sleeping.
 #pragma once
 
+#include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <memory>
@@ -25,15 +27,45 @@ public:
     };
 
     /// A callback that records into this recorder. The recorder must outlive every call of it.
-    AuthCallback callback();
+    AuthCallback callback() {
+        return [this](const std::string& requestId, const AuthResponse& response,
+                      const AuthContext& context) {
+            std::lock_guard<std::mutex> guard(mutex);
+            calls.push_back(Call{requestId, response, context});
+            arrived.notify_all();
+        };
+    }
     /// Waits until at least `count` calls arrived; false on timeout.
-    bool waitFor(std::size_t count, int timeoutMs = 5000);
-    std::size_t count();
-    Call at(std::size_t index);
-    std::vector<Call> all();
+    bool waitFor(std::size_t count, int timeoutMs = 5000) {
+        std::unique_lock<std::mutex> guard(mutex);
+        return arrived.wait_for(guard, std::chrono::milliseconds(timeoutMs),
+                                [&] { return calls.size() >= count; });
+    }
+    std::size_t count() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return calls.size();
+    }
+    Call at(std::size_t index) {
+        std::lock_guard<std::mutex> guard(mutex);
+        return calls.at(index);
+    }
+    std::vector<Call> all() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return calls;
+    }
     /// Calls whose id equals `requestId`.
-    std::vector<Call> forId(const std::string& requestId);
-    void clear();
+    std::vector<Call> forId(const std::string& requestId) {
+        std::vector<Call> matching = all();
+        matching.erase(
+            std::remove_if(matching.begin(), matching.end(),
+                           [&](const Call& call) { return call.requestId != requestId; }),
+            matching.end());
+        return matching;
+    }
+    void clear() {
+        std::lock_guard<std::mutex> guard(mutex);
+        calls.clear();
+    }
 
 private:
     std::mutex mutex;

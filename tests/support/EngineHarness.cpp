@@ -3,9 +3,13 @@
 
 #include "support/EngineHarness.h"
 
+#include <algorithm>
 #include <chrono>
+#include <map>
 #include <thread>
 #include <utility>
+
+#include "auth_engine/AuthLogger.h"
 
 namespace auth_engine {
 namespace testing {
@@ -29,12 +33,10 @@ std::vector<AuthContext> ScriptedProcessor::seen() {
 }
 
 std::vector<AuthContext> ScriptedProcessor::resumed() {
-    std::vector<AuthContext> out;
-    for (const AuthContext& context : seen()) {
-        if (!context.pendingProcessor.empty()) {
-            out.push_back(context);
-        }
-    }
+    std::vector<AuthContext> out = seen();
+    out.erase(std::remove_if(out.begin(), out.end(),
+                             [](const AuthContext& c) { return c.pendingProcessor.empty(); }),
+              out.end());
     return out;
 }
 
@@ -43,10 +45,8 @@ AuthResult askOnce(const AuthContext& context) {
 }
 
 void Latch::arrive() {
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        ++entered;
-    }
+    std::lock_guard<std::mutex> lock(mutex);
+    ++entered;
     changed.notify_all();
 }
 
@@ -70,10 +70,8 @@ bool Latch::waitEntered(std::size_t count, int timeoutMs) {
 }
 
 void Latch::open() {
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        opened = true;
-    }
+    std::lock_guard<std::mutex> lock(mutex);
+    opened = true;
     changed.notify_all();
 }
 
@@ -100,12 +98,21 @@ AuthContext tempKeyAnswer(const std::string& key) {
     return update;
 }
 
+std::string reportLine(const AuthResponse& response) {
+    std::string line = std::string(AuthLogger::authResultToString(response.result)) + " " +
+                       std::to_string(response.failCode) + " '" + response.reason + "' [" +
+                       joinRelayVector(response.openedRelays) + "] [" +
+                       joinRelayVector(response.failedRelays) + "]";
+    for (const AuthTarget& target : response.targets) {
+        line += " >" + target.relay;
+    }
+    return line;
+}
+
 void expectFailed(const AuthResponse& response, int failCode, const std::string& reason) {
-    EXPECT_EQ(response.result, FAILED);
-    EXPECT_EQ(response.failCode, failCode);
-    EXPECT_EQ(response.reason, reason);
-    EXPECT_TRUE(response.openedRelays.empty());
-    EXPECT_TRUE(response.targets.empty());
+    // Whatever relays failed, nothing opened and no target named.
+    EXPECT_EQ(reportLine(response), "FAILED " + std::to_string(failCode) + " '" + reason +
+                                        "' [] [" + joinRelayVector(response.failedRelays) + "]");
 }
 
 void expectRelays(const AuthResponse& response, const Relays& opened, const Relays& failed) {
@@ -119,8 +126,16 @@ void expectNothingParked(AuthEngine& engine) {
     EXPECT_EQ(engine.subRequestCount(), 0u);
 }
 
-bool EngineHarness::start() {
-    return engine.init(host) == 0;
+void expectCalledBackOnce(CallbackRecorder& recorder, const std::vector<std::string>& ids) {
+    std::map<std::string, int> calls;
+    for (const auto& call : recorder.all()) {
+        ++calls[call.requestId];
+    }
+    EXPECT_FALSE(ids.empty());
+    EXPECT_EQ(recorder.count(), ids.size());
+    for (const auto& id : ids) {
+        EXPECT_EQ(calls[id], 1) << id;
+    }
 }
 
 std::shared_ptr<ScriptedProcessor> EngineHarness::use(const std::string& name,
@@ -142,14 +157,6 @@ void EngineHarness::chain(const std::vector<std::shared_ptr<IAuthProcessor>>& pr
 void EngineHarness::configure(const std::function<void(FakeDataProvider&)>& change) {
     const auto lock = host->lock();
     change(*host);
-}
-
-AuthResponse EngineHarness::run(const std::string& id, const AuthRequest& request) {
-    return engine.authenticate(request, recorder.callback(), id);
-}
-
-std::string EngineHarness::submit(const AuthRequest& request) {
-    return engine.authenticateAsync(request, recorder.callback());
 }
 
 void EngineHarness::answer(const std::string& id, AuthResult result, int failCode,

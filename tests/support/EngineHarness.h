@@ -82,26 +82,35 @@ AuthResponse responseOf(AuthResult result, int failCode = 0, int remoteFailCode 
 /// A host answer context carrying a temporary key's validation data.
 AuthContext tempKeyAnswer(const std::string& key);
 
+/// A report in one line: "RESULT failCode 'reason' [opened] [failed]", then " >relay" for each
+/// target.
+std::string reportLine(const AuthResponse& response);
 /// FAILED with this code and reason, and nothing opened or actuated.
 void expectFailed(const AuthResponse& response, int failCode, const std::string& reason);
 /// The relays a report opened and the ones it failed.
 void expectRelays(const AuthResponse& response, const Relays& opened, const Relays& failed);
 void expectNothingParked(AuthEngine& engine);
+/// Each of `ids` (at least one) was called back exactly once, and nothing else was.
+void expectCalledBackOnce(CallbackRecorder& recorder, const std::vector<std::string>& ids);
 
 /// An engine on the fake host. Members are declared so that the engine, and with it its worker,
 /// goes first: the recorder and the clock outlive every callback.
 class EngineHarness {
 public:
     /// init with `host`; false when it fails.
-    bool start();
+    bool start() { return engine.init(host) == 0; }
     /// Registers a scripted processor and makes it the whole chain.
     std::shared_ptr<ScriptedProcessor> use(const std::string& name, ScriptedProcessor::Fn decide);
     /// Registers the processors and chains them in this order.
     void chain(const std::vector<std::shared_ptr<IAuthProcessor>>& processors);
     /// Changes the scripted host data under its lock (the worker may read it at any time).
     void configure(const std::function<void(FakeDataProvider&)>& change);
-    AuthResponse run(const std::string& id, const AuthRequest& request = AuthRequest());
-    std::string submit(const AuthRequest& request);
+    AuthResponse run(const std::string& id, const AuthRequest& request = AuthRequest()) {
+        return engine.authenticate(request, recorder.callback(), id);
+    }
+    std::string submit(const AuthRequest& request) {
+        return engine.authenticateAsync(request, recorder.callback());
+    }
     /// Delivers a host answer and waits for the engine to settle.
     void answer(const std::string& id, AuthResult result, int failCode = 0,
                 const AuthContext& update = AuthContext());
@@ -111,6 +120,7 @@ public:
     /// The one report recorded for `id`; a failure, and a default response, unless there is exactly
     /// one.
     AuthResponse onlyReport(const std::string& id);
+    std::string reportOf(const std::string& id) { return reportLine(onlyReport(id)); }
     /// Request ids of the recorded callbacks, in order.
     std::vector<std::string> calledIds();
 

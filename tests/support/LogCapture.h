@@ -4,28 +4,52 @@
 // Captures the library's log lines for the lifetime of the object (restores syslog afterwards).
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "auth_engine/AuthLogger.h"
 
 namespace auth_engine {
 namespace testing {
 
 class LogCapture {
 public:
-    LogCapture();
-    ~LogCapture();
+    LogCapture() {
+        AuthLogger::setSink([this](int priority, const std::string& line) {
+            std::lock_guard<std::mutex> guard(mutex);
+            captured.push_back(line);
+            levels.push_back(priority);
+        });
+    }
+    ~LogCapture() { AuthLogger::setSink(nullptr); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    std::vector<std::string> lines();
+    std::vector<std::string> lines() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return captured;
+    }
     /// True when some line contains `text`.
-    bool contains(const std::string& text);
+    bool contains(const std::string& text) { return count(text) > 0; }
     /// Number of lines that contain `text`.
-    int count(const std::string& text);
+    int count(const std::string& text) {
+        const std::vector<std::string> all = lines();
+        return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const std::string& line) {
+            return line.find(text) != std::string::npos;
+        }));
+    }
     /// Priorities seen, one per line.
-    std::vector<int> priorities();
-    void clear();
+    std::vector<int> priorities() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return levels;
+    }
+    void clear() {
+        std::lock_guard<std::mutex> guard(mutex);
+        captured.clear();
+        levels.clear();
+    }
 
 private:
     std::mutex mutex;
