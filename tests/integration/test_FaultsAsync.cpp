@@ -547,7 +547,7 @@ TEST_F(FaultsAsync, ResetFromAnotherThreadWhileAttemptsRunCallsEverySubmissionBa
             EXPECT_LE(++phaseCalls[call.requestId], 1) << call.requestId;
         }
         // A synchronous chain still inside the engine during the reset is covered on its own
-        // (FastPathsAndReset); what the worker and the host's answers touch must all be gone.
+        // (EngineAsyncWorker); what the worker and the host's answers touch must all be gone.
         EXPECT_EQ(engine.parkedPhaseCount(), 0u);
         EXPECT_EQ(engine.subRequestCount(), 0u);
         EXPECT_TRUE(submitCard("card-2").empty());
