@@ -16,10 +16,9 @@
 // with duress codes on, a duress code decides exactly as the user's own code does.
 #include <algorithm>
 #include <atomic>
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <initializer_list>
 #include <map>
 #include <memory>
@@ -27,6 +26,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FuzzInput.h"
@@ -45,45 +45,41 @@ namespace {
 using testing::CallbackRecorder;
 using testing::FakeDataProvider;
 using testing::TestClock;
+using Question = FakeDataProvider::Question;
+using Lock = std::lock_guard<std::mutex>;
 
 constexpr int kIdleWaitMs = 30000;
 constexpr int kMaxOperations = 40;
-const char* const kPhaseInfix = "_ind_";
 // A per-relay question's id: the request id, one of these, the relay.
 const char* const kApQuestion = "_ind_antipassback_ap_";
 const char* const kIlQuestion = "_ind_interlock_il_";
-
-/// What the engine appends to a request id for the phases it parks; a resume names one of the
-/// first five.
-const std::vector<std::string>& phaseSuffixes() {
-    static const std::vector<std::string> list = {"",
-                                                  "_ind_antipassback",
-                                                  "_ind_interlock",
-                                                  "_ind_parking",
-                                                  "_ind_unlock_options",
-                                                  "_ind_antipassback_ind_parking"};
-    return list;
-}
-
-const std::vector<std::string>& credentials() {
-    static const std::vector<std::string> list = {"c0", "c1", "c2", "c3", "p0",
-                                                  "l0", "k0", "r0", "",   "zz"};
-    return list;
-}
+// What the engine appends to a request id for the phases it parks; a resume names one of the
+// first five.
+const std::vector<std::string> kPhaseSuffixes = {"",
+                                                 "_ind_antipassback",
+                                                 "_ind_interlock",
+                                                 "_ind_parking",
+                                                 "_ind_unlock_options",
+                                                 "_ind_antipassback_ind_parking"};
+const std::vector<std::string> kCredentials = {"c0", "c1", "c2", "c3", "p0",
+                                               "l0", "k0", "r0", "",   "zz"};
+const std::vector<std::string> kFaultyOperations = {"getUserByCredential",  "getAuthConfig",
+                                                    "getRelaySchedules",    "getHolidays",
+                                                    "getLockedDownRelays",  "isRelayHolidayExempt",
+                                                    "requestTempKey",       "getTempKeyUser",
+                                                    "requestAntiPassback",  "requestInterlock",
+                                                    "requestParking",       "onAuthResult",
+                                                    "checkBleOpenInterval", "callback",
+                                                    "getUserByDuressCode",  "onDuress",
+                                                    "onGuessLockout"};
 
 /// The request id a report or question belongs to: its id up to the first phase infix.
 std::string rootOf(const std::string& id) {
-    const std::size_t infix = id.find(kPhaseInfix);
-    return infix == std::string::npos ? id : id.substr(0, infix);
+    return id.substr(0, id.find("_ind_"));
 }
 
-bool passesAntiPassback(int result) {
-    return result == SUCCESS || result == CONTINUE;
-}
-
-bool passesStrictly(int result) {
-    return result == SUCCESS;
-}
+const auto passesAntiPassback = [](int result) { return result == SUCCESS || result == CONTINUE; };
+const auto passesStrictly = [](int result) { return result == SUCCESS; };
 
 /// Sets each of `members` from one bit of `bits`, the first from the lowest.
 template <typename T>
@@ -94,49 +90,11 @@ void setFromBits(T& object, unsigned bits, std::initializer_list<bool T::*> memb
     }
 }
 
-/// What the harness told the engine, per routed id: every result delivered, and for per-relay
-/// questions the result that decided it (the first one delivered while the question was still
-/// registered: the engine records that one and drops later ones).
-class AnswerLog {
-public:
-    void record(const std::string& id, int result, bool decisive) {
-        std::lock_guard<std::mutex> guard(mutex);
-        delivered[id].push_back(result);
-        if (decisive) {
-            decided.emplace(id, result);
-        }
-    }
-
-    bool anyPassing(const std::string& id, bool (*passing)(int)) {
-        std::lock_guard<std::mutex> guard(mutex);
-        const auto found = delivered.find(id);
-        return found != delivered.end() &&
-               std::any_of(found->second.begin(), found->second.end(), passing);
-    }
-
-    /// The question's call threw after the host answered it: the answer must not count.
-    void threw(const std::string& id) {
-        std::lock_guard<std::mutex> guard(mutex);
-        thrown.insert(id);
-    }
-
-    /// Some answer passed, and so did the deciding one if the question was decided; and the call
-    /// that asked did not throw after an inline answer.
-    bool passed(const std::string& id, bool (*passing)(int)) {
-        if (!anyPassing(id, passing)) {
-            return false;
-        }
-        std::lock_guard<std::mutex> guard(mutex);
-        const auto found = decided.find(id);
-        return thrown.count(id) == 0 && (found == decided.end() || passing(found->second));
-    }
-
-private:
-    std::mutex mutex;
-    std::map<std::string, std::vector<int>> delivered;
-    std::map<std::string, int> decided;
-    std::set<std::string> thrown;
-};
+AuthResponse responseOf(AuthResult result) {
+    AuthResponse response;
+    response.result = result;
+    return response;
+}
 
 /// What host code does when it calls back into the engine from inside an operation or a callback.
 enum class Reentry { NONE, RESET, SUBMIT, ANSWER_JUNK, ANSWER_LATEST, SWEEP, SETTLE, INIT, VERIFY };
@@ -145,35 +103,14 @@ enum class Reentry { NONE, RESET, SUBMIT, ANSWER_JUNK, ANSWER_LATEST, SWEEP, SET
 /// completion callbacks), call back in as `reentry` says, then throw if `throws`.
 struct HostFault {
     std::string operation;
-    int call = 0;
-    Reentry reentry = Reentry::NONE;
-    bool throws = false;
-};
-
-const std::vector<std::string>& faultyOperations() {
-    static const std::vector<std::string> list = {"getUserByCredential",  "getAuthConfig",
-                                                  "getRelaySchedules",    "getHolidays",
-                                                  "getLockedDownRelays",  "isRelayHolidayExempt",
-                                                  "requestTempKey",       "getTempKeyUser",
-                                                  "requestAntiPassback",  "requestInterlock",
-                                                  "requestParking",       "onAuthResult",
-                                                  "checkBleOpenInterval", "callback",
-                                                  "getUserByDuressCode",  "onDuress",
-                                                  "onGuessLockout"};
-    return list;
-}
-
-struct RelayChoice {
-    std::string optionsId;
-    Relays offered;
+    int call;
+    Reentry reentry;
+    bool throws;
 };
 
 class Harness {
 public:
-    explicit Harness(FuzzInput& in)
-        : in(in),
-          provider(std::make_shared<FakeDataProvider>()),
-          engine(std::make_shared<AuthEngine>(numbers)) {}
+    explicit Harness(FuzzInput& in) : in(in) {}
 
     ~Harness() {
         {
@@ -191,8 +128,7 @@ public:
             operate();
             FUZZ_CHECK(engine->waitForIdle(kIdleWaitMs), "engine did not become idle");
             FUZZ_CHECK(engine->guessReaderCount() <= GuessGuard::READER_SLOTS,
-                       "guessing protection tracks " + std::to_string(engine->guessReaderCount()) +
-                           " readers");
+                       "guessing protection outgrew its table");
             collectIds();
         }
         drain();
@@ -211,8 +147,7 @@ private:
         }
         static const std::vector<std::string> ids = {"1", "2", "3", "9"};
         std::string text;
-        const int entries = in.range(0, 3);
-        for (int i = 0; i < entries; ++i) {
+        for (int i = 0, entries = in.range(0, 3); i < entries; ++i) {
             const std::string& id = in.pick(ids);
             text += (i == 0 ? "" : ";") + id + "-" + joinRelayVector(relaysFrom(in, 3));
         }
@@ -221,16 +156,15 @@ private:
 
     std::shared_ptr<ScheduleData> hostSchedule(const std::string& id) {
         std::shared_ptr<ScheduleData> schedule = scheduleFrom(in);
-        if (!schedule) {
-            return schedule;
-        }
-        if (in.range(0, 3) != 0) {
+        if (schedule && in.range(0, 3) != 0) {
             // Most schedules admit all day, so that attempts reach the later checks.
             schedule->type = 1;
             schedule->startTime = "00:00:00";
             schedule->endTime = "23:59:59";
         }
-        schedule->scheduleId = id;
+        if (schedule) {
+            schedule->scheduleId = id;
+        }
         return schedule;
     }
 
@@ -265,18 +199,18 @@ private:
         static const std::vector<int> forbiddenTypes = {1, 4, 9, 13, 15, 16, 17};
         for (std::size_t i = 0; i < 6; ++i) {
             const std::string& relay = relayPool()[i];
-            const uint8_t bits = in.byte();
+            const unsigned bits = in.byte();
             if ((bits & 7) != 0) {  // with bit 4 alone: listed, direction 0
-                config.antiPassbackRelayMap[relay] = bits & 3;
+                config.antiPassbackRelayMap[relay] = static_cast<int>(bits & 3);
             }
             if ((bits & 8) != 0) {
                 config.interlockRelayMap[relay] = (bits & 16) != 0;
             }
-            if ((bits & 32) != 0) {
-                provider->lockedDownRelays.insert(relay);
-            }
-            if ((bits & 64) != 0) {
-                provider->offlineRelays.insert(relay);
+            for (const auto& set : {std::make_pair(32U, &provider->lockedDownRelays),
+                                    std::make_pair(64U, &provider->offlineRelays)}) {
+                if ((bits & set.first) != 0) {
+                    set.second->insert(relay);
+                }
             }
             if ((bits & 128) != 0) {
                 provider->forbiddenRelays[in.pick(forbiddenTypes)].insert(relay);
@@ -286,15 +220,17 @@ private:
             }
         }
 
+        // Duress codes "d0".."d3" stand for the users of cards "c0".."c3".
         const int64_t now = clock.wall();
         for (int i = 0; i < 4; ++i) {
+            const std::string n = std::to_string(i);
             UserData user;
             user.userType = in.range(0, 3);
-            user.userName = "user " + std::to_string(i);
-            user.userId = in.range(0, 7) == 0 ? std::string() : "u" + std::to_string(i);
+            user.userName = "user " + n;
+            user.userId = in.range(0, 7) == 0 ? std::string() : "u" + n;
             user.scheduleRelay = scheduleRelayText();
-            user.holidayKey = "h" + std::to_string(i);
-            user.userTargetId = in.range(0, 3) == 0 ? "T" + std::to_string(i) : std::string();
+            user.holidayKey = "h" + n;
+            user.userTargetId = in.range(0, 3) == 0 ? "T" + n : std::string();
             user.lockdownBypass = in.range(0, 3) == 0 ? 1 : 0;
             user.holidayExempt = in.range(0, 3) == 0 ? 1 : 0;
             user.ownerKind = in.range(0, 2);
@@ -302,10 +238,10 @@ private:
                 user.validTimeStart = now - in.range(-20, 200);
                 user.validTimeEnd = now + in.range(-20, 4000);
             }
-            provider->users["c" + std::to_string(i)] = user;
+            provider->users["c" + n] = provider->duressCodes["d" + n] = user;
         }
-        for (int i = 0; i < 3; ++i) {
-            provider->schedules.push_back(hostSchedule(std::to_string(i + 1)));
+        for (int i = 1; i <= 3; ++i) {
+            provider->schedules.push_back(hostSchedule(std::to_string(i)));
         }
         if (in.range(0, 3) == 0) {
             HolidayData holiday;
@@ -333,11 +269,10 @@ private:
             provider->httpConfig = HttpOpenConfig{in.flag(), "admin", "secret"};
         }
         if (in.flag()) {
-            DtmfConfig dtmf;
+            DtmfConfig& dtmf = provider->dtmfConfig.emplace();
             dtmf.enabled = in.range(0, 3) != 0;
             dtmf.codeRelays["123"] = relaysFrom(in, 3);
             dtmf.whitelistRequired = in.flag();
-            provider->dtmfConfig = dtmf;
             provider->dtmfWhitelist["555"] = DtmfWhitelistResult{in.flag(), "per1", "caller"};
             if (in.flag()) {
                 provider->dtmfUsers["555"] = provider->users["c0"];
@@ -353,26 +288,18 @@ private:
         provider->bleAllowed = in.range(0, 3) != 0;
         provider->parkingOffline = in.range(0, 3) == 0;
 
-        // Inline answers, given from inside the question: none, passing, failing, CONTINUE, or
-        // one of the faults of installHook.
         for (FakeDataProvider::QuestionHook* hook :
              {&provider->answerAntiPassback, &provider->answerInterlock, &provider->answerParking,
               &provider->answerTempKey}) {
             installHook(*hook, in.range(0, 7));
         }
-
-        // Host faults on chosen calls, with what re-entry needs prepared now: the hooks run on the
-        // worker, which must not read the input.
+        // What re-entry needs is prepared now: the hooks run on the worker, which must not read
+        // the input.
         for (int i = in.range(0, 3); i > 0; --i) {
-            HostFault fault;
-            fault.operation = in.pick(faultyOperations());
-            fault.call = in.range(1, 4);
-            fault.reentry = static_cast<Reentry>(in.range(0, 8));
-            fault.throws = in.flag();
-            faults.push_back(fault);
+            faults.push_back(HostFault{in.pick(kFaultyOperations), in.range(1, 4),
+                                       static_cast<Reentry>(in.range(0, 8)), in.flag()});
         }
-        // Guessing protection on in most runs, with small limits so that lockouts happen; duress
-        // codes "d0".."d3" stand for the users of cards "c0".."c3".
+        // Guessing protection on in most runs, with small limits so that lockouts happen.
         if (in.range(0, 3) != 0) {
             config.guessLimit = in.range(1, 4);
             config.guessWindowSeconds = in.range(0, 60);
@@ -380,10 +307,6 @@ private:
             config.guessCountsCards = in.flag();
         }
         config.duressEnabled = in.flag();
-        for (int i = 0; i < 4; ++i) {
-            provider->duressCodes["d" + std::to_string(i)] =
-                provider->users["c" + std::to_string(i)];
-        }
 
         reentrantRequest = requestFrom();
         junkAnswerId = "req_" + std::to_string(in.range(0, 9)) + "_1736942400" +
@@ -398,13 +321,11 @@ private:
     void onHostCall(const std::string& operation) {
         std::vector<HostFault> due;
         {
-            std::lock_guard<std::mutex> guard(faultMutex);
+            Lock guard(mutex);
             const int call = ++hostCalls[operation];
-            for (const HostFault& fault : faults) {
-                if (fault.operation == operation && fault.call == call) {
-                    due.push_back(fault);
-                }
-            }
+            std::copy_if(
+                faults.begin(), faults.end(), std::back_inserter(due),
+                [&](const HostFault& f) { return f.operation == operation && f.call == call; });
         }
         faultsFired += static_cast<int>(due.size());
         for (const HostFault& fault : due) {
@@ -418,67 +339,42 @@ private:
     }
 
     void reenter(Reentry reentry, bool maybeUnderLock) {
-        switch (reentry) {
-            case Reentry::RESET:
-                resetEngine(maybeUnderLock);
-                break;
-            case Reentry::SUBMIT:
-                accept([&] { return engine->authenticateAsync(reentrantRequest, callback()); });
-                break;
-            case Reentry::ANSWER_JUNK:
-                engine->handleAsyncResponse(junkAnswerId, SUCCESS, responseOf(SUCCESS),
-                                            AuthContext());
-                break;
-            case Reentry::ANSWER_LATEST: {
+        const AuthRequest& request = reentrantRequest;
+        const std::function<void()> actions[] = {
+            [] {},
+            [&] { resetEngine(maybeUnderLock); },
+            [&] { accept([&] { return engine->authenticateAsync(request, callback()); }); },
+            [&] { engine->handleAsyncResponse(junkAnswerId, SUCCESS, responseOf(SUCCESS), {}); },
+            [&] {
                 const auto asked = provider->questions();
                 if (!asked.empty()) {
                     deliver(asked.back(), responseOf(SUCCESS), AuthContext());
                 }
-                break;
-            }
-            case Reentry::SWEEP:
-                engine->checkAllPendingTimeouts();
-                break;
-            case Reentry::SETTLE:
-                engine->settle(0);
-                break;
-            case Reentry::INIT:
-                engine->init(provider);
-                break;
-            case Reentry::VERIFY:
+            },
+            [&] { engine->checkAllPendingTimeouts(); },
+            [&] { engine->settle(0); },
+            [&] { engine->init(provider); },
+            [&] {
                 accept([&] {
-                    return engine->verifyInterlockTargets(reentrantRequest, {{0, "1"}}, callback());
+                    return engine->verifyInterlockTargets(request, {{0, "1"}}, callback());
                 });
-                break;
-            case Reentry::NONE:
-                break;
-        }
-    }
-
-    static AuthResponse responseOf(AuthResult result) {
-        AuthResponse response;
-        response.result = result;
-        return response;
+            }};
+        actions[static_cast<int>(reentry)]();
     }
 
     /// The completion callback of every request: it records, then may commit a host fault.
     AuthCallback callback() {
-        const AuthCallback record = recorder.callback();
-        return [this, record](const std::string& id, const AuthResponse& response,
-                              const AuthContext& context) {
-            record(id, response, context);
-            onHostCall("callback");
-        };
+        return
+            [this, record = recorder.callback()](
+                const std::string& id, const AuthResponse& response, const AuthContext& context) {
+                record(id, response, context);
+                onHostCall("callback");
+            };
     }
 
-    /// Notes an answer about to be given under `id`: whether it decides (its question is open), and
-    /// that a DROPPED answer may end its request without a word.
-    void noteAnswer(const std::string& id, int result) {
-        answers.record(id, result, engine->questionOpen(id));
-        if (result == DROPPED) {
-            std::lock_guard<std::mutex> guard(faultMutex);
-            silent.insert(rootOf(id));
-        }
+    void markSilent(const std::string& id) {
+        Lock guard(mutex);
+        silent.insert(id);
     }
 
     /// Resets the engine. A parked chain vanishes at a reset without a word, by design: requests
@@ -486,35 +382,34 @@ private:
     void resetEngine(bool maybeUnderLock) {
         ++resets;
         std::set<std::string> heard;
-        if (maybeUnderLock) {
-            for (const auto& call : recorder.all()) {
-                heard.insert(rootOf(call.requestId));
-            }
+        for (const auto& call :
+             maybeUnderLock ? recorder.all() : std::vector<CallbackRecorder::Call>()) {
+            heard.insert(rootOf(call.requestId));
         }
         std::vector<std::string> maybeParked;
         {
-            std::lock_guard<std::mutex> guard(faultMutex);
+            Lock guard(mutex);
             maybeParked = accepted;
         }
         AuthEngine::AsyncContext parked;
         for (const std::string& id : maybeParked) {
             if (maybeUnderLock ? heard.count(id) == 0 : engine->peekParkedChain(id, parked)) {
-                std::lock_guard<std::mutex> guard(faultMutex);
-                silent.insert(id);
+                markSilent(id);
             }
         }
         engine->reset();
     }
 
-    /// Accepts the request `submit` makes: it must hear back. A reset that ran while it was
-    /// being submitted may have found it parked before it could be noted.
+    /// Accepts the request `submit` makes: it must hear back, and its id is new. A reset that ran
+    /// while it was being submitted may have found it parked before it could be noted.
     template <typename Submit>
     std::string accept(Submit&& submit) {
         const int resetsBefore = resets;
         const std::string id = submit();
         if (!id.empty()) {
-            std::lock_guard<std::mutex> guard(faultMutex);
-            FUZZ_CHECK(issued.insert(id).second, "request id " + id + " issued twice");
+            Lock guard(mutex);
+            FUZZ_CHECK(std::find(accepted.begin(), accepted.end(), id) == accepted.end(),
+                       "request id " + id + " issued twice");
             accepted.push_back(id);
             if (resets != resetsBefore) {
                 silent.insert(id);
@@ -526,51 +421,36 @@ private:
     /// One of the four users' cards.
     std::string cardFrom() { return "c" + std::to_string(in.range(0, 3)); }
 
-    /// Modes: 1 passing, 2 failing, 3 CONTINUE; 4 passing, then the call throws; 5 failing,
-    /// then passing (answered twice); 6 a passing answer under a wrong id, then failing; 7
-    /// passing, then host code resets the engine from inside the question.
+    /// Inline answers, given from inside the question. Modes: 1 passing, 2 failing, 3 CONTINUE;
+    /// 4 passing, then the call throws; 5 failing, then passing (answered twice); 6 a passing
+    /// answer under a wrong id, then failing; 7 passing, then host code resets the engine from
+    /// inside the question.
     void installHook(FakeDataProvider::QuestionHook& hook, int mode) {
+        static const std::vector<std::vector<AuthResult>> said = {
+            {}, {SUCCESS}, {FAILED}, {CONTINUE}, {SUCCESS}, {FAILED, SUCCESS}, {FAILED}, {SUCCESS}};
         if (mode == 0) {
             return;
         }
-        hook = [this, mode](FakeDataProvider::Question& question) {
-            const auto answer = [&](AuthResult result) {
-                AuthResponse response;
+        hook = [this, mode](Question& question) {
+            if (mode == 6) {
+                engine->handleAsyncResponse(routedId(question) + "9", SUCCESS, responseOf(SUCCESS),
+                                            AuthContext());
+            }
+            for (const AuthResult result : said[static_cast<std::size_t>(mode)]) {
+                AuthResponse response = responseOf(result);
                 AuthContext update;
-                response.result = result;
                 if (question.kind == "tempkey" && result != FAILED) {
                     update.tempKeyAuthData = std::make_shared<TempKeyAuthData>();
                     update.tempKeyAuthData->failCode = result == CONTINUE ? 7 : 0;
                 }
-                if (question.kind == "parking" && result == FAILED) {
-                    response.failCode = 23;
-                }
+                response.failCode = question.kind == "parking" && result == FAILED ? 23 : 0;
                 deliver(question, response, update);
-            };
-            switch (mode) {
-                case 1:
-                case 4:
-                case 7:
-                    answer(SUCCESS);
-                    break;
-                case 2:
-                case 6:
-                    if (mode == 6) {
-                        engine->handleAsyncResponse(routedId(question) + "9", SUCCESS,
-                                                    responseOf(SUCCESS), AuthContext());
-                    }
-                    answer(FAILED);
-                    break;
-                case 3:
-                    answer(CONTINUE);
-                    break;
-                default:
-                    answer(FAILED);
-                    answer(SUCCESS);
-                    break;
             }
             if (mode == 4) {
-                answers.threw(routedId(question));
+                {
+                    Lock guard(mutex);
+                    thrown.insert(routedId(question));  // the answer must not count
+                }
                 throw std::runtime_error("fuzz host: answered, then the call failed");
             }
             if (mode == 7) {
@@ -582,7 +462,7 @@ private:
     // ---- answers ----
 
     /// The id the engine routes a question's answer under.
-    static std::string routedId(const FakeDataProvider::Question& question) {
+    static std::string routedId(const Question& question) {
         if (question.kind == "antipassback" || question.kind == "interlock") {
             return question.requestId + (question.kind == "antipassback" ? "_ap_" : "_il_") +
                    question.relay;
@@ -591,17 +471,44 @@ private:
         return question.requestId.empty() ? question.handle : question.requestId;
     }
 
-    /// Answers a question through the callback the engine handed over, noting what was said and
-    /// whether it was the answer that decides (the question was still open). Ids are never issued
-    /// twice, so answers to questions from before a reset are noted harmlessly under their own.
-    void deliver(const FakeDataProvider::Question& question, const AuthResponse& response,
-                 const AuthContext& update) {
-        if (!question.callback) {
-            return;
+    /// Notes an answer about to be given under `id`: whether it decides (its question is still
+    /// open: the engine records that one and drops later ones), and that a DROPPED answer may end
+    /// its request without a word. Ids are never issued twice, so answers to questions from before
+    /// a reset are noted harmlessly under their own.
+    void noteAnswer(const std::string& id, int result) {
+        const bool decisive = engine->questionOpen(id);
+        Lock guard(mutex);
+        delivered[id].push_back(result);
+        if (decisive) {
+            decided.emplace(id, result);
         }
-        const std::string routed = routedId(question);
-        noteAnswer(routed, response.result);
-        question.callback(question.handle, response, update);
+        if (result == DROPPED) {
+            silent.insert(rootOf(id));
+        }
+    }
+
+    /// Answers a question through the callback the engine handed over.
+    void deliver(const Question& question, const AuthResponse& response,
+                 const AuthContext& update) {
+        if (question.callback) {
+            noteAnswer(routedId(question), response.result);
+            question.callback(question.handle, response, update);
+        }
+    }
+
+    bool anyPassing(const std::string& id, bool (*passing)(int)) {
+        Lock guard(mutex);
+        const std::vector<int>& results = delivered[id];
+        return std::any_of(results.begin(), results.end(), passing);
+    }
+
+    /// Some answer passed, and so did the deciding one if the question was decided; and the call
+    /// that asked did not throw after an inline answer.
+    bool passed(const std::string& id, bool (*passing)(int)) {
+        const bool any = anyPassing(id, passing);
+        Lock guard(mutex);
+        const auto found = decided.find(id);
+        return any && thrown.count(id) == 0 && (found == decided.end() || passing(found->second));
     }
 
     AuthResponse responseFrom() {
@@ -616,25 +523,17 @@ private:
                                                  IGNORED,
                                                  99};
         static const std::vector<int> failCodes = {0, 0, 5, 21, 23, 24, 44, -3};
-        AuthResponse response;
-        response.result = static_cast<AuthResult>(in.pick(results));
+        AuthResponse response = responseOf(static_cast<AuthResult>(in.pick(results)));
         response.failCode = in.pick(failCodes);
-        const uint8_t fields = in.byte();
-        if ((fields & 1) != 0) {
-            response.openedRelays = relaysFrom(in, 3);
-        }
-        if ((fields & 2) != 0) {
-            response.unlockOptionsRelays = relaysFrom(in, 3);
-        }
-        if ((fields & 4) != 0) {
-            response.relays = relaysFrom(in, 3);
-        }
-        if ((fields & 8) != 0) {
-            response.reason = in.bytes(8);
-        }
-        if ((fields & 16) != 0) {
-            response.targets = targetsFrom(in);
-        }
+        const unsigned fields = in.byte();
+        const auto relaysIf = [&](unsigned bit) {
+            return (fields & bit) != 0 ? relaysFrom(in, 3) : Relays();
+        };
+        response.openedRelays = relaysIf(1);
+        response.unlockOptionsRelays = relaysIf(2);
+        response.relays = relaysIf(4);
+        response.reason = (fields & 8) != 0 ? in.bytes(8) : std::string();
+        response.targets = (fields & 16) != 0 ? targetsFrom(in) : std::vector<AuthTarget>();
         if ((fields & 32) != 0) {
             response.asyncType = in.flag() ? "antipassback" : "x";
             response.unlockOptionsId = "options";
@@ -671,10 +570,10 @@ private:
         AuthEngine::AsyncContext chain;
         AuthEngine::IndependentAsyncContext phase;
         for (const std::string& root : roots) {
-            for (const std::string& suffix : phaseSuffixes()) {
-                const std::string id = root + suffix;
-                if (engine->peekParkedChain(id, chain) || engine->peekParkedPhase(id, phase)) {
-                    live.push_back(id);
+            for (const std::string& suffix : kPhaseSuffixes) {
+                if (engine->peekParkedChain(root + suffix, chain) ||
+                    engine->peekParkedPhase(root + suffix, phase)) {
+                    live.push_back(root + suffix);
                 }
             }
             for (std::size_t i = 0; i < 6; ++i) {
@@ -698,11 +597,11 @@ private:
                 return in.pick(live);
             }
         }
+        static const std::vector<std::string> junk = {"", "req_", "req_0_0", "x", "double-1"};
         std::string root;
         if (!roots.empty() && in.range(0, 7) != 0) {
             root = in.pick(roots);
         } else {
-            static const std::vector<std::string> junk = {"", "req_", "req_0_0", "x", "double-1"};
             root = in.range(0, 3) == 0 ? in.bytes(10) : in.pick(junk);
         }
         const std::string& relay = in.pick(relayPool());
@@ -715,28 +614,17 @@ private:
     // ---- attempts ----
 
     /// The credential the host knows for an open type: a temporary key, a remote user, a device
-    /// PIN, or else a user's card.
+    /// PIN or a duress code, or else a user's card.
     std::string credentialOf(int openType) {
-        switch (openType) {
-            case OPEN_TYPE_TEMP_KEY:
-                return "k0";
-            case OPEN_TYPE_REMOTE_CONTROL:
-                return "r0";
-            case OPEN_TYPE_PIN:
-            case OPEN_TYPE_PIN_5:
-            case OPEN_TYPE_PIN_7:
-            case OPEN_TYPE_PIN_19:
-                switch (in.range(0, 3)) {
-                    case 0:
-                        return "p0";
-                    case 1:
-                        return "l0";
-                    default:
-                        return "d" + std::to_string(in.range(0, 3));
-                }
-            default:
-                return cardFrom();
+        if (openType == OPEN_TYPE_TEMP_KEY || openType == OPEN_TYPE_REMOTE_CONTROL) {
+            return openType == OPEN_TYPE_TEMP_KEY ? "k0" : "r0";
         }
+        if (openType != OPEN_TYPE_PIN && openType != OPEN_TYPE_PIN_5 &&
+            openType != OPEN_TYPE_PIN_7 && openType != OPEN_TYPE_PIN_19) {
+            return cardFrom();
+        }
+        const int kind = in.range(0, 3);
+        return kind == 0 ? "p0" : kind == 1 ? "l0" : "d" + std::to_string(in.range(0, 3));
     }
 
     AuthRequest requestFrom() {
@@ -752,20 +640,16 @@ private:
         if (userAttempt) {
             request.credential = cardFrom();
         } else if (in.range(0, 3) == 0) {
-            request.credential = in.range(0, 3) == 0 ? in.bytes(8) : in.pick(credentials());
+            request.credential = in.range(0, 3) == 0 ? in.bytes(8) : in.pick(kCredentials);
         } else {
             request.credential = credentialOf(request.openType);
         }
         request.readerType = static_cast<ReaderType>(in.range(0, 7) == 0 ? 5 : in.range(0, 2));
         request.timestamp = clock.wall();
         request.sourceCode = in.range(0, 7) == 0 ? SOURCE_CODE_QR : 0;
-        const uint8_t extras = in.byte();
-        if ((extras & 1) != 0) {
-            request.relays = relaysFrom(in, 3);
-        }
-        if ((extras & 2) != 0) {
-            request.targets = targetsFrom(in);
-        }
+        const unsigned extras = in.byte();
+        request.relays = (extras & 1) != 0 ? relaysFrom(in, 3) : Relays();
+        request.targets = (extras & 2) != 0 ? targetsFrom(in) : std::vector<AuthTarget>();
         // Data of the attempt's own kind is usually there; others' data only when a bit asks.
         const int openType = request.openType;
         const auto carries = [extras](bool itsKind, unsigned bit) {
@@ -792,9 +676,9 @@ private:
             request.inputData->targets = targetsFrom(in);
         }
         if (carries(openType == OPEN_TYPE_RELAY_KEY, 64)) {
-            request.relayKeyData = std::make_shared<RelayKeyAuthData>();
-            request.relayKeyData->scheduleIds = in.textFrom("0123;-", 8);
-            request.relayKeyData->targets = targetsFrom(in);
+            const std::string ids = in.textFrom("0123;-", 8);
+            request.relayKeyData =
+                std::make_shared<RelayKeyAuthData>(RelayKeyAuthData{ids, targetsFrom(in)});
         }
         if ((extras & 128) != 0) {
             request.virtualDoorExempt = in.flag();
@@ -820,8 +704,7 @@ private:
                 const AuthRequest request = requestFrom();
                 const int resetsBefore = resets;
                 const bool lockedOut = engine->readerLockedOut(request.readerType);
-                const AuthResponse response =
-                    engine->authenticate(request, AuthCallback(), std::string());
+                const AuthResponse response = engine->authenticate(request, {}, std::string());
                 checkRefusalCarriesNothing(response, "returned response");
                 // Only a reset clears a lockout, and only the harness moves the clocks.
                 FUZZ_CHECK(!lockedOut || resets != resetsBefore || response.result != SUCCESS,
@@ -850,14 +733,12 @@ private:
             }
             case 5:
             case 6: {  // answer one of the questions the host was asked
-                const std::vector<FakeDataProvider::Question> asked = provider->questions();
-                if (asked.empty()) {
-                    break;
+                const std::vector<Question> asked = provider->questions();
+                if (!asked.empty()) {
+                    const Question& question = in.pick(asked);
+                    const AuthResponse response = responseFrom();
+                    deliver(question, response, updateFrom());
                 }
-                const auto index =
-                    static_cast<std::size_t>(in.range(0, static_cast<int>(asked.size()) - 1));
-                const AuthResponse response = responseFrom();
-                deliver(asked[index], response, updateFrom());
                 break;
             }
             case 7: {  // an answer under a real or made-up id
@@ -868,34 +749,26 @@ private:
                 break;
             }
             case 8: {  // the user's relay choice, built as the facade builds it
-                std::string optionsId = "x_ind_unlock_options";
-                Relays offered = {"1", "2"};
+                std::pair<std::string, Relays> choice = {"x_ind_unlock_options", {"1", "2"}};
                 if (!choices.empty() && in.range(0, 7) != 0) {
-                    const RelayChoice& choice = in.pick(choices);
-                    optionsId = choice.optionsId;
-                    offered = choice.offered;
+                    choice = in.pick(choices);
                 }
                 Relays selected;
-                for (const std::string& relay : offered) {
-                    if (in.flag()) {
-                        selected.push_back(relay);
-                    }
-                }
+                std::copy_if(choice.second.begin(), choice.second.end(),
+                             std::back_inserter(selected),
+                             [this](const std::string&) { return in.flag(); });
                 if (in.range(0, 3) == 0) {
                     const Relays extra = relaysFrom(in, 2);
                     selected.insert(selected.end(), extra.begin(), extra.end());
                 }
-                AuthResponse response;
-                response.unlockOptionsId = optionsId;
-                if (!selected.empty()) {
-                    response.result = SUCCESS;
-                    response.unlockOptionsRelays = selected;
-                } else {
-                    response.result = FAILED;
+                AuthResponse response = responseOf(selected.empty() ? FAILED : SUCCESS);
+                response.unlockOptionsId = choice.first;
+                response.unlockOptionsRelays = selected;
+                if (selected.empty()) {
                     response.failCode = 44;
                     response.reason = "User canceled relay selection";
                 }
-                engine->handleAsyncResponse(optionsId, response.result, response, AuthContext());
+                engine->handleAsyncResponse(choice.first, response.result, response, {});
                 break;
             }
             case 9: {  // time passes (or the wall clock is set back)
@@ -916,8 +789,7 @@ private:
                     engine->resumeAuthentication(in.pick(live));
                 } else if (!roots.empty()) {
                     const std::string& root = in.pick(roots);
-                    const auto suffix = static_cast<std::size_t>(in.range(0, 4));
-                    engine->resumeAuthentication(root + phaseSuffixes()[suffix]);
+                    engine->resumeAuthentication(root + kPhaseSuffixes[in.range(0, 4)]);
                 }
                 break;
             }
@@ -966,27 +838,25 @@ private:
         const int faultsBefore = faultsFired;
         AuthRequest own = request;
         own.credential = "c" + code.substr(1);
-        const AuthResponse plain = engine->authenticate(own, AuthCallback(), std::string());
+        const AuthResponse plain = engine->authenticate(own, {}, std::string());
         checkRefusalCarriesNothing(plain, "returned response");
         if (resets != resetsBefore || faultsFired != faultsBefore) {
             return;
         }
+        const auto sorted = [](Relays relays) {
+            std::sort(relays.begin(), relays.end());
+            return relays;
+        };
         const std::string what = "duress " + code + " result " + std::to_string(duress.result) +
-                                 " opened " + joinForDetail(duress.openedRelays) +
-                                 ", own code result " + std::to_string(plain.result) + " opened " +
+                                 " opened " + joinForDetail(duress.openedRelays) + ", own code " +
+                                 std::to_string(plain.result) + " opened " +
                                  joinForDetail(plain.openedRelays);
-        FUZZ_CHECK(duress.result == plain.result && duress.failCode == plain.failCode, what);
-        FUZZ_CHECK(
-            sortedCopy(duress.openedRelays) == sortedCopy(plain.openedRelays) &&
-                sortedCopy(duress.unlockOptionsRelays) == sortedCopy(plain.unlockOptionsRelays),
-            what);
+        FUZZ_CHECK(duress.result == plain.result && duress.failCode == plain.failCode &&
+                       sorted(duress.openedRelays) == sorted(plain.openedRelays) &&
+                       sorted(duress.unlockOptionsRelays) == sorted(plain.unlockOptionsRelays),
+                   what);
         FUZZ_CHECK(!plain.duress && (duress.duress || duress.failCode == 45 || !duress.user),
                    what + ": duress flag");
-    }
-
-    static Relays sortedCopy(Relays relays) {
-        std::sort(relays.begin(), relays.end());
-        return relays;
     }
 
     void addRoot(const std::string& id) {
@@ -1005,17 +875,16 @@ private:
     template <typename Visit>
     void visitNew(Seen& seen, Visit visit) {
         const auto reports = provider->reports();
-        for (std::size_t i = seen.reports; i < reports.size(); ++i) {
-            const auto& report = reports[i];
+        for (; seen.reports < reports.size(); ++seen.reports) {
+            const auto& report = reports[seen.reports];
             FUZZ_CHECK(report.result == report.context.response.result, "report result differs");
             visit(report.context.requestId, report.context.response, report.context);
         }
-        seen.reports = reports.size();
         const auto calls = recorder.all();
-        for (std::size_t i = seen.calls; i < calls.size(); ++i) {
-            visit(calls[i].requestId, calls[i].response, calls[i].context);
+        for (; seen.calls < calls.size(); ++seen.calls) {
+            visit(calls[seen.calls].requestId, calls[seen.calls].response,
+                  calls[seen.calls].context);
         }
-        seen.calls = calls.size();
     }
 
     /// Learns ids from what the host saw: request ids, relay choices, pending first factors; and
@@ -1024,8 +893,7 @@ private:
         AuthEngine::AsyncContext parked;
         for (const std::string& root : roots) {
             if (engine->peekParkedChain(root, parked)) {
-                std::lock_guard<std::mutex> guard(faultMutex);
-                silent.insert(root);
+                markSilent(root);
             }
         }
         for (const auto& question : provider->questions()) {
@@ -1035,8 +903,7 @@ private:
                                  const AuthContext&) {
             addRoot(rootOf(id));
             if (response.result == UNLOCK_OPTIONS_PENDING && !response.unlockOptionsId.empty()) {
-                choices.push_back(
-                    RelayChoice{response.unlockOptionsId, response.unlockOptionsRelays});
+                choices.emplace_back(response.unlockOptionsId, response.unlockOptionsRelays);
             }
             if (!response.doubleAuthPendingId.empty() &&
                 !contains(pendingIds, response.doubleAuthPendingId)) {
@@ -1050,23 +917,21 @@ private:
         if (!engine->isReady()) {
             resetEngine(false);  // completes a reset host code asked for
         }
-        for (int round = 0; round < 12; ++round) {
-            if (engine->parkedChainCount() == 0 && engine->parkedPhaseCount() == 0 &&
-                engine->subRequestCount() == 0) {
-                break;
-            }
+        for (int round = 0; round < 12 && engine->parkedChainCount() + engine->parkedPhaseCount() +
+                                                  engine->subRequestCount() >
+                                              0;
+             ++round) {
             clock.advance(100000);
             engine->checkAllPendingTimeouts();
             FUZZ_CHECK(engine->waitForIdle(kIdleWaitMs), "engine did not become idle");
         }
-        const std::size_t chains = engine->parkedChainCount();
-        const std::size_t phases = engine->parkedPhaseCount();
-        const std::size_t questions = engine->openQuestionCount();
-        const std::size_t held = engine->heldAnswerCount();
-        FUZZ_CHECK(chains == 0 && phases == 0 && questions == 0 && held == 0,
-                   "left behind: " + std::to_string(chains) + " chains, " + std::to_string(phases) +
-                       " phases, " + std::to_string(questions) + " open questions, " +
-                       std::to_string(held) + " held answers");
+        const std::vector<std::size_t> left = {
+            engine->parkedChainCount(), engine->parkedPhaseCount(), engine->openQuestionCount(),
+            engine->heldAnswerCount()};
+        FUZZ_CHECK(left == std::vector<std::size_t>(4, 0),
+                   "left behind: " + std::to_string(left[0]) + " chains, " +
+                       std::to_string(left[1]) + " phases, " + std::to_string(left[2]) +
+                       " open questions, " + std::to_string(left[3]) + " held answers");
     }
 
     /// Every accepted request heard back, unless it ended silently by design (a chain parked when
@@ -1077,16 +942,11 @@ private:
         std::set<std::string> heard;
         for (const auto& call : recorder.all()) {
             heard.insert(rootOf(call.requestId));
-            ++(call.response.result == UNLOCK_OPTIONS_PENDING ? offers : verdicts)[call.requestId];
+            const int times = ++(
+                call.response.result == UNLOCK_OPTIONS_PENDING ? offers : verdicts)[call.requestId];
+            FUZZ_CHECK(times == 1, call.requestId + " reported or offered a choice twice");
         }
-        for (const auto& entry : verdicts) {
-            FUZZ_CHECK(entry.second == 1,
-                       entry.first + " reported " + std::to_string(entry.second) + " times");
-        }
-        for (const auto& entry : offers) {
-            FUZZ_CHECK(entry.second == 1, entry.first + " offered a choice twice");
-        }
-        std::lock_guard<std::mutex> guard(faultMutex);
+        Lock guard(mutex);
         for (const std::string& id : accepted) {
             FUZZ_CHECK(heard.count(id) != 0 || silent.count(id) != 0,
                        "accepted request " + id + " never heard back");
@@ -1096,10 +956,9 @@ private:
     // ---- report checks ----
 
     static void checkRefusalCarriesNothing(const AuthResponse& response, const std::string& what) {
-        if (response.result == FAILED) {
-            FUZZ_CHECK(response.openedRelays.empty() && response.targets.empty(),
-                       what + ": a refusal opens " + joinForDetail(response.openedRelays));
-        }
+        FUZZ_CHECK(response.result != FAILED ||
+                       (response.openedRelays.empty() && response.targets.empty()),
+                   what + ": a refusal opens " + joinForDetail(response.openedRelays));
     }
 
     void checkReports() {
@@ -1127,10 +986,9 @@ private:
             return;
         }
         for (const AuthTarget& target : response.targets) {
-            if (target.type == 0 || target.type == 1) {
-                FUZZ_CHECK(contains(response.openedRelays, target.relay),
-                           what + ": actuates relay " + target.relay + " it did not open");
-            }
+            FUZZ_CHECK((target.type != 0 && target.type != 1) ||
+                           contains(response.openedRelays, target.relay),
+                       what + ": actuates relay " + target.relay + " it did not open");
         }
 
         const AuthConfig& config = provider->config;
@@ -1144,59 +1002,53 @@ private:
                                openType != OPEN_TYPE_REMOTE_CONTROL;
         const bool parkingApplies = config.parkingRestrictionEnabled && user &&
                                     openType == OPEN_TYPE_LICENSE_PLATE && user->userType == 1;
+        const bool typeChecked = !context.skipUnlockType &&
+                                 context.request.readerType == READER_TYPE_INTERNAL &&
+                                 openType != OPEN_TYPE_RELAY_KEY;
         const auto forbidden = provider->forbiddenRelays.find(openType);
 
         for (const std::string& relay : response.openedRelays) {
             const std::string about = what + ", relay " + relay;
-            if (!verification) {
-                FUZZ_CHECK(provider->lockedDownRelays.count(relay) == 0 ||
-                               (user && user->lockdownBypass >= 1),
-                           about + " is locked down");
-                const bool typeChecked = !context.skipUnlockType &&
-                                         context.request.readerType == READER_TYPE_INTERNAL &&
-                                         openType != OPEN_TYPE_RELAY_KEY;
-                FUZZ_CHECK(!typeChecked || forbidden == provider->forbiddenRelays.end() ||
-                               forbidden->second.count(relay) == 0,
-                           about + " is forbidden for open type " + std::to_string(openType));
-                const auto direction = config.antiPassbackRelayMap.find(relay);
-                if (apApplies && direction != config.antiPassbackRelayMap.end() &&
-                    direction->second != 0) {
-                    FUZZ_CHECK(answers.passed(root + kApQuestion + relay, passesAntiPassback),
-                               about + " opened without passing anti-passback");
-                }
-                if (parkingApplies) {
-                    FUZZ_CHECK(provider->parkingOffline ||
-                                   answers.anyPassing(root + "_ind_parking", passesStrictly) ||
-                                   answers.anyPassing(root + "_ind_antipassback_ind_parking",
-                                                      passesStrictly),
-                               about + " opened without passing parking");
-                }
-            }
+            const auto direction = config.antiPassbackRelayMap.find(relay);
             const auto interlocked = config.interlockRelayMap.find(relay);
-            if (config.interlockEnabled && interlocked != config.interlockRelayMap.end() &&
-                interlocked->second) {
-                FUZZ_CHECK(answers.passed(root + kIlQuestion + relay, passesStrictly),
-                           about + " opened without passing interlock");
-            }
+            FUZZ_CHECK(verification || provider->lockedDownRelays.count(relay) == 0 ||
+                           (user && user->lockdownBypass >= 1),
+                       about + " is locked down");
+            FUZZ_CHECK(verification || !typeChecked ||
+                           forbidden == provider->forbiddenRelays.end() ||
+                           forbidden->second.count(relay) == 0,
+                       about + " is forbidden for open type " + std::to_string(openType));
+            FUZZ_CHECK(verification || !apApplies ||
+                           direction == config.antiPassbackRelayMap.end() ||
+                           direction->second == 0 ||
+                           passed(root + kApQuestion + relay, passesAntiPassback),
+                       about + " opened without passing anti-passback");
+            FUZZ_CHECK(verification || !parkingApplies || provider->parkingOffline ||
+                           anyPassing(root + "_ind_parking", passesStrictly) ||
+                           anyPassing(root + "_ind_antipassback_ind_parking", passesStrictly),
+                       about + " opened without passing parking");
+            FUZZ_CHECK(!config.interlockEnabled || interlocked == config.interlockRelayMap.end() ||
+                           !interlocked->second ||
+                           passed(root + kIlQuestion + relay, passesStrictly),
+                       about + " opened without passing interlock");
         }
     }
 
     FuzzInput& in;
     TestClock clock;  // declared before the engine: the worker reads it until reset joins it
-    std::shared_ptr<FakeDataProvider> provider;
+    const std::shared_ptr<FakeDataProvider> provider = std::make_shared<FakeDataProvider>();
     CallbackRecorder recorder;
-    AnswerLog answers;
-    const std::shared_ptr<std::atomic<uint32_t>> numbers =
-        std::make_shared<std::atomic<uint32_t>>(0);
-    const std::shared_ptr<AuthEngine> engine;
+    const std::shared_ptr<AuthEngine> engine =
+        std::make_shared<AuthEngine>(std::make_shared<std::atomic<uint32_t>>(0));
 
-    std::mutex
-        faultMutex;  // the members below up to `silent` are written by hooks on the worker too
+    std::mutex mutex;  // guards the members below up to `thrown`: hooks on the worker write them
     std::vector<HostFault> faults;
     std::map<std::string, int> hostCalls;
-    std::set<std::string> issued;
     std::vector<std::string> accepted;
     std::set<std::string> silent;
+    std::map<std::string, std::vector<int>> delivered;  // every answer given, per routed id
+    std::map<std::string, int> decided;                 // the answer the engine recorded
+    std::set<std::string> thrown;
     std::atomic<int> resets{0};
     std::atomic<int> faultsFired{0};
     AuthRequest reentrantRequest;
@@ -1204,7 +1056,7 @@ private:
 
     Relays roots;
     Relays pendingIds;
-    std::vector<RelayChoice> choices;
+    std::vector<std::pair<std::string, Relays>> choices;
     std::set<std::string> verifications;
     Seen learned;
     Seen checked;
