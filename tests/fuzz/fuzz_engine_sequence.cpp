@@ -14,20 +14,12 @@
 // may be left parked, registered or held. With guessing protection on, nothing opens at a reader
 // while it is locked out, and the guard's table never outgrows its fixed size whatever is typed;
 // with duress codes on, a duress code decides exactly as the user's own code does.
-#include <algorithm>
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
-#include <initializer_list>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <set>
 #include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "FuzzInput.h"
 #include "FuzzValues.h"
@@ -55,23 +47,14 @@ const char* const kApQuestion = "_ind_antipassback_ap_";
 const char* const kIlQuestion = "_ind_interlock_il_";
 // What the engine appends to a request id for the phases it parks; a resume names one of the
 // first five.
-const std::vector<std::string> kPhaseSuffixes = {"",
-                                                 "_ind_antipassback",
-                                                 "_ind_interlock",
-                                                 "_ind_parking",
-                                                 "_ind_unlock_options",
-                                                 "_ind_antipassback_ind_parking"};
-const std::vector<std::string> kCredentials = {"c0", "c1", "c2", "c3", "p0",
-                                               "l0", "k0", "r0", "",   "zz"};
-const std::vector<std::string> kFaultyOperations = {"getUserByCredential",  "getAuthConfig",
-                                                    "getRelaySchedules",    "getHolidays",
-                                                    "getLockedDownRelays",  "isRelayHolidayExempt",
-                                                    "requestTempKey",       "getTempKeyUser",
-                                                    "requestAntiPassback",  "requestInterlock",
-                                                    "requestParking",       "onAuthResult",
-                                                    "checkBleOpenInterval", "callback",
-                                                    "getUserByDuressCode",  "onDuress",
-                                                    "onGuessLockout"};
+const auto kPhaseSuffixes = Strings({"", "_ind_antipassback", "_ind_interlock", "_ind_parking",
+                                     "_ind_unlock_options", "_ind_antipassback_ind_parking"});
+const auto kCredentials = Strings({"c0", "c1", "c2", "c3", "p0", "l0", "k0", "r0", "", "zz"});
+const auto kFaultyOperations = Strings(
+    {"getUserByCredential", "getAuthConfig", "getRelaySchedules", "getHolidays",
+     "getLockedDownRelays", "isRelayHolidayExempt", "requestTempKey", "getTempKeyUser",
+     "requestAntiPassback", "requestInterlock", "requestParking", "onAuthResult",
+     "checkBleOpenInterval", "callback", "getUserByDuressCode", "onDuress", "onGuessLockout"});
 
 /// The request id a report or question belongs to: its id up to the first phase infix.
 std::string rootOf(const std::string& id) {
@@ -145,7 +128,7 @@ private:
         if (in.range(0, 7) == 0) {
             return in.bytes(16);
         }
-        static const std::vector<std::string> ids = {"1", "2", "3", "9"};
+        static const Strings ids = {"1", "2", "3", "9"};
         std::string text;
         for (int i = 0, entries = in.range(0, 3); i < entries; ++i) {
             const std::string& id = in.pick(ids);
@@ -206,11 +189,11 @@ private:
             if ((bits & 8) != 0) {
                 config.interlockRelayMap[relay] = (bits & 16) != 0;
             }
-            for (const auto& set : {std::make_pair(32U, &provider->lockedDownRelays),
-                                    std::make_pair(64U, &provider->offlineRelays)}) {
-                if ((bits & set.first) != 0) {
-                    set.second->insert(relay);
-                }
+            if ((bits & 32) != 0) {
+                provider->lockedDownRelays.insert(relay);
+            }
+            if ((bits & 64) != 0) {
+                provider->offlineRelays.insert(relay);
             }
             if ((bits & 128) != 0) {
                 provider->forbiddenRelays[in.pick(forbiddenTypes)].insert(relay);
@@ -309,9 +292,9 @@ private:
         config.duressEnabled = in.flag();
 
         reentrantRequest = requestFrom();
-        junkAnswerId = "req_" + std::to_string(in.range(0, 9)) + "_1736942400" +
-                       in.pick(std::vector<std::string>{"", "_ind_antipassback_ap_1",
-                                                        "_ind_interlock_il_2", "_ind_parking"});
+        junkAnswerId =
+            "req_" + std::to_string(in.range(0, 9)) + "_1736942400" +
+            in.pick(Strings{"", "_ind_antipassback_ap_1", "_ind_interlock_il_2", "_ind_parking"});
         provider->beforeCall = [this](const std::string& operation) { onHostCall(operation); };
     }
 
@@ -512,16 +495,9 @@ private:
     }
 
     AuthResponse responseFrom() {
-        static const std::vector<int> results = {SUCCESS,
-                                                 SUCCESS,
-                                                 FAILED,
-                                                 CONTINUE,
-                                                 ASYNC_PENDING,
-                                                 DROPPED,
-                                                 DOUBLE_AUTH_PENDING,
-                                                 UNLOCK_OPTIONS_PENDING,
-                                                 IGNORED,
-                                                 99};
+        static const auto results =
+            std::vector<int>({SUCCESS, SUCCESS, FAILED, CONTINUE, ASYNC_PENDING, DROPPED,
+                              DOUBLE_AUTH_PENDING, UNLOCK_OPTIONS_PENDING, IGNORED, 99});
         static const std::vector<int> failCodes = {0, 0, 5, 21, 23, 24, 44, -3};
         AuthResponse response = responseOf(static_cast<AuthResult>(in.pick(results)));
         response.failCode = in.pick(failCodes);
@@ -545,11 +521,9 @@ private:
     AuthContext updateFrom() {
         AuthContext update;
         if (in.range(0, 2) == 0) {
-            static const std::vector<std::string> keys = {"", "k0", "zz"};
-            update.tempKeyAuthData = std::make_shared<TempKeyAuthData>();
-            update.tempKeyAuthData->key = in.pick(keys);
-            update.tempKeyAuthData->failCode = in.range(0, 3) == 0 ? 7 : 0;
-            update.tempKeyAuthData->targets = targetsFrom(in);
+            static const Strings keys = {"", "k0", "zz"};
+            update.tempKeyAuthData = std::make_shared<TempKeyAuthData>(TempKeyAuthData{
+                in.pick(keys), "", "", in.range(0, 3) == 0 ? 7 : 0, 0, "", targetsFrom(in)});
         }
         if (in.range(0, 7) == 0) {
             update.authTargets = targetsFrom(in);
@@ -597,7 +571,7 @@ private:
                 return in.pick(live);
             }
         }
-        static const std::vector<std::string> junk = {"", "req_", "req_0_0", "x", "double-1"};
+        static const Strings junk = {"", "req_", "req_0_0", "x", "double-1"};
         std::string root;
         if (!roots.empty() && in.range(0, 7) != 0) {
             root = in.pick(roots);
@@ -605,10 +579,10 @@ private:
             root = in.range(0, 3) == 0 ? in.bytes(10) : in.pick(junk);
         }
         const std::string& relay = in.pick(relayPool());
-        return in.pick(std::vector<std::string>{
-            root, root + kApQuestion + relay, root + kIlQuestion + relay, root + "_ind_parking",
-            root + "_ind_antipassback_ind_parking", root + "_ind_unlock_options",
-            root + "_ind_antipassback", root + "_ind_interlock", root + "_ap_" + relay});
+        return in.pick(Strings{root, root + kApQuestion + relay, root + kIlQuestion + relay,
+                               root + "_ind_parking", root + "_ind_antipassback_ind_parking",
+                               root + "_ind_unlock_options", root + "_ind_antipassback",
+                               root + "_ind_interlock", root + "_ap_" + relay});
     }
 
     // ---- attempts ----
@@ -656,24 +630,19 @@ private:
             return itsKind ? (extras & 4) == 0 : (extras & bit) != 0;
         };
         if (carries(openType == OPEN_TYPE_DTMF, 8)) {
-            static const std::vector<std::string> codes = {"123", "999", ""};
-            static const std::vector<std::string> numbers = {"555", "666"};
+            static const Strings codes = {"123", "999", ""};
+            static const Strings numbers = {"555", "666"};
             request.dtmfData = std::make_shared<DtmfRequestData>(
                 DtmfRequestData{in.pick(codes), in.pick(numbers), "caller", "call1"});
         }
         if (carries(openType == OPEN_TYPE_HTTP || openType == OPEN_TYPE_HTTP_20, 16)) {
-            request.httpData = std::make_shared<HttpRequestData>();
-            request.httpData->source = in.range(0, 2);
-            request.httpData->username = in.flag() ? "admin" : "guest";
-            request.httpData->password = in.flag() ? "secret" : "secreT";
-            request.httpData->preAuthenticated = in.range(0, 1);
-            request.httpData->targets = targetsFrom(in);
+            request.httpData = std::make_shared<HttpRequestData>(HttpRequestData{
+                in.range(0, 2), 0, in.flag() ? "admin" : "guest", in.flag() ? "secret" : "secreT",
+                "", in.range(0, 1), 0, 0, 0, targetsFrom(in)});
         }
         if (carries(openType == OPEN_TYPE_INPUT, 32)) {
-            request.inputData = std::make_shared<InputRequestData>();
-            request.inputData->inputId = in.range(0, 3);
-            request.inputData->inputState = in.range(0, 1);
-            request.inputData->targets = targetsFrom(in);
+            request.inputData = std::make_shared<InputRequestData>(
+                InputRequestData{in.range(0, 3), in.range(0, 1), 0, 0, targetsFrom(in)});
         }
         if (carries(openType == OPEN_TYPE_RELAY_KEY, 64)) {
             const std::string ids = in.textFrom("0123;-", 8);
@@ -698,22 +667,20 @@ private:
     // The immediate answer of an attempt is checked fully through the report that accompanies it;
     // on its own only what needs no context: a refusal carries nothing.
     void operate() {
-        switch (in.range(0, 13)) {
-            case 0:
-            case 1: {  // synchronous attempt without id: nothing of it may be parked
-                const AuthRequest request = requestFrom();
-                const int resetsBefore = resets;
-                const bool lockedOut = engine->readerLockedOut(request.readerType);
-                const AuthResponse response = engine->authenticate(request, {}, std::string());
-                checkRefusalCarriesNothing(response, "returned response");
-                // Only a reset clears a lockout, and only the harness moves the clocks.
-                FUZZ_CHECK(!lockedOut || resets != resetsBefore || response.result != SUCCESS,
-                           "reader " + std::to_string(request.readerType) +
-                               " opened while locked out: " + joinForDetail(response.openedRelays));
-                checkDuressLikeOwnCode(request, response, resetsBefore);
-                break;
-            }
-            case 2: {  // synchronous attempt with an id and a callback, as the worker makes it
+        const auto attempt = [&] {  // synchronous attempt without id: nothing of it may be parked
+            const AuthRequest request = requestFrom();
+            const int resetsBefore = resets;
+            const bool lockedOut = engine->readerLockedOut(request.readerType);
+            const AuthResponse response = engine->authenticate(request, {}, std::string());
+            checkRefusalCarriesNothing(response, "returned response");
+            // Only a reset clears a lockout, and only the harness moves the clocks.
+            FUZZ_CHECK(!lockedOut || resets != resetsBefore || response.result != SUCCESS,
+                       "reader " + std::to_string(request.readerType) +
+                           " opened while locked out: " + joinForDetail(response.openedRelays));
+            checkDuressLikeOwnCode(request, response, resetsBefore);
+        };
+        const auto attemptWithId =
+            [&] {  // synchronous, with an id and a callback, as the worker makes it
                 const std::string id = engine->generateRequestId();
                 addRoot(id);
                 const AuthRequest request = requestFrom();
@@ -723,105 +690,97 @@ private:
                                                "returned response");
                     return ready ? id : std::string();
                 });
-                break;
-            }
-            case 3:
-            case 4: {  // queued attempt, run by the worker
-                const AuthRequest request = requestFrom();
-                addRoot(accept([&] { return engine->authenticateAsync(request, callback()); }));
-                break;
-            }
-            case 5:
-            case 6: {  // answer one of the questions the host was asked
-                const std::vector<Question> asked = provider->questions();
-                if (!asked.empty()) {
-                    const Question& question = in.pick(asked);
-                    const AuthResponse response = responseFrom();
-                    deliver(question, response, updateFrom());
-                }
-                break;
-            }
-            case 7: {  // an answer under a real or made-up id
-                const std::string id = answerId();
+            };
+        const auto queued = [&] {  // queued attempt, run by the worker
+            const AuthRequest request = requestFrom();
+            addRoot(accept([&] { return engine->authenticateAsync(request, callback()); }));
+        };
+        const auto answer = [&] {  // answer one of the questions the host was asked
+            const std::vector<Question> asked = provider->questions();
+            if (!asked.empty()) {
+                const Question& question = in.pick(asked);
                 const AuthResponse response = responseFrom();
-                noteAnswer(id, response.result);
-                engine->handleAsyncResponse(id, response.result, response, updateFrom());
-                break;
+                deliver(question, response, updateFrom());
             }
-            case 8: {  // the user's relay choice, built as the facade builds it
-                std::pair<std::string, Relays> choice = {"x_ind_unlock_options", {"1", "2"}};
-                if (!choices.empty() && in.range(0, 7) != 0) {
-                    choice = in.pick(choices);
-                }
-                Relays selected;
-                std::copy_if(choice.second.begin(), choice.second.end(),
-                             std::back_inserter(selected),
-                             [this](const std::string&) { return in.flag(); });
-                if (in.range(0, 3) == 0) {
-                    const Relays extra = relaysFrom(in, 2);
-                    selected.insert(selected.end(), extra.begin(), extra.end());
-                }
-                AuthResponse response = responseOf(selected.empty() ? FAILED : SUCCESS);
-                response.unlockOptionsId = choice.first;
-                response.unlockOptionsRelays = selected;
-                if (selected.empty()) {
-                    response.failCode = 44;
-                    response.reason = "User canceled relay selection";
-                }
-                engine->handleAsyncResponse(choice.first, response.result, response, {});
-                break;
+        };
+        const auto answerById = [&] {  // an answer under a real or made-up id
+            const std::string id = answerId();
+            const AuthResponse response = responseFrom();
+            noteAnswer(id, response.result);
+            engine->handleAsyncResponse(id, response.result, response, updateFrom());
+        };
+        const auto choose = [&] {  // the user's relay choice, built as the facade builds it
+            std::pair<std::string, Relays> choice = {"x_ind_unlock_options", {"1", "2"}};
+            if (!choices.empty() && in.range(0, 7) != 0) {
+                choice = in.pick(choices);
             }
-            case 9: {  // time passes (or the wall clock is set back)
-                const int choice = in.range(0, 7);
-                if (choice == 0) {
-                    clock.setWall(clock.wall() - in.range(0, 120));
-                } else {
-                    clock.advance(choice == 1 ? in.range(60, 4000) : in.range(0, 45));
-                }
-                if (in.flag()) {
-                    engine->checkAllPendingTimeouts();
-                }
-                break;
+            Relays selected;
+            std::copy_if(choice.second.begin(), choice.second.end(), std::back_inserter(selected),
+                         [this](const std::string&) { return in.flag(); });
+            if (in.range(0, 3) == 0) {
+                const Relays extra = relaysFrom(in, 2);
+                selected.insert(selected.end(), extra.begin(), extra.end());
             }
-            case 10: {  // a resume the worker would not have been asked for
-                const Relays live = liveIds();
-                if (!live.empty() && in.flag()) {
-                    engine->resumeAuthentication(in.pick(live));
-                } else if (!roots.empty()) {
-                    const std::string& root = in.pick(roots);
-                    engine->resumeAuthentication(root + kPhaseSuffixes[in.range(0, 4)]);
-                }
-                break;
+            AuthResponse response = responseOf(selected.empty() ? FAILED : SUCCESS);
+            response.unlockOptionsId = choice.first;
+            response.unlockOptionsRelays = selected;
+            if (selected.empty()) {
+                response.failCode = 44;
+                response.reason = "User canceled relay selection";
             }
-            case 11: {  // reset and start again, or a second init that keeps the parked state
+            engine->handleAsyncResponse(choice.first, response.result, response, {});
+        };
+        const auto passTime = [&] {  // time passes (or the wall clock is set back)
+            const int choice = in.range(0, 7);
+            if (choice == 0) {
+                clock.setWall(clock.wall() - in.range(0, 120));
+            } else {
+                clock.advance(choice == 1 ? in.range(60, 4000) : in.range(0, 45));
+            }
+            if (in.flag()) {
+                engine->checkAllPendingTimeouts();
+            }
+        };
+        const auto resume = [&] {  // a resume the worker would not have been asked for
+            const Relays live = liveIds();
+            if (!live.empty() && in.flag()) {
+                engine->resumeAuthentication(in.pick(live));
+            } else if (!roots.empty()) {
+                const std::string& root = in.pick(roots);
+                engine->resumeAuthentication(
+                    root + kPhaseSuffixes[static_cast<std::size_t>(in.range(0, 4))]);
+            }
+        };
+        const auto restart =
+            [&] {  // reset and start again, or a second init that keeps the parked state
                 if (in.flag()) {
                     resetEngine(false);
                     checkReports();
                 }
                 FUZZ_CHECK(engine->init(provider) == 0, "init failed");
-                break;
+            };
+        const auto verify = [&] {  // interlock verification without a credential
+            const std::vector<AuthTarget> targets = targetsFrom(in);
+            const AuthRequest request = requestFrom();
+            const std::string id = accept(
+                [&] { return engine->verifyInterlockTargets(request, targets, callback()); });
+            if (!id.empty()) {
+                verifications.insert(id);
             }
-            case 12: {  // interlock verification without a credential
-                const std::vector<AuthTarget> targets = targetsFrom(in);
-                const AuthRequest request = requestFrom();
-                const std::string id = accept(
-                    [&] { return engine->verifyInterlockTargets(request, targets, callback()); });
-                if (!id.empty()) {
-                    verifications.insert(id);
-                }
-                addRoot(id);
-                break;
-            }
-            default: {  // double authentication control on a real or made-up pending id
-                const std::string id =
-                    pendingIds.empty() || in.range(0, 3) == 0 ? "double-9" : in.pick(pendingIds);
-                const AuthResponse response = in.flag() ? engine->handleDoubleAuthTimeout(id)
-                                                        : engine->cancelDoubleAuth(id, in.bytes(6));
-                FUZZ_CHECK(response.result == FAILED, "double authentication control passed");
-                checkRefusalCarriesNothing(response, "double authentication control");
-                break;
-            }
-        }
+            addRoot(id);
+        };
+        const auto doubleAuthControl = [&] {  // on a real or made-up pending id
+            const std::string id =
+                pendingIds.empty() || in.range(0, 3) == 0 ? "double-9" : in.pick(pendingIds);
+            const AuthResponse response = in.flag() ? engine->handleDoubleAuthTimeout(id)
+                                                    : engine->cancelDoubleAuth(id, in.bytes(6));
+            FUZZ_CHECK(response.result == FAILED, "double authentication control passed");
+            checkRefusalCarriesNothing(response, "double authentication control");
+        };
+        const std::function<void()> operations[] = {
+            attempt,    attempt, attemptWithId, queued, queued,  answer, answer,
+            answerById, choose,  passTime,      resume, restart, verify, doubleAuthControl};
+        operations[in.range(0, 13)]();
     }
 
     /// A duress code decides as the user's own code does: the same attempt with the card of the
