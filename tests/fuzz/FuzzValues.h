@@ -38,6 +38,23 @@ inline Strings relaysFrom(FuzzInput& in, int maxCount = 4) {
     return relays;
 }
 
+/// Doors per reader (0 to 2) and direction: a reader is configured when `listed()` says so, then
+/// each of its directions when a flag says so, with up to `maxRelays` relays.
+template <typename Listed>
+void readerDoorsFrom(FuzzInput& in, AuthConfig& config, Listed listed, int maxRelays) {
+    for (int reader = 0; reader <= 2; ++reader) {
+        if (!listed()) {
+            continue;
+        }
+        auto& directions = config.readerRelayMap[static_cast<ReaderType>(reader)];
+        for (int direction = 0; direction <= 2; ++direction) {
+            if (in.flag()) {
+                directions[static_cast<RELAY_DIRECTION>(direction)] = relaysFrom(in, maxRelays);
+            }
+        }
+    }
+}
+
 /// Seconds of a four-digit-year moment: one of a few anchors (2025-01-15 12:00:00, a Wednesday;
 /// 2024-12-31 23:59:59; the leap day 2024-02-29; 1970-01-01; 1969-12-31; the last four-digit
 /// hour) moved by up to about ten days either way.

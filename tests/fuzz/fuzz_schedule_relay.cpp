@@ -38,17 +38,8 @@ void checkVirtualDoor(FuzzInput& in) {
     provider.config.virtualDoorEnabled = in.flag();
     provider.config.cloudVirtualDoorConfigured = in.flag();
     provider.config.virtualDoorMode = in.range(0, 2);
-    for (int reader = 0; reader <= 2; ++reader) {
-        if (!in.flag()) {
-            continue;
-        }
-        auto& directions = provider.config.readerRelayMap[static_cast<ReaderType>(reader)];
-        for (int direction = 0; direction <= 2; ++direction) {
-            if (in.flag()) {
-                directions[static_cast<RELAY_DIRECTION>(direction)] = relaysFrom(in);
-            }
-        }
-    }
+    readerDoorsFrom(
+        in, provider.config, [&in] { return in.flag(); }, 4);
 
     AuthContext context;
     context.request.openType =
