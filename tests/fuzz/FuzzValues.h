@@ -22,10 +22,7 @@ namespace fuzz {
 using Strings = std::vector<std::string>;
 
 /// Relay ids the targets draw from; the last ones are malformed on purpose.
-inline const Strings& relayPool() {
-    static const Strings pool = {"1", "2", "3", "4", "SA", "SB", "", "12", "S", "x"};
-    return pool;
-}
+inline const Strings kRelayPool = {"1", "2", "3", "4", "SA", "SB", "", "12", "S", "x"};
 
 /// Up to `maxCount` relays, mostly well formed, repeats possible.
 inline Strings relaysFrom(FuzzInput& in, int maxCount = 4) {
@@ -33,7 +30,7 @@ inline Strings relaysFrom(FuzzInput& in, int maxCount = 4) {
     for (int i = 0, count = in.range(0, maxCount); i < count; ++i) {
         const int choice = in.range(0, 15);
         relays.push_back(
-            relayPool()[static_cast<std::size_t>(choice < 12 ? choice % 6 : choice - 6)]);
+            kRelayPool[static_cast<std::size_t>(choice < 12 ? choice % 6 : choice - 6)]);
     }
     return relays;
 }
@@ -124,11 +121,9 @@ inline std::shared_ptr<ScheduleData> scheduleFrom(FuzzInput& in) {
 inline std::vector<AuthTarget> targetsFrom(FuzzInput& in) {
     std::vector<AuthTarget> targets;
     for (int i = 0, count = in.range(0, 3); i < count; ++i) {
-        AuthTarget target;
-        target.type = in.range(0, 3);
+        const int type = in.range(0, 3);
         const Strings relay = relaysFrom(in, 1);
-        target.relay = relay.empty() ? std::string() : relay.front();
-        targets.push_back(target);
+        targets.push_back(AuthTarget{type, relay.empty() ? std::string() : relay.front()});
     }
     return targets;
 }

@@ -159,7 +159,7 @@ private:
         readerDoorsFrom(
             in, config, [this] { return in.range(0, 3) == 0; }, 3);
 
-        for (const std::string& relay : Strings(relayPool().begin(), relayPool().begin() + 6)) {
+        for (const std::string& relay : Strings(kRelayPool.begin(), kRelayPool.begin() + 6)) {
             const unsigned bits = in.byte();
             if ((bits & 7) != 0) {  // with bit 4 alone: listed, direction 0
                 config.antiPassbackRelayMap[relay] = static_cast<int>(bits & 3);
@@ -516,7 +516,7 @@ private:
             }
             for (std::size_t i = 0; i < 12; ++i) {
                 const std::string id =
-                    root + (i % 2 == 0 ? kApQuestion : kIlQuestion) + relayPool()[i / 2];
+                    root + (i % 2 == 0 ? kApQuestion : kIlQuestion) + kRelayPool[i / 2];
                 if (!engine->subRequestParent(id).empty()) {
                     live.push_back(id);
                 }
@@ -539,7 +539,7 @@ private:
             root = in.range(0, 3) == 0 ? in.bytes(10)
                                        : in.pick(Strings{"", "req_", "req_0_0", "x", "double-1"});
         }
-        const std::string relay = in.pick(relayPool());
+        const std::string relay = in.pick(kRelayPool);
         return in.pick(Strings{root, root + kApQuestion + relay, root + kIlQuestion + relay,
                                root + "_ind_parking", root + "_ind_antipassback_ind_parking",
                                root + "_ind_unlock_options", root + "_ind_antipassback",
@@ -626,8 +626,8 @@ private:
     // The immediate answer of an attempt is checked fully through the report that accompanies it;
     // on its own only what needs no context: a refusal carries nothing.
     void operate() {
-        // A synchronous attempt without id: nothing of it may be parked.
-        const auto attempt = [&] {
+        const int operation = in.range(0, 13);
+        if (operation <= 1) {  // a synchronous attempt without id: nothing of it may be parked
             const AuthRequest request = requestFrom();
             const int resetsBefore = resets;
             const bool lockedOut = engine->readerLockedOut(request.readerType);
@@ -638,9 +638,8 @@ private:
                        "reader " + std::to_string(request.readerType) +
                            " opened while locked out: " + joinForDetail(response.openedRelays));
             checkDuressLikeOwnCode(request, response, resetsBefore);
-        };
-        // A synchronous attempt with an id and a callback, as the worker makes it.
-        const auto attemptWithId = [&] {
+        } else if (operation ==
+                   2) {  // synchronous, with an id and a callback, as the worker makes it
             const std::string id = engine->generateRequestId();
             addRoot(id);
             const AuthRequest request = requestFrom();
@@ -650,26 +649,22 @@ private:
                                            "returned response");
                 return ready ? id : std::string();
             });
-        };
-        const auto queued = [&] {  // run by the worker
+        } else if (operation <= 4) {  // queued, run by the worker
             const AuthRequest request = requestFrom();
             addRoot(accept([&] { return engine->authenticateAsync(request, callback()); }));
-        };
-        const auto answer = [&] {  // one of the questions the host was asked
+        } else if (operation <= 6) {  // an answer to one of the questions the host was asked
             const std::vector<Question> asked = provider->questions();
             if (!asked.empty()) {
                 const Question& question = in.pick(asked);
                 const AuthResponse response = responseFrom();
                 deliver(question, response, updateFrom());
             }
-        };
-        const auto answerById = [&] {  // under a real or made-up id
+        } else if (operation == 7) {  // an answer under a real or made-up id
             const std::string id = answerId();
             const AuthResponse response = responseFrom();
             noteAnswer(id, response.result);
             engine->handleAsyncResponse(id, response.result, response, updateFrom());
-        };
-        const auto choose = [&] {  // the user's relay choice, built as the facade builds it
+        } else if (operation == 8) {  // the user's relay choice, built as the facade builds it
             std::pair<std::string, Relays> choice = {"x_ind_unlock_options", {"1", "2"}};
             if (!choices.empty() && in.range(0, 7) != 0) {
                 choice = in.pick(choices);
@@ -685,8 +680,7 @@ private:
             response.failCode = selected.empty() ? 44 : 0;
             response.reason = selected.empty() ? "User canceled relay selection" : "";
             engine->handleAsyncResponse(choice.first, response.result, response, {});
-        };
-        const auto passTime = [&] {  // or the wall clock is set back
+        } else if (operation == 9) {  // time passes (or the wall clock is set back)
             const int choice = in.range(0, 7);
             if (choice == 0) {
                 clock.setWall(clock.wall() - in.range(0, 120));
@@ -696,8 +690,7 @@ private:
             if (in.flag()) {
                 engine->checkAllPendingTimeouts();
             }
-        };
-        const auto resume = [&] {  // one the worker would not have been asked for
+        } else if (operation == 10) {  // a resume the worker would not have been asked for
             const Relays live = liveIds();
             if (!live.empty() && in.flag()) {
                 engine->resumeAuthentication(in.pick(live));
@@ -706,15 +699,14 @@ private:
                 engine->resumeAuthentication(
                     root + kPhaseSuffixes[static_cast<std::size_t>(in.range(0, 4))]);
             }
-        };
-        const auto restart = [&] {  // or a second init that keeps the parked state
+        } else if (operation ==
+                   11) {  // reset and start again, or an init that keeps what is parked
             if (in.flag()) {
                 resetEngine(false);
                 checkReports();
             }
             FUZZ_CHECK(engine->init(provider) == 0, "init failed");
-        };
-        const auto verify = [&] {  // interlock verification without a credential
+        } else if (operation == 12) {  // interlock verification without a credential
             const std::vector<AuthTarget> targets = targetsFrom(in);
             const AuthRequest request = requestFrom();
             const std::string id = accept(
@@ -723,19 +715,14 @@ private:
                 verifications.insert(id);
             }
             addRoot(id);
-        };
-        const auto doubleAuthControl = [&] {  // on a real or made-up pending id
+        } else {  // double authentication control on a real or made-up pending id
             const std::string id =
                 pendingIds.empty() || in.range(0, 3) == 0 ? "double-9" : in.pick(pendingIds);
             const AuthResponse response = in.flag() ? engine->handleDoubleAuthTimeout(id)
                                                     : engine->cancelDoubleAuth(id, in.bytes(6));
             FUZZ_CHECK(response.result == FAILED, "double authentication control passed");
             checkRefusalCarriesNothing(response, "double authentication control");
-        };
-        const std::function<void()> operations[] = {
-            attempt,    attempt, attemptWithId, queued, queued,  answer, answer,
-            answerById, choose,  passTime,      resume, restart, verify, doubleAuthControl};
-        operations[in.range(0, 13)]();
+        }
     }
 
     /// A duress code decides as the user's own code does: the same attempt with the card of the
