@@ -128,18 +128,6 @@ private:
         return text;
     }
 
-    std::shared_ptr<ScheduleData> hostSchedule(const std::string& id) {
-        std::shared_ptr<ScheduleData> schedule = scheduleFrom(in);
-        if (schedule && in.range(0, 3) != 0) {  // most admit all day, so that attempts go on
-            std::tie(schedule->type, schedule->startTime, schedule->endTime) =
-                std::make_tuple(1, "00:00:00", "23:59:59");
-        }
-        if (schedule) {
-            schedule->scheduleId = id;
-        }
-        return schedule;
-    }
-
     void configureHost() {
         AuthConfig& config = provider->config;
         setFromBits(config, in.byte(),
@@ -203,23 +191,27 @@ private:
             provider->users["c" + n] = provider->duressCodes["d" + n] = user;
         }
         for (int i = 1; i <= 3; ++i) {
-            provider->schedules.push_back(hostSchedule(std::to_string(i)));
+            const std::shared_ptr<ScheduleData> schedule = scheduleFrom(in);
+            if (schedule && in.range(0, 3) != 0) {  // most admit all day, so that attempts go on
+                std::tie(schedule->type, schedule->startTime, schedule->endTime) =
+                    std::make_tuple(1, "00:00:00", "23:59:59");
+            }
+            if (schedule) {
+                schedule->scheduleId = std::to_string(i);
+            }
+            provider->schedules.push_back(schedule);
         }
         if (in.range(0, 3) == 0) {
-            HolidayData holiday;
-            holiday.yearlyRepeat = in.range(0, 1);
-            holiday.type = in.range(0, 2);
+            const int repeat = in.range(0, 1);
+            const int type = in.range(0, 2);
             const std::string from = timeText(in);
-            holiday.timeRange = from + "-" + timeText(in);
-            holiday.startDate = in.flag() ? "2025-01-01" : dateText(in);
-            holiday.endDate = in.flag() ? "2025-12-31" : dateText(in);
-            provider->holidays.push_back(holiday);
+            provider->holidays.push_back(HolidayData{0, repeat, type, from + "-" + timeText(in), "",
+                                                     "", in.flag() ? "2025-01-01" : dateText(in),
+                                                     in.flag() ? "2025-12-31" : dateText(in)});
         }
 
-        if (in.flag()) {
-            provider->publicPin = "p0";
-            provider->publicPinRelays = relaysFrom(in, 3);
-        }
+        provider->publicPin = in.flag() ? "p0" : "";
+        provider->publicPinRelays = provider->publicPin.empty() ? Relays() : relaysFrom(in, 3);
         if (in.flag()) {
             provider->latchPins["l0"] = relaysFrom(in, 3);
         }

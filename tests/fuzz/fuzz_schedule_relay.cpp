@@ -101,11 +101,8 @@ void checkVirtualDoor(FuzzInput& in) {
     Relays staged = before.relays;
     if (!before.request.virtualDoorSkipRelaySchedule) {
         staged = before.relays.empty() ? named : Relays();
-        for (const std::string& relay : before.relays) {
-            if (contains(named, relay)) {
-                staged.push_back(relay);
-            }
-        }
+        std::copy_if(before.relays.begin(), before.relays.end(), std::back_inserter(staged),
+                     [&](const std::string& relay) { return contains(named, relay); });
         for (std::size_t i = before.failedRelays.size(); i < context.failedRelays.size(); ++i) {
             const std::string& relay = context.failedRelays[i];
             FUZZ_CHECK(
@@ -150,11 +147,8 @@ void checkVirtualDoor(FuzzInput& in) {
         FUZZ_CHECK(continued(chosen), detail);
         return;
     }
-    for (const std::string& relay : staged) {
-        if (contains(doors, relay)) {
-            chosen.push_back(relay);
-        }
-    }
+    std::copy_if(staged.begin(), staged.end(), std::back_inserter(chosen),
+                 [&](const std::string& relay) { return contains(doors, relay); });
     FUZZ_CHECK(!staged.empty() && chosen.empty() ? refused("Virtual door access denied", staged)
                                                  : continued(chosen),
                detail);

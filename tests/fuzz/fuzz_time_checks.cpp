@@ -87,13 +87,9 @@ void checkHoliday(FuzzInput& in) {
     FakeDataProvider provider;
     provider.config.holidayEnabled = in.range(0, 7) != 0;
     for (int i = 0, count = in.range(0, 4); i < count; ++i) {
-        HolidayData holiday;
-        holiday.yearlyRepeat = in.pick(std::vector<int>({0, 0, 1, -1, 7}));
-        holiday.type = in.range(0, 3);
-        holiday.timeRange = timeRangeText(in);
-        holiday.startDate = dateText(in);
-        holiday.endDate = dateText(in);
-        provider.holidays.push_back(holiday);
+        provider.holidays.push_back(HolidayData{0, in.pick(std::vector<int>({0, 0, 1, -1, 7})),
+                                                in.range(0, 3), timeRangeText(in), "", "",
+                                                dateText(in), dateText(in)});
     }
     for (const std::string& relay : relaysFrom(in)) {
         provider.holidayExemptRelays.insert(relay);
