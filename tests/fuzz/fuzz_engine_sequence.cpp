@@ -219,9 +219,9 @@ private:
         provider->tempKeyUsers["k0"] = provider->users[cardFrom()];
         provider->tempKeyTargets = targetsFrom(in);
         provider->remoteControlUsers["r0"] = provider->users[cardFrom()];
-        if (in.flag()) {
-            provider->httpConfig = HttpOpenConfig{in.flag(), "admin", "secret"};
-        }
+        provider->httpConfig =
+            in.flag() ? std::make_optional(HttpOpenConfig{in.flag(), "admin", "secret"})
+                      : std::nullopt;
         if (in.flag()) {
             const bool enabled = in.range(0, 3) != 0;
             const Relays relays = relaysFrom(in, 3);
@@ -230,9 +230,8 @@ private:
             if (in.flag()) {
                 provider->dtmfUsers["555"] = provider->users["c0"];
             }
-            if (in.flag()) {
-                provider->dtmfVisitor = provider->users["c1"];
-            }
+            provider->dtmfVisitor =
+                in.flag() ? std::make_optional(provider->users["c1"]) : std::nullopt;
         }
         if (in.range(0, 3) != 0) {
             provider->keyData = std::make_shared<KeyData>(
@@ -481,9 +480,7 @@ private:
             update.tempKeyAuthData = std::make_shared<TempKeyAuthData>(
                 TempKeyAuthData{key, "", "", in.range(0, 3) == 0 ? 7 : 0, 0, "", targetsFrom(in)});
         }
-        if (in.range(0, 7) == 0) {
-            update.authTargets = targetsFrom(in);
-        }
+        update.authTargets = in.range(0, 7) == 0 ? targetsFrom(in) : std::vector<AuthTarget>();
         if (in.range(0, 3) == 0) {
             setFromBits(update, in.byte(),
                         {&AuthContext::skipUserLookup, &AuthContext::skipVirtualDoor,
@@ -606,9 +603,9 @@ private:
             request.direction = in.range(0, 2);
             request.commandText = "open";
             request.requestText = "text";
-            if (in.flag()) {
-                request.doubleAuthPendingId = pendingIds.empty() ? "double-1" : in.pick(pendingIds);
-            }
+            request.doubleAuthPendingId = !in.flag()           ? ""
+                                          : pendingIds.empty() ? "double-1"
+                                                               : in.pick(pendingIds);
         }
         return request;
     }

@@ -71,9 +71,9 @@ void checkVirtualDoor(FuzzInput& in) {
     const int openType = context.request.openType;
     if (openType == OPEN_TYPE_PUBLIC_PIN || openType == OPEN_TYPE_LATCH_PIN || !withUser ||
         before.request.virtualDoorExempt) {
-        FUZZ_CHECK(continued(before.relays) && context.relayScheduleMap == before.relayScheduleMap,
-                   detail);
-        return;
+        return FUZZ_CHECK(
+            continued(before.relays) && context.relayScheduleMap == before.relayScheduleMap,
+            detail);
     }
 
     // The text as the rules read it: entries split at ';', an entry names relays only after its
@@ -110,8 +110,7 @@ void checkVirtualDoor(FuzzInput& in) {
                 detail);
         }
         if (!before.relays.empty() && staged.empty()) {
-            FUZZ_CHECK(refused("Requested relay is not in schedule", before.relays), detail);
-            return;
+            return FUZZ_CHECK(refused("Requested relay is not in schedule", before.relays), detail);
         }
     }
 
@@ -129,10 +128,9 @@ void checkVirtualDoor(FuzzInput& in) {
     if (!config.virtualDoorEnabled || before.skipVirtualDoor || doors.empty()) {
         const bool denied = config.virtualDoorEnabled && !before.skipVirtualDoor && noReader &&
                             config.cloudVirtualDoorConfigured && readerType == 0;
-        FUZZ_CHECK(
+        return FUZZ_CHECK(
             denied ? refused("Virtual door reader access denied", staged) : continued(staged),
             detail);
-        return;
     }
     FUZZ_CHECK(context.accessibleDoors == doors, detail);
     Relays chosen;
@@ -144,8 +142,7 @@ void checkVirtualDoor(FuzzInput& in) {
                 chosen.push_back(door);
             }
         }
-        FUZZ_CHECK(continued(chosen), detail);
-        return;
+        return FUZZ_CHECK(continued(chosen), detail);
     }
     std::copy_if(staged.begin(), staged.end(), std::back_inserter(chosen),
                  [&](const std::string& relay) { return contains(doors, relay); });
@@ -203,18 +200,16 @@ void checkRelayKey(FuzzInput& in) {
                });
     };
     if (list.empty()) {
-        FUZZ_CHECK(result == FAILED && context.response.failCode == 32 &&
-                       context.relays == before.relays && context.failedRelays.empty(),
-                   detail);
-        return;
+        return FUZZ_CHECK(result == FAILED && context.response.failCode == 32 &&
+                              context.relays == before.relays && context.failedRelays.empty(),
+                          detail);
     }
     FUZZ_CHECK(context.authTargets.size() == source.size() && context.relays == list, detail);
     const std::vector<int> ids = referenceScheduleIds(idText);
     if (ids.empty()) {
-        FUZZ_CHECK(
+        return FUZZ_CHECK(
             refused("Relay key schedule invalid") && provider.callCount("getRelaySchedules") == 0,
             detail);
-        return;
     }
 
     Relays idTexts;
@@ -247,8 +242,7 @@ void checkRelayKey(FuzzInput& in) {
         }
     }
     if (!admitted) {
-        FUZZ_CHECK(refused("Not in scheduled time"), detail);
-        return;
+        return FUZZ_CHECK(refused("Not in scheduled time"), detail);
     }
     FUZZ_CHECK(result == CONTINUE && context.failedRelays.empty(), detail);
     for (const std::string& relay : list) {

@@ -29,13 +29,13 @@ void checkComparisons(FuzzInput& in) {
     // Mostly moments near the anchors; sometimes any 64-bit value, which must merely not crash.
     const int64_t now = in.flag() ? momentFrom(in) : in.int64();
     ScheduleData schedule;
+    ScheduleData& s = schedule;
     schedule.startTime = timeText(in);
     schedule.endTime = timeText(in);
     schedule.weekly = in.flag() ? in.textFrom("0123456789,- x", 10) : in.bytes(10);
     schedule.startDate = dateText(in);
     schedule.endDate = dateText(in);
     schedule.type = in.range(0, 4);
-    const ScheduleData& s = schedule;
 
     processors::TimeCheckProcessor processor;
     const bool daily = processor.isInDailyTime(s.startTime, s.endTime, now);
@@ -73,14 +73,10 @@ bool insideTimeRange(const std::string& range, const std::string& clock) {
 }
 
 bool holidayToday(const HolidayData& holiday, const std::string& today) {
-    const auto monthDay = [](const std::string& date) {
-        return date.size() < 10 ? std::string() : date.substr(5, 5);
+    const auto part = [&holiday](const std::string& date) {  // yearly: month and day only
+        return holiday.yearlyRepeat == 0 ? date : date.size() < 10 ? "" : date.substr(5, 5);
     };
-    if (holiday.yearlyRepeat != 0) {
-        return monthDay(holiday.startDate) <= monthDay(today) &&
-               monthDay(today) <= monthDay(holiday.endDate);
-    }
-    return holiday.startDate <= today && today <= holiday.endDate;
+    return part(holiday.startDate) <= part(today) && part(today) <= part(holiday.endDate);
 }
 
 void checkHoliday(FuzzInput& in) {
@@ -131,11 +127,10 @@ void checkHoliday(FuzzInput& in) {
     FUZZ_CHECK(provider.callCount("getHolidays") <= 1, detail);
     if (skipped || first == provider.holidays.end() ||
         (first->type == 1 && insideTimeRange(first->timeRange, civil.clock))) {
-        FUZZ_CHECK(result == CONTINUE && context.holidayState == 0 &&
-                       context.relays == before.relays &&
-                       context.failedRelays == before.failedRelays,
-                   detail);
-        return;
+        return FUZZ_CHECK(result == CONTINUE && context.holidayState == 0 &&
+                              context.relays == before.relays &&
+                              context.failedRelays == before.failedRelays,
+                          detail);
     }
 
     Relays kept;
