@@ -5,14 +5,9 @@
 // functions the library uses, so that the fuzz targets can compare the two.
 #pragma once
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-#include <vector>
 
+#include "FuzzInput.h"
 #include "auth_engine/AuthTypes.h"
 
 namespace auth_engine {

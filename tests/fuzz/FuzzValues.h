@@ -5,16 +5,10 @@
 // well formed (so that comparisons are reached) and sometimes arbitrary bytes.
 #pragma once
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
 #include <memory>
-#include <string>
-#include <vector>
 
-#include "FuzzInput.h"
 #include "FuzzReference.h"
-#include "auth_engine/AuthTypes.h"
+#include "auth_engine/AuthLogger.h"
 
 namespace auth_engine {
 namespace fuzz {

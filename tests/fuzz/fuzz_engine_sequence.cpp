@@ -15,11 +15,8 @@
 // while it is locked out, and the guard's table never outgrows its fixed size whatever is typed;
 // with duress codes on, a duress code decides exactly as the user's own code does.
 #include <stdexcept>
-#include <tuple>
 
-#include "FuzzInput.h"
 #include "FuzzValues.h"
-#include "auth_engine/AuthLogger.h"
 #include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 #include "support/CallbackRecorder.h"

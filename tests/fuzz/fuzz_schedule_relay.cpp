@@ -6,14 +6,10 @@
 // is the one a plain reading of the text gives (so it names no relay the text does not name and
 // keeps no schedule id below 1), and the relay key's verdict matches a reference evaluation of
 // the host's schedules.
-#include <map>
 #include <sstream>
 
-#include "FuzzInput.h"
-#include "FuzzReference.h"
 #include "FuzzValues.h"
 #include "auth_engine/AuthClock.h"
-#include "auth_engine/AuthLogger.h"
 #include "processors/TimeCheckProcessor.h"
 #include "processors/VirtualDoorProcessor.h"
 #include "support/FakeDataProvider.h"

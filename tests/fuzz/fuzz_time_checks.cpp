@@ -4,8 +4,6 @@
 // Time-of-day, weekday and date comparisons of the schedule check, and the holiday check with
 // host-supplied holiday texts, compared with a reference that computes the calendar by counting
 // days instead of asking the C library.
-#include "FuzzInput.h"
-#include "FuzzReference.h"
 #include "FuzzValues.h"
 #include "auth_engine/AuthClock.h"
 #include "processors/HolidayCheckProcessor.h"
