@@ -318,9 +318,11 @@ private:
         };
     }
 
-    void markSilent(const std::string& id) {
+    /// Runs `change` on the members that hooks on the worker write too.
+    template <typename Change>
+    void locked(Change change) {
         Lock guard(mutex);
-        silent.insert(id);
+        change();
     }
 
     /// Resets the engine. A parked chain vanishes at a reset without a word, by design: requests
@@ -329,14 +331,11 @@ private:
         ++resets;
         const std::set<std::string> heard = maybeUnderLock ? heardRoots() : std::set<std::string>();
         std::vector<std::string> maybeParked;
-        {
-            Lock guard(mutex);
-            maybeParked = accepted;
-        }
+        locked([&] { maybeParked = accepted; });
         AuthEngine::AsyncContext parked;
         for (const std::string& id : maybeParked) {
             if (maybeUnderLock ? heard.count(id) == 0 : engine->peekParkedChain(id, parked)) {
-                markSilent(id);
+                locked([&] { silent.insert(id); });
             }
         }
         engine->reset();
@@ -388,10 +387,8 @@ private:
                 deliver(question, response, update);
             }
             if (mode == 4) {
-                {
-                    Lock guard(mutex);
-                    decided[routedId(question)] = -1;  // the call failed: its answer must not count
-                }
+                // The call failed: its answer must not count.
+                locked([&] { decided[routedId(question)] = -1; });
                 throw std::runtime_error("fuzz host: answered, then the call failed");
             }
             if (mode == 7) {
@@ -518,13 +515,10 @@ private:
         if (!live.empty()) {
             return in.pick(live);
         }
-        std::string root;
-        if (!roots.empty() && in.range(0, 7) != 0) {
-            root = in.pick(roots);
-        } else {
-            root = in.range(0, 3) == 0 ? in.bytes(10)
-                                       : in.pick(Strings{"", "req_", "req_0_0", "x", "double-1"});
-        }
+        const std::string root = !roots.empty() && in.range(0, 7) != 0 ? in.pick(roots)
+                                 : in.range(0, 3) == 0
+                                     ? in.bytes(10)
+                                     : in.pick(Strings{"", "req_", "req_0_0", "x", "double-1"});
         const std::string relay = in.pick(kRelayPool);
         return in.pick(Strings{root, root + kApQuestion + relay, root + kIlQuestion + relay,
                                root + "_ind_parking", root + "_ind_antipassback_ind_parking",
@@ -557,13 +551,10 @@ private:
         const bool userAttempt = in.flag();
         request.openType = static_cast<OpenDoorType>(
             userAttempt ? in.pick(std::vector<int>({1, 4, 9, 10, 11})) : in.pick(openTypes));
-        if (userAttempt) {
-            request.credential = cardFrom();
-        } else if (in.range(0, 3) == 0) {
-            request.credential = in.range(0, 3) == 0 ? in.bytes(8) : in.pick(kCredentials);
-        } else {
-            request.credential = credentialOf(request.openType);
-        }
+        request.credential = userAttempt           ? cardFrom()
+                             : in.range(0, 3) != 0 ? credentialOf(request.openType)
+                             : in.range(0, 3) == 0 ? in.bytes(8)
+                                                   : in.pick(kCredentials);
         request.readerType = static_cast<ReaderType>(in.range(0, 7) == 0 ? 5 : in.range(0, 2));
         request.timestamp = clock.wall();
         request.sourceCode = in.range(0, 7) == 0 ? SOURCE_CODE_QR : 0;
@@ -788,7 +779,7 @@ private:
         AuthEngine::AsyncContext parked;
         for (const std::string& root : roots) {
             if (engine->peekParkedChain(root, parked)) {
-                markSilent(root);
+                locked([&] { silent.insert(root); });
             }
         }
         for (const auto& question : provider->questions()) {
