@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cerrno>
+#include <sstream>
 
 #include "FuzzInput.h"
 #include "auth_engine/AuthTypes.h"
@@ -82,15 +83,13 @@ inline bool referenceScheduleValid(const ScheduleData& schedule, int64_t now) {
 /// are dropped.
 inline std::vector<int> referenceScheduleIds(const std::string& text) {
     std::vector<int> ids;
-    for (std::size_t start = 0; start <= text.size(); start = text.find(';', start) + 1) {
+    std::istringstream pieces(text);
+    for (std::string piece; std::getline(pieces, piece, ';');) {  // a trailing empty piece is 0
         errno = 0;
-        const long long value = std::strtoll(text.substr(start).c_str(), nullptr, 10);
+        const long long value = std::strtoll(piece.c_str(), nullptr, 10);
         if (errno == 0 && value >= 1 && value <= INT32_MAX &&
             std::find(ids.begin(), ids.end(), value) == ids.end()) {
             ids.push_back(static_cast<int>(value));
-        }
-        if (text.find(';', start) == std::string::npos) {
-            break;
         }
     }
     return ids;

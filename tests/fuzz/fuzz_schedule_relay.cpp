@@ -6,8 +6,6 @@
 // is the one a plain reading of the text gives (so it names no relay the text does not name and
 // keeps no schedule id below 1), and the relay key's verdict matches a reference evaluation of
 // the host's schedules.
-#include <sstream>
-
 #include "FuzzValues.h"
 #include "auth_engine/AuthClock.h"
 #include "processors/TimeCheckProcessor.h"
@@ -223,18 +221,16 @@ void checkRelayKey(FuzzInput& in) {
     FUZZ_CHECK(context.relayScheduleMap == expected, detail);
     FUZZ_CHECK(provider.ownerKeysAsked() == Strings{ownerKey}, detail + " owner key " + ownerKey);
 
-    std::map<std::string, std::shared_ptr<ScheduleData>> byId;
-    for (const auto& schedule : provider.schedules) {
-        if (schedule) {
-            byId[schedule->scheduleId] = schedule;
-        }
-    }
     bool admitted = false;
     bool exempt = false;
     for (const std::string& id : idTexts) {
-        if (byId.count(id) != 0 && referenceScheduleValid(*byId[id], now)) {
+        // A repeated schedule id: the host's last entry counts.
+        const auto found = std::find_if(
+            provider.schedules.rbegin(), provider.schedules.rend(),
+            [&id](const std::shared_ptr<ScheduleData>& s) { return s && s->scheduleId == id; });
+        if (found != provider.schedules.rend() && referenceScheduleValid(**found, now)) {
             admitted = true;
-            exempt = exempt || byId[id]->holidayExemption;
+            exempt = exempt || (*found)->holidayExemption;
         }
     }
     if (!admitted) {
