@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace auth_engine {
@@ -58,9 +59,8 @@ public:
 
     /// Everything not read yet, as it is.
     std::string rest() {
-        std::string out(reinterpret_cast<const char*>(data) + position, size - position);
-        position = size;
-        return out;
+        const std::size_t from = std::exchange(position, size);
+        return std::string(reinterpret_cast<const char*>(data) + from, size - from);
     }
 
 private:

@@ -17,6 +17,14 @@ namespace fuzz {
 /// Latest second whose year still has four digits (9999-12-31 23:59:59 UTC).
 constexpr int64_t kLastFourDigitSecond = 253402300799;
 
+/// printf-style text of up to 47 characters.
+template <typename... Args>
+std::string format(const char* pattern, Args... args) {
+    char buffer[48];
+    (void)std::snprintf(buffer, sizeof(buffer), pattern, args...);
+    return buffer;
+}
+
 /// UTC calendar of a moment by day counting (proleptic Gregorian calendar).
 struct Civil {
     std::string clock;  ///< "HH:MM:SS"
@@ -35,15 +43,12 @@ inline Civil civilFromSeconds(int64_t seconds) {
     const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
     const int64_t monthIndex = (5 * dayOfYear + 2) / 153;  // March = 0
     const int64_t month = monthIndex < 10 ? monthIndex + 3 : monthIndex - 9;
-    char clock[16];
-    char date[32];
-    (void)std::snprintf(clock, sizeof(clock), "%02d:%02d:%02d", static_cast<int>(rest / 3600),
-                        static_cast<int>(rest / 60 % 60), static_cast<int>(rest % 60));
-    (void)std::snprintf(date, sizeof(date), "%04lld-%02d-%02d",
-                        static_cast<long long>(yearOfEra + era * 400 + (month <= 2 ? 1 : 0)),
-                        static_cast<int>(month),
-                        static_cast<int>(dayOfYear - (153 * monthIndex + 2) / 5 + 1));
-    return Civil{clock, date, static_cast<int>(((days + 4) % 7 + 7) % 7)};  // 1970-01-01: Thursday
+    const auto year = static_cast<long long>(yearOfEra + era * 400 + (month <= 2 ? 1 : 0));
+    const auto day = static_cast<int>(dayOfYear - (153 * monthIndex + 2) / 5 + 1);
+    return Civil{format("%02d:%02d:%02d", static_cast<int>(rest / 3600),
+                        static_cast<int>(rest / 60 % 60), static_cast<int>(rest % 60)),
+                 format("%04lld-%02d-%02d", year, static_cast<int>(month), day),
+                 static_cast<int>(((days + 4) % 7 + 7) % 7)};  // 1970-01-01 was a Thursday
 }
 
 inline std::string withoutDashes(std::string text) {

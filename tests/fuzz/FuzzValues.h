@@ -64,33 +64,23 @@ inline std::string timeText(FuzzInput& in) {
     if (form >= 2) {
         return form == 2 ? in.pick(edges) : in.bytes(12);
     }
-    // One read per statement: argument order is unspecified, and the corpus must decode the
-    // same way with every compiler.
-    const int hour = in.range(0, 24);
-    const int minute = in.range(0, 60);
-    const int second = in.range(0, 60);
-    char buffer[16];
-    (void)std::snprintf(buffer, sizeof(buffer), "%02d:%02d:%02d", hour, minute, second);
-    return buffer;
+    // Read through a braced list, which is evaluated in order (argument order is unspecified),
+    // so that the corpus decodes the same way with every compiler.
+    const std::vector<int> hms = {in.range(0, 24), in.range(0, 60), in.range(0, 60)};
+    return format("%02d:%02d:%02d", hms[0], hms[1], hms[2]);
 }
 
 /// A date as "YYYY-MM-DD" or "YYYYMMDD" near the anchors, a short or overlong form, or raw bytes.
 inline std::string dateText(FuzzInput& in) {
     static const auto years = std::vector<int>({1969, 1970, 2023, 2024, 2025, 2026, 9999});
-    static const Strings odd = {"",          "2025-01",     "01-15",
-                                "2025-1-15", "12025-01-15", "2025-01-15-16",
-                                "--------",  "2025-12-31 "};
+    static const auto odd = Strings({"", "2025-01", "01-15", "2025-1-15", "12025-01-15",
+                                     "2025-01-15-16", "--------", "2025-12-31 "});
     const int form = in.range(0, 4);
     if (form >= 3) {
         return form == 3 ? in.pick(odd) : in.bytes(14);
     }
-    const int year = in.pick(years);
-    const int month = in.range(0, 13);
-    const int day = in.range(0, 32);
-    char buffer[32];
-    (void)std::snprintf(buffer, sizeof(buffer), form == 2 ? "%04d%02d%02d" : "%04d-%02d-%02d", year,
-                        month, day);
-    return buffer;
+    const std::vector<int> ymd = {in.pick(years), in.range(0, 13), in.range(0, 32)};
+    return format(form == 2 ? "%04d%02d%02d" : "%04d-%02d-%02d", ymd[0], ymd[1], ymd[2]);
 }
 
 /// A host schedule with fuzzed texts, or (one time in eight) a null entry: malformed host data.

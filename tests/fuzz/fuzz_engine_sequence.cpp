@@ -104,9 +104,9 @@ public:
             collectIds();
         }
         drain();
-        checkReports();
+        collectIds();
         engine->reset();
-        checkReports();
+        collectIds();
         checkEveryRequestHeardBack();
     }
 
@@ -459,10 +459,8 @@ private:
         response.relays = relaysIf(4);
         response.reason = (fields & 8) != 0 ? in.bytes(8) : std::string();
         response.targets = (fields & 16) != 0 ? targetsFrom(in) : std::vector<AuthTarget>();
-        if ((fields & 32) != 0) {
-            response.asyncType = in.flag() ? "antipassback" : "x";
-            response.unlockOptionsId = "options";
-        }
+        response.asyncType = (fields & 32) == 0 ? "" : in.flag() ? "antipassback" : "x";
+        response.unlockOptionsId = (fields & 32) == 0 ? "" : "options";
         response.remoteFailCode = in.range(-1, 6);
         return response;
     }
@@ -475,12 +473,10 @@ private:
                 TempKeyAuthData{key, "", "", in.range(0, 3) == 0 ? 7 : 0, 0, "", targetsFrom(in)});
         }
         update.authTargets = in.range(0, 7) == 0 ? targetsFrom(in) : std::vector<AuthTarget>();
-        if (in.range(0, 3) == 0) {
-            setFromBits(update, in.byte(),
-                        {&AuthContext::skipUserLookup, &AuthContext::skipVirtualDoor,
-                         &AuthContext::skipUnlockType, &AuthContext::skipTimeCheck,
-                         &AuthContext::skipHolidayCheck, &AuthContext::virtualDoorExempt});
-        }
+        setFromBits(update, in.range(0, 3) == 0 ? in.byte() : 0,  // all clear by default
+                    {&AuthContext::skipUserLookup, &AuthContext::skipVirtualDoor,
+                     &AuthContext::skipUnlockType, &AuthContext::skipTimeCheck,
+                     &AuthContext::skipHolidayCheck, &AuthContext::virtualDoorExempt});
         return update;
     }
 
@@ -676,11 +672,9 @@ private:
                 engine->resumeAuthentication(
                     root + kPhaseSuffixes[static_cast<std::size_t>(in.range(0, 4))]);
             }
-        } else if (operation ==
-                   11) {  // reset and start again, or an init that keeps what is parked
+        } else if (operation == 11) {  // reset, or an init that keeps what is parked
             if (in.flag()) {
                 resetEngine(false);
-                checkReports();
             }
             FUZZ_CHECK(engine->init(provider) == 0, "init failed");
         } else if (operation == 12) {  // interlock verification without a credential
@@ -751,30 +745,9 @@ private:
         return heard;
     }
 
-    /// How far the host's reports and the callbacks have been gone through.
-    struct Seen {
-        std::size_t reports = 0;
-        std::size_t calls = 0;
-    };
-
-    /// Hands each host report, then each callback, not yet `seen` to visit(id, response, context).
-    template <typename Visit>
-    void visitNew(Seen& seen, Visit visit) {
-        const auto reports = provider->reports();
-        for (; seen.reports < reports.size(); ++seen.reports) {
-            const auto& report = reports[seen.reports];
-            FUZZ_CHECK(report.result == report.context.response.result, "report result differs");
-            visit(report.context.requestId, report.context.response, report.context);
-        }
-        const auto calls = recorder.all();
-        for (; seen.calls < calls.size(); ++seen.calls) {
-            const auto& call = calls[seen.calls];
-            visit(call.requestId, call.response, call.context);
-        }
-    }
-
-    /// Learns ids from what the host saw: request ids, relay choices, pending first factors; and
-    /// which requests may end without a word (parked chains vanish at a reset).
+    /// Checks the new reports and learns ids from what the host saw: request ids, relay choices,
+    /// pending first factors; and which requests may end without a word (parked chains vanish at
+    /// a reset).
     void collectIds() {
         AuthEngine::AsyncContext parked;
         for (const std::string& root : roots) {
@@ -785,8 +758,9 @@ private:
         for (const auto& question : provider->questions()) {
             addRoot(rootOf(question.requestId));
         }
-        visitNew(learned, [this](const std::string& id, const AuthResponse& response,
-                                 const AuthContext&) {
+        const auto visit = [this](const std::string& id, const AuthResponse& response,
+                                  const AuthContext& context) {
+            checkReport(id, response, context);
             addRoot(rootOf(id));
             if (response.result == UNLOCK_OPTIONS_PENDING && !response.unlockOptionsId.empty()) {
                 choices.emplace_back(response.unlockOptionsId, response.unlockOptionsRelays);
@@ -795,7 +769,17 @@ private:
                 !contains(pendingIds, response.doubleAuthPendingId)) {
                 pendingIds.push_back(response.doubleAuthPendingId);
             }
-        });
+        };
+        const auto reports = provider->reports();
+        for (; reportsSeen < reports.size(); ++reportsSeen) {
+            const auto& report = reports[reportsSeen];
+            FUZZ_CHECK(report.result == report.context.response.result, "report result differs");
+            visit(report.context.requestId, report.context.response, report.context);
+        }
+        const auto calls = recorder.all();
+        for (; callsSeen < calls.size(); ++callsSeen) {
+            visit(calls[callsSeen].requestId, calls[callsSeen].response, calls[callsSeen].context);
+        }
     }
 
     /// Moves both clocks far past every timeout and sweeps until nothing is parked.
@@ -841,12 +825,6 @@ private:
         FUZZ_CHECK(response.result != FAILED ||
                        (response.openedRelays.empty() && response.targets.empty()),
                    what + ": a refusal opens " + joinForDetail(response.openedRelays));
-    }
-
-    void checkReports() {
-        visitNew(checked,
-                 [this](const std::string& id, const AuthResponse& response,
-                        const AuthContext& context) { checkReport(id, response, context); });
     }
 
     void checkReport(const std::string& id, const AuthResponse& response,
@@ -926,7 +904,7 @@ private:
     Relays roots, pendingIds;
     std::vector<std::pair<std::string, Relays>> choices;
     std::set<std::string> verifications;
-    Seen learned, checked;
+    std::size_t reportsSeen = 0, callsSeen = 0;  // the host's reports, then the callbacks
 };
 
 }  // namespace
