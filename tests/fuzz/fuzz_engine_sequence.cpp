@@ -487,16 +487,13 @@ private:
         AuthEngine::AsyncContext chain;
         AuthEngine::IndependentAsyncContext phase;
         for (const std::string& root : roots) {
-            for (const std::string& suffix : kPhaseSuffixes) {
-                if (engine->peekParkedChain(root + suffix, chain) ||
-                    engine->peekParkedPhase(root + suffix, phase)) {
-                    live.push_back(root + suffix);
-                }
-            }
-            for (std::size_t i = 0; i < 12; ++i) {
-                const std::string id =
-                    root + (i % 2 == 0 ? kApQuestion : kIlQuestion) + kRelayPool[i / 2];
-                if (!engine->subRequestParent(id).empty()) {
+            // The phases, then each relay's anti-passback and interlock questions.
+            for (std::size_t i = 0; i < 18; ++i) {
+                const std::string id = i < 6 ? root + kPhaseSuffixes[i]
+                                             : root + (i % 2 == 0 ? kApQuestion : kIlQuestion) +
+                                                   kRelayPool[(i - 6) / 2];
+                if (i < 6 ? engine->peekParkedChain(id, chain) || engine->peekParkedPhase(id, phase)
+                          : !engine->subRequestParent(id).empty()) {
                     live.push_back(id);
                 }
             }
@@ -610,7 +607,39 @@ private:
             FUZZ_CHECK(!lockedOut || resets != resetsBefore || response.result != SUCCESS,
                        "reader " + std::to_string(request.readerType) +
                            " opened while locked out: " + joinForDetail(response.openedRelays));
-            checkDuressLikeOwnCode(request, response, resetsBefore);
+            // A duress code decides as the user's own code does: the same attempt with the card
+            // of the same user, made right after, must end alike. Skipped where the two cannot be
+            // compared: double authentication (the first attempt changes what the second
+            // completes), a reset or a host fault during either.
+            const std::string& code = request.credential;
+            if (!provider->config.duressEnabled || code.size() != 2 || code[0] != 'd' ||
+                provider->config.doubleAuthEnabled || !isMemorisedCode(request.openType)) {
+                return;
+            }
+            const int faultsBefore = faultsFired;
+            AuthRequest own = request;
+            own.credential = "c" + code.substr(1);
+            const AuthResponse plain = engine->authenticate(own, {}, std::string());
+            checkRefusalCarriesNothing(plain, "returned response");
+            if (resets != resetsBefore || faultsFired != faultsBefore) {
+                return;
+            }
+            const auto sorted = [](Relays relays) {
+                std::sort(relays.begin(), relays.end());
+                return relays;
+            };
+            const std::string what = "duress " + code + ": " + std::to_string(response.result) +
+                                     joinForDetail(response.openedRelays) +
+                                     ", own code: " + std::to_string(plain.result) +
+                                     joinForDetail(plain.openedRelays);
+            FUZZ_CHECK(
+                response.result == plain.result && response.failCode == plain.failCode &&
+                    sorted(response.openedRelays) == sorted(plain.openedRelays) &&
+                    sorted(response.unlockOptionsRelays) == sorted(plain.unlockOptionsRelays),
+                what);
+            FUZZ_CHECK(
+                !plain.duress && (response.duress || response.failCode == 45 || !response.user),
+                what + ": duress flag");
         } else if (operation ==
                    2) {  // synchronous, with an id and a callback, as the worker makes it
             const std::string id = engine->generateRequestId();
@@ -694,41 +723,6 @@ private:
             FUZZ_CHECK(response.result == FAILED, "double authentication control passed");
             checkRefusalCarriesNothing(response, "double authentication control");
         }
-    }
-
-    /// A duress code decides as the user's own code does: the same attempt with the card of the
-    /// same user, made right after, must end alike. Skipped where the two cannot be compared:
-    /// double authentication (the first attempt changes what the second completes), a reset or a
-    /// host fault during either.
-    void checkDuressLikeOwnCode(const AuthRequest& request, const AuthResponse& duress,
-                                int resetsBefore) {
-        const std::string& code = request.credential;
-        if (!provider->config.duressEnabled || code.size() != 2 || code[0] != 'd' ||
-            provider->config.doubleAuthEnabled || !isMemorisedCode(request.openType)) {
-            return;
-        }
-        const int faultsBefore = faultsFired;
-        AuthRequest own = request;
-        own.credential = "c" + code.substr(1);
-        const AuthResponse plain = engine->authenticate(own, {}, std::string());
-        checkRefusalCarriesNothing(plain, "returned response");
-        if (resets != resetsBefore || faultsFired != faultsBefore) {
-            return;
-        }
-        const auto sorted = [](Relays relays) {
-            std::sort(relays.begin(), relays.end());
-            return relays;
-        };
-        const std::string what = "duress " + code + " result " + std::to_string(duress.result) +
-                                 " opened " + joinForDetail(duress.openedRelays) + ", own code " +
-                                 std::to_string(plain.result) + " opened " +
-                                 joinForDetail(plain.openedRelays);
-        FUZZ_CHECK(duress.result == plain.result && duress.failCode == plain.failCode &&
-                       sorted(duress.openedRelays) == sorted(plain.openedRelays) &&
-                       sorted(duress.unlockOptionsRelays) == sorted(plain.unlockOptionsRelays),
-                   what);
-        FUZZ_CHECK(!plain.duress && (duress.duress || duress.failCode == 45 || !duress.user),
-                   what + ": duress flag");
     }
 
     void addRoot(const std::string& id) {

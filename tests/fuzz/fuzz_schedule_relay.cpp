@@ -20,10 +20,9 @@ using testing::FakeDataProvider;
 using ScheduleMap = std::map<std::string, Relays>;
 
 std::string describe(const AuthContext& context, AuthResult result) {
-    return "result=" + std::to_string(result) +
-           " failCode=" + std::to_string(context.response.failCode) +
-           " reason=" + context.response.reason + " relays=" + joinForDetail(context.relays) +
-           " failed=" + joinForDetail(context.failedRelays);
+    return std::to_string(result) + " " + std::to_string(context.response.failCode) + " " +
+           context.response.reason + joinForDetail(context.relays) +
+           joinForDetail(context.failedRelays);
 }
 
 void checkVirtualDoor(FuzzInput& in) {
@@ -221,8 +220,7 @@ void checkRelayKey(FuzzInput& in) {
     FUZZ_CHECK(context.relayScheduleMap == expected, detail);
     FUZZ_CHECK(provider.ownerKeysAsked() == Strings{ownerKey}, detail + " owner key " + ownerKey);
 
-    bool admitted = false;
-    bool exempt = false;
+    bool admitted = false, exempt = false;
     for (const std::string& id : idTexts) {
         // A repeated schedule id: the host's last entry counts.
         const auto found = std::find_if(

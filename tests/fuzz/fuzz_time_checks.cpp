@@ -110,10 +110,9 @@ void checkHoliday(FuzzInput& in) {
     AuthClock::setNowOverride(nullptr);
 
     const Civil civil = civilFromSeconds(now);
-    const std::string detail = "today " + civil.date + " " + civil.clock +
-                               " result=" + std::to_string(result) +
-                               " state=" + std::to_string(context.holidayState) +
-                               " relays=" + joinForDetail(context.relays);
+    const std::string detail = civil.date + " " + civil.clock + " result " +
+                               std::to_string(result) + " state " +
+                               std::to_string(context.holidayState) + joinForDetail(context.relays);
     const int openType = before.request.openType;
     const bool skipped = before.skipHolidayCheck || openType == OPEN_TYPE_PUBLIC_PIN ||
                          openType == OPEN_TYPE_LATCH_PIN || !provider.config.holidayEnabled ||
