@@ -89,16 +89,12 @@ inline std::shared_ptr<ScheduleData> scheduleFrom(FuzzInput& in) {
     if (in.range(0, 7) == 0) {
         return nullptr;
     }
-    auto schedule = std::make_shared<ScheduleData>();
-    schedule->scheduleId = in.pick(ids);
-    schedule->type = in.range(0, 4);
-    schedule->startTime = timeText(in);
-    schedule->endTime = timeText(in);
-    schedule->weekly = in.textFrom("0123456789, x", 8);
-    schedule->startDate = dateText(in);
-    schedule->endDate = dateText(in);
-    schedule->holidayExemption = in.flag();
-    return schedule;
+    const std::string id = in.pick(ids);
+    const int type = in.range(0, 4);
+    const std::string start = timeText(in), end = timeText(in),
+                      weekly = in.textFrom("0123456789, x", 8);
+    return std::make_shared<ScheduleData>(ScheduleData{0, type, id, "", start, end, dateText(in),
+                                                       dateText(in), weekly, "", in.flag()});
 }
 
 /// Up to three targets of kind 0 to 3 on relays of the pool.

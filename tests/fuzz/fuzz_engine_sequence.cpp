@@ -269,13 +269,12 @@ private:
     /// Counts the call and commits the faults planned for it.
     void onHostCall(const std::string& operation) {
         std::vector<HostFault> due;
-        {
-            Lock guard(mutex);
+        locked([&] {
             const int call = ++hostCalls[operation];
             std::copy_if(
                 faults.begin(), faults.end(), std::back_inserter(due),
                 [&](const HostFault& f) { return f.operation == operation && f.call == call; });
-        }
+        });
         faultsFired += static_cast<int>(due.size());
         for (const HostFault& fault : due) {
             // A completion callback or a report may run under the engine's lock, where it cannot
@@ -451,12 +450,9 @@ private:
         AuthResponse response = responseOf(static_cast<AuthResult>(in.pick(results)));
         response.failCode = in.pick(std::vector<int>({0, 0, 5, 21, 23, 24, 44, -3}));
         const unsigned fields = in.byte();
-        const auto relaysIf = [&](unsigned bit) {
-            return (fields & bit) != 0 ? relaysFrom(in, 3) : Relays();
-        };
-        response.openedRelays = relaysIf(1);
-        response.unlockOptionsRelays = relaysIf(2);
-        response.relays = relaysIf(4);
+        response.openedRelays = (fields & 1) != 0 ? relaysFrom(in, 3) : Relays();
+        response.unlockOptionsRelays = (fields & 2) != 0 ? relaysFrom(in, 3) : Relays();
+        response.relays = (fields & 4) != 0 ? relaysFrom(in, 3) : Relays();
         response.reason = (fields & 8) != 0 ? in.bytes(8) : std::string();
         response.targets = (fields & 16) != 0 ? targetsFrom(in) : std::vector<AuthTarget>();
         response.asyncType = (fields & 32) == 0 ? "" : in.flag() ? "antipassback" : "x";

@@ -19,10 +19,6 @@ using testing::FakeDataProvider;
 // Earliest second whose year has four digits (1000-01-01 00:00:00 UTC).
 constexpr int64_t kFirstFourDigitSecond = -30610224000;
 
-std::string quoted(const std::string& text) {
-    return "\"" + text + "\"";
-}
-
 void checkComparisons(FuzzInput& in) {
     // Mostly moments near the anchors; sometimes any 64-bit value, which must merely not crash.
     const int64_t now = in.flag() ? momentFrom(in) : in.int64();
@@ -45,10 +41,10 @@ void checkComparisons(FuzzInput& in) {
     }
     const std::string at = " at " + std::to_string(now);
     FUZZ_CHECK(daily == referenceDailyTime(s.startTime, s.endTime, now),
-               quoted(s.startTime) + ".." + quoted(s.endTime) + at);
-    FUZZ_CHECK(weekday == referenceWeekly(s.weekly, now), quoted(s.weekly) + at);
+               "|" + s.startTime + "|..|" + s.endTime + "|" + at);
+    FUZZ_CHECK(weekday == referenceWeekly(s.weekly, now), "|" + s.weekly + "|" + at);
     FUZZ_CHECK(dated == referenceDateRange(s.startDate, s.endDate, now),
-               quoted(s.startDate) + ".." + quoted(s.endDate) + at);
+               "|" + s.startDate + "|..|" + s.endDate + "|" + at);
     FUZZ_CHECK(valid == referenceScheduleValid(schedule, now),
                "type " + std::to_string(s.type) + at);
 }
