@@ -32,7 +32,6 @@ using Question = FakeDataProvider::Question;
 using Lock = std::lock_guard<std::mutex>;
 
 constexpr int kIdleWaitMs = 30000;
-constexpr int kMaxOperations = 40;
 // A per-relay question's id: the request id, one of these, the relay.
 const char* const kApQuestion = "_ind_antipassback_ap_";
 const char* const kIlQuestion = "_ind_interlock_il_";
@@ -96,18 +95,48 @@ public:
     void run() {
         configureHost();
         FUZZ_CHECK(engine->init(provider) == 0, "init failed");
-        for (int step = 0; step < kMaxOperations && !in.empty(); ++step) {
+        for (int step = 0; step < 40 && !in.empty(); ++step) {  // at most 40 operations
             operate();
             FUZZ_CHECK(engine->waitForIdle(kIdleWaitMs), "engine did not become idle");
             FUZZ_CHECK(engine->guessReaderCount() <= GuessGuard::READER_SLOTS,
                        "guessing protection outgrew its table");
             collectIds();
         }
-        drain();
+        // Both clocks far past every timeout, and sweeps until nothing is parked.
+        if (!engine->isReady()) {
+            resetEngine(false);  // completes a reset host code asked for
+        }
+        for (int round = 0; round < 12 && engine->parkedChainCount() + engine->parkedPhaseCount() +
+                                                  engine->subRequestCount() >
+                                              0;
+             ++round) {
+            clock.advance(100000);
+            engine->checkAllPendingTimeouts();
+            FUZZ_CHECK(engine->waitForIdle(kIdleWaitMs), "engine did not become idle");
+        }
+        const std::string left = std::to_string(engine->parkedChainCount()) + " chains, " +
+                                 std::to_string(engine->parkedPhaseCount()) + " phases, " +
+                                 std::to_string(engine->openQuestionCount()) + " questions, " +
+                                 std::to_string(engine->heldAnswerCount()) + " held answers";
+        FUZZ_CHECK(left == "0 chains, 0 phases, 0 questions, 0 held answers", "left: " + left);
         collectIds();
         engine->reset();
         collectIds();
-        checkEveryRequestHeardBack();
+
+        // Every accepted request heard back, unless it ended silently by design (a chain parked
+        // when the engine was reset, an answer saying DROPPED); no phase and no verdict twice.
+        std::set<std::string> reported, heard;
+        for (const auto& call : recorder.all()) {
+            heard.insert(rootOf(call.requestId));
+            const bool offer = call.response.result == UNLOCK_OPTIONS_PENDING;
+            FUZZ_CHECK(reported.insert((offer ? "offer " : "verdict ") + call.requestId).second,
+                       call.requestId + " reported or offered a choice twice");
+        }
+        Lock guard(mutex);
+        for (const std::string& id : accepted) {
+            FUZZ_CHECK(heard.count(id) != 0 || silent.count(id) != 0,
+                       "accepted request " + id + " never heard back");
+        }
     }
 
 private:
@@ -328,7 +357,11 @@ private:
     /// parked now (or, where the engine cannot be asked, any not heard of yet) may stay silent.
     void resetEngine(bool maybeUnderLock) {
         ++resets;
-        const std::set<std::string> heard = maybeUnderLock ? heardRoots() : std::set<std::string>();
+        std::set<std::string> heard;
+        for (const auto& call :
+             maybeUnderLock ? recorder.all() : std::vector<testing::CallbackRecorder::Call>()) {
+            heard.insert(rootOf(call.requestId));
+        }
         std::vector<std::string> maybeParked;
         locked([&] { maybeParked = accepted; });
         AuthEngine::AsyncContext parked;
@@ -727,14 +760,6 @@ private:
         }
     }
 
-    std::set<std::string> heardRoots() {
-        std::set<std::string> heard;
-        for (const auto& call : recorder.all()) {
-            heard.insert(rootOf(call.requestId));
-        }
-        return heard;
-    }
-
     /// Checks the new reports and learns ids from what the host saw: request ids, relay choices,
     /// pending first factors; and which requests may end without a word (parked chains vanish at
     /// a reset).
@@ -769,43 +794,6 @@ private:
         const auto calls = recorder.all();
         for (; callsSeen < calls.size(); ++callsSeen) {
             visit(calls[callsSeen].requestId, calls[callsSeen].response, calls[callsSeen].context);
-        }
-    }
-
-    /// Moves both clocks far past every timeout and sweeps until nothing is parked.
-    void drain() {
-        if (!engine->isReady()) {
-            resetEngine(false);  // completes a reset host code asked for
-        }
-        for (int round = 0; round < 12 && engine->parkedChainCount() + engine->parkedPhaseCount() +
-                                                  engine->subRequestCount() >
-                                              0;
-             ++round) {
-            clock.advance(100000);
-            engine->checkAllPendingTimeouts();
-            FUZZ_CHECK(engine->waitForIdle(kIdleWaitMs), "engine did not become idle");
-        }
-        const std::string left = std::to_string(engine->parkedChainCount()) + " chains, " +
-                                 std::to_string(engine->parkedPhaseCount()) + " phases, " +
-                                 std::to_string(engine->openQuestionCount()) + " questions, " +
-                                 std::to_string(engine->heldAnswerCount()) + " held answers";
-        FUZZ_CHECK(left == "0 chains, 0 phases, 0 questions, 0 held answers", "left: " + left);
-    }
-
-    /// Every accepted request heard back, unless it ended silently by design (a chain parked when
-    /// the engine was reset, an answer saying DROPPED); no phase and no verdict twice.
-    void checkEveryRequestHeardBack() {
-        std::set<std::string> reported;
-        for (const auto& call : recorder.all()) {
-            const bool offer = call.response.result == UNLOCK_OPTIONS_PENDING;
-            FUZZ_CHECK(reported.insert((offer ? "offer " : "verdict ") + call.requestId).second,
-                       call.requestId + " reported or offered a choice twice");
-        }
-        const std::set<std::string> heard = heardRoots();
-        Lock guard(mutex);
-        for (const std::string& id : accepted) {
-            FUZZ_CHECK(heard.count(id) != 0 || silent.count(id) != 0,
-                       "accepted request " + id + " never heard back");
         }
     }
 
