@@ -8,7 +8,6 @@
 #pragma once
 
 #include <cerrno>
-#include <memory>
 #include <sstream>
 
 #include "FuzzInput.h"
@@ -30,9 +29,8 @@ std::string format(const char* pattern, Args... args) {
 
 /// UTC calendar of a moment by day counting (proleptic Gregorian calendar).
 struct Civil {
-    std::string clock;  ///< "HH:MM:SS"
-    std::string date;   ///< "YYYY-MM-DD" (four-digit years only)
-    int weekday;        ///< 0 = Sunday
+    std::string clock, date;  ///< "HH:MM:SS", "YYYY-MM-DD" (four-digit years only)
+    int weekday;              ///< 0 = Sunday
 };
 
 inline Civil civilFromSeconds(int64_t seconds) {
@@ -124,13 +122,12 @@ inline Strings relaysFrom(FuzzInput& in, int maxCount = 4) {
 template <typename Listed>
 void readerDoorsFrom(FuzzInput& in, AuthConfig& config, Listed listed, int maxRelays) {
     for (int reader = 0; reader <= 2; ++reader) {
-        if (!listed()) {
-            continue;
-        }
-        auto& directions = config.readerRelayMap[static_cast<ReaderType>(reader)];
-        for (int direction = 0; direction <= 2; ++direction) {
-            if (in.flag()) {
-                directions[static_cast<RELAY_DIRECTION>(direction)] = relaysFrom(in, maxRelays);
+        if (listed()) {
+            auto& directions = config.readerRelayMap[static_cast<ReaderType>(reader)];
+            for (int direction = 0; direction <= 2; ++direction) {
+                if (in.flag()) {
+                    directions[static_cast<RELAY_DIRECTION>(direction)] = relaysFrom(in, maxRelays);
+                }
             }
         }
     }

@@ -228,8 +228,7 @@ private:
             provider->schedules.push_back(schedule);
         }
         if (in.range(0, 3) == 0) {
-            const int repeat = in.range(0, 1);
-            const int type = in.range(0, 2);
+            const int repeat = in.range(0, 1), type = in.range(0, 2);  // one after the other
             const std::string from = timeText(in);
             provider->holidays.push_back(HolidayData{0, repeat, type, from + "-" + timeText(in), "",
                                                      "", in.flag() ? "2025-01-01" : dateText(in),

@@ -54,8 +54,7 @@ std::string timeRangeText(FuzzInput& in) {
     if (in.range(0, 3) == 0) {
         return in.bytes(20);
     }
-    const std::string start = timeText(in);
-    const std::string dash = in.range(0, 7) == 0 ? "" : "-";
+    const std::string start = timeText(in), dash = in.range(0, 7) == 0 ? "" : "-";
     return start + dash + timeText(in);
 }
 
@@ -81,9 +80,8 @@ void checkHoliday(FuzzInput& in) {
                                                 in.range(0, 3), timeRangeText(in), "", "",
                                                 dateText(in), dateText(in)});
     }
-    for (const std::string& relay : relaysFrom(in)) {
-        provider.holidayExemptRelays.insert(relay);
-    }
+    const Relays exempt = relaysFrom(in);
+    provider.holidayExemptRelays.insert(exempt.begin(), exempt.end());
 
     AuthContext context;
     context.request.openType =
@@ -126,8 +124,7 @@ void checkHoliday(FuzzInput& in) {
                           detail);
     }
 
-    Relays kept;
-    Relays failed = before.failedRelays;
+    Relays kept, failed = before.failedRelays;
     for (const std::string& relay : before.relays) {
         const auto bySchedule = before.relayHolidayExemption.find(relay);
         const bool exempt =
