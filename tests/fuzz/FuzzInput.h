@@ -77,18 +77,13 @@ private:
     std::size_t position = 0;
 };
 
-[[noreturn]] inline void fuzzFailure(const char* file, int line, const char* condition,
-                                     const std::string& detail) {
-    (void)std::fprintf(stderr, "%s:%d: invariant violated: %s\n%s\n", file, line, condition,
-                       detail.c_str());
-    std::abort();
-}
-
 /// Aborts (a crash for libFuzzer, a failure for the replay) when `condition` does not hold; the
 /// detail is built only then.
-#define FUZZ_CHECK(condition, detail) \
-    ((condition) ? void()             \
-                 : ::auth_engine::fuzz::fuzzFailure(__FILE__, __LINE__, #condition, (detail)))
+#define FUZZ_CHECK(condition, detail)                                                           \
+    ((condition) ? void()                                                                       \
+                 : ((void)std::fprintf(stderr, "%s:%d: invariant violated: %s\n%s\n", __FILE__, \
+                                       __LINE__, #condition, std::string(detail).c_str()),      \
+                    std::abort()))
 
 /// The check of one input; each target defines it, and fuzz_entry.cpp hands every input to it.
 void fuzzOne(FuzzInput& in);

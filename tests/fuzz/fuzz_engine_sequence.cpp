@@ -808,6 +808,9 @@ private:
                      const AuthContext& context) {
         const std::string what = "report " + id + " result " + std::to_string(response.result) +
                                  " opened " + joinForDetail(response.openedRelays);
+        // Printed with the library's log when AUTH_FUZZ_LOG is set (the reason as an argument).
+        AuthLogger::info("[report] %s asyncType=%s failCode=%d reason=%s", what.c_str(),
+                         response.asyncType.c_str(), response.failCode, response.reason.c_str());
         const int result = response.result;
         FUZZ_CHECK(result == SUCCESS || result == FAILED || result == DOUBLE_AUTH_PENDING ||
                        result == UNLOCK_OPTIONS_PENDING || result == IGNORED,
