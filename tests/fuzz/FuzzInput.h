@@ -6,11 +6,11 @@
 #pragma once
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace auth_engine {
@@ -23,23 +23,17 @@ public:
     FuzzInput(const uint8_t* data, std::size_t size) : data(data), size(size) {}
 
     bool empty() const { return position >= size; }
-
     uint8_t byte() { return position < size ? data[position++] : 0; }
-
     bool flag() { return (byte() & 1) != 0; }
 
-    /// A value in [low, high] (both inclusive; low <= high).
+    /// A value in [low, high] (both inclusive; low <= high); spans over 256 read two bytes.
     int range(int low, int high) {
         const auto span = static_cast<uint32_t>(static_cast<int64_t>(high) - low + 1);
-        uint32_t raw = byte();
-        if (span > 256) {
-            raw = (raw << 8) | byte();
-        }
+        const uint32_t raw = span > 256 ? bigEndian<uint16_t>() : byte();
         return static_cast<int>(static_cast<int64_t>(low) + raw % span);
     }
 
     int64_t int64() { return static_cast<int64_t>(bigEndian<uint64_t>()); }
-
     int32_t int32() { return static_cast<int32_t>(bigEndian<uint32_t>()); }
 
     template <typename T>
@@ -47,22 +41,25 @@ public:
         return options[static_cast<std::size_t>(range(0, static_cast<int>(options.size()) - 1))];
     }
 
-    /// Up to `maxLength` raw bytes (NUL and non-ASCII included), length first.
-    std::string bytes(std::size_t maxLength) {
-        return text(maxLength, [](uint8_t raw) { return static_cast<char>(raw); });
-    }
+    /// A length byte (up to `maxLength`), then one byte per character (fewer when the input
+    /// ends): raw bytes, NUL and non-ASCII included.
+    std::string bytes(std::size_t maxLength) { return textFrom(std::string(), maxLength); }
 
-    /// Up to `maxLength` characters drawn from `alphabet`, length first.
+    /// As bytes(), each byte mapped to a character of `alphabet` (when not empty).
     std::string textFrom(const std::string& alphabet, std::size_t maxLength) {
-        return text(maxLength,
-                    [&alphabet](uint8_t raw) { return alphabet[raw % alphabet.size()]; });
+        const std::size_t length = byte() % (maxLength + 1);
+        std::string out;
+        for (std::size_t i = 0; i < length && !empty(); ++i) {
+            const uint8_t raw = byte();
+            out += alphabet.empty() ? static_cast<char>(raw) : alphabet[raw % alphabet.size()];
+        }
+        return out;
     }
 
     /// Everything not read yet, as it is.
     std::string rest() {
-        std::string out(reinterpret_cast<const char*>(data) + position, size - position);
-        position = size;
-        return out;
+        const std::size_t from = std::exchange(position, size);
+        return std::string(reinterpret_cast<const char*>(data) + from, size - from);
     }
 
 private:
@@ -75,37 +72,18 @@ private:
         return value;
     }
 
-    /// A length byte, then one byte per character (fewer when the input ends), each mapped.
-    template <typename Map>
-    std::string text(std::size_t maxLength, Map map) {
-        const std::size_t length = byte() % (maxLength + 1);
-        std::string out;
-        for (std::size_t i = 0; i < length && !empty(); ++i) {
-            out += map(byte());
-        }
-        return out;
-    }
-
     const uint8_t* data;
     std::size_t size;
     std::size_t position = 0;
 };
 
-[[noreturn]] inline void fuzzFailure(const char* file, int line, const char* condition,
-                                     const std::string& detail) {
-    (void)std::fprintf(stderr, "%s:%d: invariant violated: %s\n%s\n", file, line, condition,
-                       detail.c_str());
-    std::fflush(stderr);
-    std::abort();
-}
-
-/// Aborts (a crash for libFuzzer, a failure for the replay) when `condition` does not hold.
-#define FUZZ_CHECK(condition, detail)                                                   \
-    do {                                                                                \
-        if (!(condition)) {                                                             \
-            ::auth_engine::fuzz::fuzzFailure(__FILE__, __LINE__, #condition, (detail)); \
-        }                                                                               \
-    } while (0)
+/// Aborts (a crash for libFuzzer, a failure for the replay) when `condition` does not hold; the
+/// detail is built only then.
+#define FUZZ_CHECK(condition, detail)                                                           \
+    ((condition) ? void()                                                                       \
+                 : ((void)std::fprintf(stderr, "%s:%d: invariant violated: %s\n%s\n", __FILE__, \
+                                       __LINE__, #condition, std::string(detail).c_str()),      \
+                    std::abort()))
 
 /// The check of one input; each target defines it, and fuzz_entry.cpp hands every input to it.
 void fuzzOne(FuzzInput& in);
@@ -116,12 +94,12 @@ inline bool contains(const Relays& list, const std::string& value) {
     return std::find(list.begin(), list.end(), value) != list.end();
 }
 
-inline std::string joinForDetail(const std::vector<std::string>& list) {
-    std::string text = "[";
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        text += (i == 0 ? "\"" : ", \"") + list[i] + "\"";
+inline std::string joinForDetail(const Relays& list) {
+    std::string text;
+    for (const std::string& item : list) {
+        text += (text.empty() ? "[\"" : ", \"") + item + "\"";
     }
-    return text + "]";
+    return text.empty() ? "[]" : text + "]";
 }
 
 }  // namespace fuzz

@@ -14,24 +14,9 @@
 // may be left parked, registered or held. With guessing protection on, nothing opens at a reader
 // while it is locked out, and the guard's table never outgrows its fixed size whatever is typed;
 // with duress codes on, a duress code decides exactly as the user's own code does.
-#include <algorithm>
-#include <atomic>
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <initializer_list>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <set>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
-#include "FuzzInput.h"
 #include "FuzzValues.h"
-#include "auth_engine/AuthLogger.h"
 #include "common/ProcessorSupport.h"
 #include "engine/AuthEngine.h"
 #include "support/CallbackRecorder.h"
@@ -42,48 +27,38 @@ namespace auth_engine {
 namespace fuzz {
 namespace {
 
-using testing::CallbackRecorder;
 using testing::FakeDataProvider;
-using testing::TestClock;
+using Question = FakeDataProvider::Question;
+using Lock = std::lock_guard<std::mutex>;
 
 constexpr int kIdleWaitMs = 30000;
-constexpr int kMaxOperations = 40;
-const char* const kPhaseInfix = "_ind_";
 // A per-relay question's id: the request id, one of these, the relay.
 const char* const kApQuestion = "_ind_antipassback_ap_";
 const char* const kIlQuestion = "_ind_interlock_il_";
-
-/// What the engine appends to a request id for the phases it parks; a resume names one of the
-/// first five.
-const std::vector<std::string>& phaseSuffixes() {
-    static const std::vector<std::string> list = {"",
-                                                  "_ind_antipassback",
-                                                  "_ind_interlock",
-                                                  "_ind_parking",
-                                                  "_ind_unlock_options",
-                                                  "_ind_antipassback_ind_parking"};
-    return list;
-}
-
-const std::vector<std::string>& credentials() {
-    static const std::vector<std::string> list = {"c0", "c1", "c2", "c3", "p0",
-                                                  "l0", "k0", "r0", "",   "zz"};
-    return list;
-}
+// What the engine appends to a request id for the phases it parks; a resume names one of the
+// first five.
+const auto kPhaseSuffixes = Strings({"", "_ind_antipassback", "_ind_interlock", "_ind_parking",
+                                     "_ind_unlock_options", "_ind_antipassback_ind_parking"});
+const auto kCredentials = Strings({"c0", "c1", "c2", "c3", "p0", "l0", "k0", "r0", "", "zz"});
+const auto kFaultyOperations = Strings(
+    {"getUserByCredential", "getAuthConfig", "getRelaySchedules", "getHolidays",
+     "getLockedDownRelays", "isRelayHolidayExempt", "requestTempKey", "getTempKeyUser",
+     "requestAntiPassback", "requestInterlock", "requestParking", "onAuthResult",
+     "checkBleOpenInterval", "callback", "getUserByDuressCode", "onDuress", "onGuessLockout"});
 
 /// The request id a report or question belongs to: its id up to the first phase infix.
 std::string rootOf(const std::string& id) {
-    const std::size_t infix = id.find(kPhaseInfix);
-    return infix == std::string::npos ? id : id.substr(0, infix);
+    return id.substr(0, id.find("_ind_"));
 }
 
-bool passesAntiPassback(int result) {
-    return result == SUCCESS || result == CONTINUE;
-}
+const auto passesAntiPassback = [](int result) { return result == SUCCESS || result == CONTINUE; };
+const auto passesStrictly = [](int result) { return result == SUCCESS; };
 
-bool passesStrictly(int result) {
-    return result == SUCCESS;
-}
+const auto responseOf = [](AuthResult result) {
+    AuthResponse response;
+    response.result = result;
+    return response;
+};
 
 /// Sets each of `members` from one bit of `bits`, the first from the lowest.
 template <typename T>
@@ -94,50 +69,6 @@ void setFromBits(T& object, unsigned bits, std::initializer_list<bool T::*> memb
     }
 }
 
-/// What the harness told the engine, per routed id: every result delivered, and for per-relay
-/// questions the result that decided it (the first one delivered while the question was still
-/// registered: the engine records that one and drops later ones).
-class AnswerLog {
-public:
-    void record(const std::string& id, int result, bool decisive) {
-        std::lock_guard<std::mutex> guard(mutex);
-        delivered[id].push_back(result);
-        if (decisive) {
-            decided.emplace(id, result);
-        }
-    }
-
-    bool anyPassing(const std::string& id, bool (*passing)(int)) {
-        std::lock_guard<std::mutex> guard(mutex);
-        const auto found = delivered.find(id);
-        return found != delivered.end() &&
-               std::any_of(found->second.begin(), found->second.end(), passing);
-    }
-
-    /// The question's call threw after the host answered it: the answer must not count.
-    void threw(const std::string& id) {
-        std::lock_guard<std::mutex> guard(mutex);
-        thrown.insert(id);
-    }
-
-    /// Some answer passed, and so did the deciding one if the question was decided; and the call
-    /// that asked did not throw after an inline answer.
-    bool passed(const std::string& id, bool (*passing)(int)) {
-        if (!anyPassing(id, passing)) {
-            return false;
-        }
-        std::lock_guard<std::mutex> guard(mutex);
-        const auto found = decided.find(id);
-        return thrown.count(id) == 0 && (found == decided.end() || passing(found->second));
-    }
-
-private:
-    std::mutex mutex;
-    std::map<std::string, std::vector<int>> delivered;
-    std::map<std::string, int> decided;
-    std::set<std::string> thrown;
-};
-
 /// What host code does when it calls back into the engine from inside an operation or a callback.
 enum class Reentry { NONE, RESET, SUBMIT, ANSWER_JUNK, ANSWER_LATEST, SWEEP, SETTLE, INIT, VERIFY };
 
@@ -145,61 +76,67 @@ enum class Reentry { NONE, RESET, SUBMIT, ANSWER_JUNK, ANSWER_LATEST, SWEEP, SET
 /// completion callbacks), call back in as `reentry` says, then throw if `throws`.
 struct HostFault {
     std::string operation;
-    int call = 0;
-    Reentry reentry = Reentry::NONE;
-    bool throws = false;
-};
-
-const std::vector<std::string>& faultyOperations() {
-    static const std::vector<std::string> list = {"getUserByCredential",  "getAuthConfig",
-                                                  "getRelaySchedules",    "getHolidays",
-                                                  "getLockedDownRelays",  "isRelayHolidayExempt",
-                                                  "requestTempKey",       "getTempKeyUser",
-                                                  "requestAntiPassback",  "requestInterlock",
-                                                  "requestParking",       "onAuthResult",
-                                                  "checkBleOpenInterval", "callback",
-                                                  "getUserByDuressCode",  "onDuress",
-                                                  "onGuessLockout"};
-    return list;
-}
-
-struct RelayChoice {
-    std::string optionsId;
-    Relays offered;
+    int call;
+    Reentry reentry;
+    bool throws;
 };
 
 class Harness {
 public:
-    explicit Harness(FuzzInput& in)
-        : in(in),
-          provider(std::make_shared<FakeDataProvider>()),
-          engine(std::make_shared<AuthEngine>(numbers)) {}
+    explicit Harness(FuzzInput& in) : in(in) {}
 
     ~Harness() {
-        {
-            // Nothing of the host may call back in while the engine stops for good.
-            auto lock = provider->lock();
-            provider->beforeCall = nullptr;
-        }
+        std::unique_lock<std::mutex> lock = provider->lock();
+        provider->beforeCall = nullptr;  // nothing of the host may call in while the engine stops
+        lock.unlock();
         engine->reset();
     }
 
     void run() {
         configureHost();
         FUZZ_CHECK(engine->init(provider) == 0, "init failed");
-        for (int step = 0; step < kMaxOperations && !in.empty(); ++step) {
+        for (int step = 0; step < 40 && !in.empty(); ++step) {  // at most 40 operations
             operate();
             FUZZ_CHECK(engine->waitForIdle(kIdleWaitMs), "engine did not become idle");
             FUZZ_CHECK(engine->guessReaderCount() <= GuessGuard::READER_SLOTS,
-                       "guessing protection tracks " + std::to_string(engine->guessReaderCount()) +
-                           " readers");
+                       "guessing protection outgrew its table");
             collectIds();
         }
-        drain();
-        checkReports();
+        // Both clocks far past every timeout, and sweeps until nothing is parked.
+        if (!engine->isReady()) {
+            resetEngine(false);  // completes a reset host code asked for
+        }
+        for (int round = 0; round < 12 && engine->parkedChainCount() + engine->parkedPhaseCount() +
+                                                  engine->subRequestCount() >
+                                              0;
+             ++round) {
+            clock.advance(100000);
+            engine->checkAllPendingTimeouts();
+            FUZZ_CHECK(engine->waitForIdle(kIdleWaitMs), "engine did not become idle");
+        }
+        const std::string left = std::to_string(engine->parkedChainCount()) + " chains, " +
+                                 std::to_string(engine->parkedPhaseCount()) + " phases, " +
+                                 std::to_string(engine->openQuestionCount()) + " questions, " +
+                                 std::to_string(engine->heldAnswerCount()) + " held answers";
+        FUZZ_CHECK(left == "0 chains, 0 phases, 0 questions, 0 held answers", "left: " + left);
+        collectIds();
         engine->reset();
-        checkReports();
-        checkEveryRequestHeardBack();
+        collectIds();
+
+        // Every accepted request heard back, unless it ended silently by design (a chain parked
+        // when the engine was reset, an answer saying DROPPED); no phase and no verdict twice.
+        std::set<std::string> reported, heard;
+        for (const auto& call : recorder.all()) {
+            heard.insert(rootOf(call.requestId));
+            const bool offer = call.response.result == UNLOCK_OPTIONS_PENDING;
+            FUZZ_CHECK(reported.insert((offer ? "offer " : "verdict ") + call.requestId).second,
+                       call.requestId + " reported or offered a choice twice");
+        }
+        Lock guard(mutex);
+        for (const std::string& id : accepted) {
+            FUZZ_CHECK(heard.count(id) != 0 || silent.count(id) != 0,
+                       "accepted request " + id + " never heard back");
+        }
     }
 
 private:
@@ -209,29 +146,12 @@ private:
         if (in.range(0, 7) == 0) {
             return in.bytes(16);
         }
-        static const std::vector<std::string> ids = {"1", "2", "3", "9"};
         std::string text;
-        const int entries = in.range(0, 3);
-        for (int i = 0; i < entries; ++i) {
-            const std::string& id = in.pick(ids);
+        for (int i = 0, entries = in.range(0, 3); i < entries; ++i) {
+            const std::string id = in.pick(Strings{"1", "2", "3", "9"});
             text += (i == 0 ? "" : ";") + id + "-" + joinRelayVector(relaysFrom(in, 3));
         }
         return text;
-    }
-
-    std::shared_ptr<ScheduleData> hostSchedule(const std::string& id) {
-        std::shared_ptr<ScheduleData> schedule = scheduleFrom(in);
-        if (!schedule) {
-            return schedule;
-        }
-        if (in.range(0, 3) != 0) {
-            // Most schedules admit all day, so that attempts reach the later checks.
-            schedule->type = 1;
-            schedule->startTime = "00:00:00";
-            schedule->endTime = "23:59:59";
-        }
-        schedule->scheduleId = id;
-        return schedule;
     }
 
     void configureHost() {
@@ -250,24 +170,13 @@ private:
         config.parkingTimeout = in.range(-1, 40);
         config.doubleAuthTimeoutSec = in.range(-1, 90);
         config.tempKeyTimeout = in.range(-1, 10);
-        for (int reader = 0; reader <= 2; ++reader) {
-            if (in.range(0, 3) != 0) {
-                continue;
-            }
-            auto& directions = config.readerRelayMap[static_cast<ReaderType>(reader)];
-            for (int direction = 0; direction <= 2; ++direction) {
-                if (in.flag()) {
-                    directions[static_cast<RELAY_DIRECTION>(direction)] = relaysFrom(in, 3);
-                }
-            }
-        }
+        readerDoorsFrom(
+            in, config, [this] { return in.range(0, 3) == 0; }, 3);
 
-        static const std::vector<int> forbiddenTypes = {1, 4, 9, 13, 15, 16, 17};
-        for (std::size_t i = 0; i < 6; ++i) {
-            const std::string& relay = relayPool()[i];
-            const uint8_t bits = in.byte();
+        for (const std::string& relay : Strings(kRelayPool.begin(), kRelayPool.begin() + 6)) {
+            const unsigned bits = in.byte();
             if ((bits & 7) != 0) {  // with bit 4 alone: listed, direction 0
-                config.antiPassbackRelayMap[relay] = bits & 3;
+                config.antiPassbackRelayMap[relay] = static_cast<int>(bits & 3);
             }
             if ((bits & 8) != 0) {
                 config.interlockRelayMap[relay] = (bits & 16) != 0;
@@ -279,22 +188,25 @@ private:
                 provider->offlineRelays.insert(relay);
             }
             if ((bits & 128) != 0) {
-                provider->forbiddenRelays[in.pick(forbiddenTypes)].insert(relay);
+                provider->forbiddenRelays[in.pick(std::vector<int>({1, 4, 9, 13, 15, 16, 17}))]
+                    .insert(relay);
             }
             if (in.range(0, 3) == 0) {
                 provider->holidayExemptRelays.insert(relay);
             }
         }
 
+        // Duress codes "d0".."d3" stand for the users of cards "c0".."c3".
         const int64_t now = clock.wall();
         for (int i = 0; i < 4; ++i) {
+            const std::string n = std::to_string(i);
             UserData user;
             user.userType = in.range(0, 3);
-            user.userName = "user " + std::to_string(i);
-            user.userId = in.range(0, 7) == 0 ? std::string() : "u" + std::to_string(i);
+            user.userName = "user " + n;
+            user.userId = in.range(0, 7) == 0 ? std::string() : "u" + n;
             user.scheduleRelay = scheduleRelayText();
-            user.holidayKey = "h" + std::to_string(i);
-            user.userTargetId = in.range(0, 3) == 0 ? "T" + std::to_string(i) : std::string();
+            user.holidayKey = "h" + n;
+            user.userTargetId = in.range(0, 3) == 0 ? "T" + n : std::string();
             user.lockdownBypass = in.range(0, 3) == 0 ? 1 : 0;
             user.holidayExempt = in.range(0, 3) == 0 ? 1 : 0;
             user.ownerKind = in.range(0, 2);
@@ -302,26 +214,29 @@ private:
                 user.validTimeStart = now - in.range(-20, 200);
                 user.validTimeEnd = now + in.range(-20, 4000);
             }
-            provider->users["c" + std::to_string(i)] = user;
+            provider->users["c" + n] = provider->duressCodes["d" + n] = user;
         }
-        for (int i = 0; i < 3; ++i) {
-            provider->schedules.push_back(hostSchedule(std::to_string(i + 1)));
+        for (int i = 1; i <= 3; ++i) {
+            const std::shared_ptr<ScheduleData> schedule = scheduleFrom(in);
+            if (schedule && in.range(0, 3) != 0) {  // most admit all day, so that attempts go on
+                std::tie(schedule->type, schedule->startTime, schedule->endTime) =
+                    std::make_tuple(1, "00:00:00", "23:59:59");
+            }
+            if (schedule) {
+                schedule->scheduleId = std::to_string(i);
+            }
+            provider->schedules.push_back(schedule);
         }
         if (in.range(0, 3) == 0) {
-            HolidayData holiday;
-            holiday.yearlyRepeat = in.range(0, 1);
-            holiday.type = in.range(0, 2);
+            const int repeat = in.range(0, 1), type = in.range(0, 2);  // one after the other
             const std::string from = timeText(in);
-            holiday.timeRange = from + "-" + timeText(in);
-            holiday.startDate = in.flag() ? "2025-01-01" : dateText(in);
-            holiday.endDate = in.flag() ? "2025-12-31" : dateText(in);
-            provider->holidays.push_back(holiday);
+            provider->holidays.push_back(HolidayData{0, repeat, type, from + "-" + timeText(in), "",
+                                                     "", in.flag() ? "2025-01-01" : dateText(in),
+                                                     in.flag() ? "2025-12-31" : dateText(in)});
         }
 
-        if (in.flag()) {
-            provider->publicPin = "p0";
-            provider->publicPinRelays = relaysFrom(in, 3);
-        }
+        provider->publicPin = in.flag() ? "p0" : "";
+        provider->publicPinRelays = provider->publicPin.empty() ? Relays() : relaysFrom(in, 3);
         if (in.flag()) {
             provider->latchPins["l0"] = relaysFrom(in, 3);
         }
@@ -329,22 +244,19 @@ private:
         provider->tempKeyUsers["k0"] = provider->users[cardFrom()];
         provider->tempKeyTargets = targetsFrom(in);
         provider->remoteControlUsers["r0"] = provider->users[cardFrom()];
+        provider->httpConfig =
+            in.flag() ? std::make_optional(HttpOpenConfig{in.flag(), "admin", "secret"})
+                      : std::nullopt;
         if (in.flag()) {
-            provider->httpConfig = HttpOpenConfig{in.flag(), "admin", "secret"};
-        }
-        if (in.flag()) {
-            DtmfConfig dtmf;
-            dtmf.enabled = in.range(0, 3) != 0;
-            dtmf.codeRelays["123"] = relaysFrom(in, 3);
-            dtmf.whitelistRequired = in.flag();
-            provider->dtmfConfig = dtmf;
+            const bool enabled = in.range(0, 3) != 0;
+            const Relays relays = relaysFrom(in, 3);
+            provider->dtmfConfig = DtmfConfig{enabled, {{"123", relays}}, in.flag()};
             provider->dtmfWhitelist["555"] = DtmfWhitelistResult{in.flag(), "per1", "caller"};
             if (in.flag()) {
                 provider->dtmfUsers["555"] = provider->users["c0"];
             }
-            if (in.flag()) {
-                provider->dtmfVisitor = provider->users["c1"];
-            }
+            provider->dtmfVisitor =
+                in.flag() ? std::make_optional(provider->users["c1"]) : std::nullopt;
         }
         if (in.range(0, 3) != 0) {
             provider->keyData = std::make_shared<KeyData>(
@@ -353,26 +265,18 @@ private:
         provider->bleAllowed = in.range(0, 3) != 0;
         provider->parkingOffline = in.range(0, 3) == 0;
 
-        // Inline answers, given from inside the question: none, passing, failing, CONTINUE, or
-        // one of the faults of installHook.
         for (FakeDataProvider::QuestionHook* hook :
              {&provider->answerAntiPassback, &provider->answerInterlock, &provider->answerParking,
               &provider->answerTempKey}) {
             installHook(*hook, in.range(0, 7));
         }
-
-        // Host faults on chosen calls, with what re-entry needs prepared now: the hooks run on the
-        // worker, which must not read the input.
+        // What re-entry needs is prepared now: the hooks run on the worker, which must not read
+        // the input.
         for (int i = in.range(0, 3); i > 0; --i) {
-            HostFault fault;
-            fault.operation = in.pick(faultyOperations());
-            fault.call = in.range(1, 4);
-            fault.reentry = static_cast<Reentry>(in.range(0, 8));
-            fault.throws = in.flag();
-            faults.push_back(fault);
+            faults.push_back(HostFault{in.pick(kFaultyOperations), in.range(1, 4),
+                                       static_cast<Reentry>(in.range(0, 8)), in.flag()});
         }
-        // Guessing protection on in most runs, with small limits so that lockouts happen; duress
-        // codes "d0".."d3" stand for the users of cards "c0".."c3".
+        // Guessing protection on in most runs, with small limits so that lockouts happen.
         if (in.range(0, 3) != 0) {
             config.guessLimit = in.range(1, 4);
             config.guessWindowSeconds = in.range(0, 60);
@@ -380,15 +284,11 @@ private:
             config.guessCountsCards = in.flag();
         }
         config.duressEnabled = in.flag();
-        for (int i = 0; i < 4; ++i) {
-            provider->duressCodes["d" + std::to_string(i)] =
-                provider->users["c" + std::to_string(i)];
-        }
 
         reentrantRequest = requestFrom();
-        junkAnswerId = "req_" + std::to_string(in.range(0, 9)) + "_1736942400" +
-                       in.pick(std::vector<std::string>{"", "_ind_antipassback_ap_1",
-                                                        "_ind_interlock_il_2", "_ind_parking"});
+        junkAnswerId =
+            "req_" + std::to_string(in.range(0, 9)) + "_1736942400" +
+            in.pick(Strings{"", "_ind_antipassback_ap_1", "_ind_interlock_il_2", "_ind_parking"});
         provider->beforeCall = [this](const std::string& operation) { onHostCall(operation); };
     }
 
@@ -397,15 +297,12 @@ private:
     /// Counts the call and commits the faults planned for it.
     void onHostCall(const std::string& operation) {
         std::vector<HostFault> due;
-        {
-            std::lock_guard<std::mutex> guard(faultMutex);
+        locked([&] {
             const int call = ++hostCalls[operation];
-            for (const HostFault& fault : faults) {
-                if (fault.operation == operation && fault.call == call) {
-                    due.push_back(fault);
-                }
-            }
-        }
+            std::copy_if(
+                faults.begin(), faults.end(), std::back_inserter(due),
+                [&](const HostFault& f) { return f.operation == operation && f.call == call; });
+        });
         faultsFired += static_cast<int>(due.size());
         for (const HostFault& fault : due) {
             // A completion callback or a report may run under the engine's lock, where it cannot
@@ -418,47 +315,24 @@ private:
     }
 
     void reenter(Reentry reentry, bool maybeUnderLock) {
-        switch (reentry) {
-            case Reentry::RESET:
-                resetEngine(maybeUnderLock);
-                break;
-            case Reentry::SUBMIT:
-                accept([&] { return engine->authenticateAsync(reentrantRequest, callback()); });
-                break;
-            case Reentry::ANSWER_JUNK:
-                engine->handleAsyncResponse(junkAnswerId, SUCCESS, responseOf(SUCCESS),
-                                            AuthContext());
-                break;
-            case Reentry::ANSWER_LATEST: {
-                const auto asked = provider->questions();
-                if (!asked.empty()) {
-                    deliver(asked.back(), responseOf(SUCCESS), AuthContext());
-                }
-                break;
-            }
-            case Reentry::SWEEP:
-                engine->checkAllPendingTimeouts();
-                break;
-            case Reentry::SETTLE:
-                engine->settle(0);
-                break;
-            case Reentry::INIT:
-                engine->init(provider);
-                break;
-            case Reentry::VERIFY:
+        const AuthRequest& request = reentrantRequest;
+        const std::vector<Question> asked =
+            reentry == Reentry::ANSWER_LATEST ? provider->questions() : std::vector<Question>();
+        const std::function<void()> actions[] = {
+            [] {},
+            [&] { resetEngine(maybeUnderLock); },
+            [&] { accept([&] { return engine->authenticateAsync(request, callback()); }); },
+            [&] { engine->handleAsyncResponse(junkAnswerId, SUCCESS, responseOf(SUCCESS), {}); },
+            [&] { asked.empty() ? void() : deliver(asked.back(), responseOf(SUCCESS), {}); },
+            [&] { engine->checkAllPendingTimeouts(); },
+            [&] { engine->settle(0); },
+            [&] { engine->init(provider); },
+            [&] {
                 accept([&] {
-                    return engine->verifyInterlockTargets(reentrantRequest, {{0, "1"}}, callback());
+                    return engine->verifyInterlockTargets(request, {{0, "1"}}, callback());
                 });
-                break;
-            case Reentry::NONE:
-                break;
-        }
-    }
-
-    static AuthResponse responseOf(AuthResult result) {
-        AuthResponse response;
-        response.result = result;
-        return response;
+            }};
+        actions[static_cast<int>(reentry)]();
     }
 
     /// The completion callback of every request: it records, then may commit a host fault.
@@ -471,14 +345,11 @@ private:
         };
     }
 
-    /// Notes an answer about to be given under `id`: whether it decides (its question is open), and
-    /// that a DROPPED answer may end its request without a word.
-    void noteAnswer(const std::string& id, int result) {
-        answers.record(id, result, engine->questionOpen(id));
-        if (result == DROPPED) {
-            std::lock_guard<std::mutex> guard(faultMutex);
-            silent.insert(rootOf(id));
-        }
+    /// Runs `change` on the members that hooks on the worker write too.
+    template <typename Change>
+    void locked(Change change) {
+        Lock guard(mutex);
+        change();
     }
 
     /// Resets the engine. A parked chain vanishes at a reset without a word, by design: requests
@@ -486,35 +357,30 @@ private:
     void resetEngine(bool maybeUnderLock) {
         ++resets;
         std::set<std::string> heard;
-        if (maybeUnderLock) {
-            for (const auto& call : recorder.all()) {
-                heard.insert(rootOf(call.requestId));
-            }
+        for (const auto& call :
+             maybeUnderLock ? recorder.all() : std::vector<testing::CallbackRecorder::Call>()) {
+            heard.insert(rootOf(call.requestId));
         }
         std::vector<std::string> maybeParked;
-        {
-            std::lock_guard<std::mutex> guard(faultMutex);
-            maybeParked = accepted;
-        }
+        locked([&] { maybeParked = accepted; });
         AuthEngine::AsyncContext parked;
         for (const std::string& id : maybeParked) {
             if (maybeUnderLock ? heard.count(id) == 0 : engine->peekParkedChain(id, parked)) {
-                std::lock_guard<std::mutex> guard(faultMutex);
-                silent.insert(id);
+                locked([&] { silent.insert(id); });
             }
         }
         engine->reset();
     }
 
-    /// Accepts the request `submit` makes: it must hear back. A reset that ran while it was
-    /// being submitted may have found it parked before it could be noted.
+    /// Accepts the request `submit` makes: it must hear back, and its id is new. A reset that ran
+    /// while it was being submitted may have found it parked before it could be noted.
     template <typename Submit>
     std::string accept(Submit&& submit) {
         const int resetsBefore = resets;
         const std::string id = submit();
         if (!id.empty()) {
-            std::lock_guard<std::mutex> guard(faultMutex);
-            FUZZ_CHECK(issued.insert(id).second, "request id " + id + " issued twice");
+            Lock guard(mutex);
+            FUZZ_CHECK(!contains(accepted, id), "request id " + id + " issued twice");
             accepted.push_back(id);
             if (resets != resetsBefore) {
                 silent.insert(id);
@@ -526,51 +392,34 @@ private:
     /// One of the four users' cards.
     std::string cardFrom() { return "c" + std::to_string(in.range(0, 3)); }
 
-    /// Modes: 1 passing, 2 failing, 3 CONTINUE; 4 passing, then the call throws; 5 failing,
-    /// then passing (answered twice); 6 a passing answer under a wrong id, then failing; 7
-    /// passing, then host code resets the engine from inside the question.
+    /// Inline answers, given from inside the question. Modes: 1 passing, 2 failing, 3 CONTINUE;
+    /// 4 passing, then the call throws; 5 failing, then passing (answered twice); 6 a passing
+    /// answer under a wrong id, then failing; 7 passing, then host code resets the engine from
+    /// inside the question.
     void installHook(FakeDataProvider::QuestionHook& hook, int mode) {
+        static const std::vector<std::vector<AuthResult>> said = {
+            {}, {SUCCESS}, {FAILED}, {CONTINUE}, {SUCCESS}, {FAILED, SUCCESS}, {FAILED}, {SUCCESS}};
         if (mode == 0) {
             return;
         }
-        hook = [this, mode](FakeDataProvider::Question& question) {
-            const auto answer = [&](AuthResult result) {
-                AuthResponse response;
+        hook = [this, mode](Question& question) {
+            if (mode == 6) {
+                engine->handleAsyncResponse(routedId(question) + "9", SUCCESS, responseOf(SUCCESS),
+                                            {});
+            }
+            for (const AuthResult result : said[static_cast<std::size_t>(mode)]) {
+                AuthResponse response = responseOf(result);
+                response.failCode = question.kind == "parking" && result == FAILED ? 23 : 0;
                 AuthContext update;
-                response.result = result;
                 if (question.kind == "tempkey" && result != FAILED) {
                     update.tempKeyAuthData = std::make_shared<TempKeyAuthData>();
                     update.tempKeyAuthData->failCode = result == CONTINUE ? 7 : 0;
                 }
-                if (question.kind == "parking" && result == FAILED) {
-                    response.failCode = 23;
-                }
                 deliver(question, response, update);
-            };
-            switch (mode) {
-                case 1:
-                case 4:
-                case 7:
-                    answer(SUCCESS);
-                    break;
-                case 2:
-                case 6:
-                    if (mode == 6) {
-                        engine->handleAsyncResponse(routedId(question) + "9", SUCCESS,
-                                                    responseOf(SUCCESS), AuthContext());
-                    }
-                    answer(FAILED);
-                    break;
-                case 3:
-                    answer(CONTINUE);
-                    break;
-                default:
-                    answer(FAILED);
-                    answer(SUCCESS);
-                    break;
             }
             if (mode == 4) {
-                answers.threw(routedId(question));
+                // The call failed: its answer must not count.
+                locked([&] { decided[routedId(question)] = -1; });
                 throw std::runtime_error("fuzz host: answered, then the call failed");
             }
             if (mode == 7) {
@@ -582,7 +431,7 @@ private:
     // ---- answers ----
 
     /// The id the engine routes a question's answer under.
-    static std::string routedId(const FakeDataProvider::Question& question) {
+    static std::string routedId(const Question& question) {
         if (question.kind == "antipassback" || question.kind == "interlock") {
             return question.requestId + (question.kind == "antipassback" ? "_ap_" : "_il_") +
                    question.relay;
@@ -591,54 +440,55 @@ private:
         return question.requestId.empty() ? question.handle : question.requestId;
     }
 
-    /// Answers a question through the callback the engine handed over, noting what was said and
-    /// whether it was the answer that decides (the question was still open). Ids are never issued
-    /// twice, so answers to questions from before a reset are noted harmlessly under their own.
-    void deliver(const FakeDataProvider::Question& question, const AuthResponse& response,
-                 const AuthContext& update) {
-        if (!question.callback) {
-            return;
+    /// Notes an answer about to be given under `id`: whether it decides (its question is still
+    /// open: the engine records that one and drops later ones), and that a DROPPED answer may end
+    /// its request without a word. Ids are never issued twice, so answers to questions from before
+    /// a reset are noted harmlessly under their own.
+    void noteAnswer(const std::string& id, int result) {
+        const bool decisive = engine->questionOpen(id);
+        Lock guard(mutex);
+        delivered[id].push_back(result);
+        if (decisive) {
+            decided.emplace(id, result);
         }
-        const std::string routed = routedId(question);
-        noteAnswer(routed, response.result);
-        question.callback(question.handle, response, update);
+        if (result == DROPPED) {
+            silent.insert(rootOf(id));
+        }
+    }
+
+    /// Answers a question through the callback the engine handed over.
+    void deliver(const Question& question, const AuthResponse& response,
+                 const AuthContext& update) {
+        if (question.callback) {
+            noteAnswer(routedId(question), response.result);
+            question.callback(question.handle, response, update);
+        }
+    }
+
+    /// Some answer under `id` passed, and so did the deciding one if `strict` and the question
+    /// was decided (a call that failed after its inline answer decided nothing that passes).
+    bool passed(const std::string& id, bool (*passing)(int), bool strict = true) {
+        Lock guard(mutex);
+        const std::vector<int>& results = delivered[id];
+        const auto found = decided.find(id);
+        return std::any_of(results.begin(), results.end(), passing) &&
+               (!strict || found == decided.end() || passing(found->second));
     }
 
     AuthResponse responseFrom() {
-        static const std::vector<int> results = {SUCCESS,
-                                                 SUCCESS,
-                                                 FAILED,
-                                                 CONTINUE,
-                                                 ASYNC_PENDING,
-                                                 DROPPED,
-                                                 DOUBLE_AUTH_PENDING,
-                                                 UNLOCK_OPTIONS_PENDING,
-                                                 IGNORED,
-                                                 99};
-        static const std::vector<int> failCodes = {0, 0, 5, 21, 23, 24, 44, -3};
-        AuthResponse response;
-        response.result = static_cast<AuthResult>(in.pick(results));
-        response.failCode = in.pick(failCodes);
-        const uint8_t fields = in.byte();
-        if ((fields & 1) != 0) {
-            response.openedRelays = relaysFrom(in, 3);
-        }
-        if ((fields & 2) != 0) {
-            response.unlockOptionsRelays = relaysFrom(in, 3);
-        }
-        if ((fields & 4) != 0) {
-            response.relays = relaysFrom(in, 3);
-        }
-        if ((fields & 8) != 0) {
-            response.reason = in.bytes(8);
-        }
-        if ((fields & 16) != 0) {
-            response.targets = targetsFrom(in);
-        }
-        if ((fields & 32) != 0) {
-            response.asyncType = in.flag() ? "antipassback" : "x";
-            response.unlockOptionsId = "options";
-        }
+        static const auto results =
+            std::vector<int>({SUCCESS, SUCCESS, FAILED, CONTINUE, ASYNC_PENDING, DROPPED,
+                              DOUBLE_AUTH_PENDING, UNLOCK_OPTIONS_PENDING, IGNORED, 99});
+        AuthResponse response = responseOf(static_cast<AuthResult>(in.pick(results)));
+        response.failCode = in.pick(std::vector<int>({0, 0, 5, 21, 23, 24, 44, -3}));
+        const unsigned fields = in.byte();
+        response.openedRelays = (fields & 1) != 0 ? relaysFrom(in, 3) : Relays();
+        response.unlockOptionsRelays = (fields & 2) != 0 ? relaysFrom(in, 3) : Relays();
+        response.relays = (fields & 4) != 0 ? relaysFrom(in, 3) : Relays();
+        response.reason = (fields & 8) != 0 ? in.bytes(8) : std::string();
+        response.targets = (fields & 16) != 0 ? targetsFrom(in) : std::vector<AuthTarget>();
+        response.asyncType = (fields & 32) == 0 ? "" : in.flag() ? "antipassback" : "x";
+        response.unlockOptionsId = (fields & 32) == 0 ? "" : "options";
         response.remoteFailCode = in.range(-1, 6);
         return response;
     }
@@ -646,21 +496,15 @@ private:
     AuthContext updateFrom() {
         AuthContext update;
         if (in.range(0, 2) == 0) {
-            static const std::vector<std::string> keys = {"", "k0", "zz"};
-            update.tempKeyAuthData = std::make_shared<TempKeyAuthData>();
-            update.tempKeyAuthData->key = in.pick(keys);
-            update.tempKeyAuthData->failCode = in.range(0, 3) == 0 ? 7 : 0;
-            update.tempKeyAuthData->targets = targetsFrom(in);
+            const std::string key = in.pick(Strings{"", "k0", "zz"});
+            update.tempKeyAuthData = std::make_shared<TempKeyAuthData>(
+                TempKeyAuthData{key, "", "", in.range(0, 3) == 0 ? 7 : 0, 0, "", targetsFrom(in)});
         }
-        if (in.range(0, 7) == 0) {
-            update.authTargets = targetsFrom(in);
-        }
-        if (in.range(0, 3) == 0) {
-            setFromBits(update, in.byte(),
-                        {&AuthContext::skipUserLookup, &AuthContext::skipVirtualDoor,
-                         &AuthContext::skipUnlockType, &AuthContext::skipTimeCheck,
-                         &AuthContext::skipHolidayCheck, &AuthContext::virtualDoorExempt});
-        }
+        update.authTargets = in.range(0, 7) == 0 ? targetsFrom(in) : std::vector<AuthTarget>();
+        setFromBits(update, in.range(0, 3) == 0 ? in.byte() : 0,  // all clear by default
+                    {&AuthContext::skipUserLookup, &AuthContext::skipVirtualDoor,
+                     &AuthContext::skipUnlockType, &AuthContext::skipTimeCheck,
+                     &AuthContext::skipHolidayCheck, &AuthContext::virtualDoorExempt});
         return update;
     }
 
@@ -671,18 +515,14 @@ private:
         AuthEngine::AsyncContext chain;
         AuthEngine::IndependentAsyncContext phase;
         for (const std::string& root : roots) {
-            for (const std::string& suffix : phaseSuffixes()) {
-                const std::string id = root + suffix;
-                if (engine->peekParkedChain(id, chain) || engine->peekParkedPhase(id, phase)) {
+            // The phases, then each relay's anti-passback and interlock questions.
+            for (std::size_t i = 0; i < 18; ++i) {
+                const std::string id = i < 6 ? root + kPhaseSuffixes[i]
+                                             : root + (i % 2 == 0 ? kApQuestion : kIlQuestion) +
+                                                   kRelayPool[(i - 6) / 2];
+                if (i < 6 ? engine->peekParkedChain(id, chain) || engine->peekParkedPhase(id, phase)
+                          : !engine->subRequestParent(id).empty()) {
                     live.push_back(id);
-                }
-            }
-            for (std::size_t i = 0; i < 6; ++i) {
-                for (const char* infix : {kApQuestion, kIlQuestion}) {
-                    const std::string id = root + infix + relayPool()[i];
-                    if (!engine->subRequestParent(id).empty()) {
-                        live.push_back(id);
-                    }
                 }
             }
         }
@@ -692,109 +532,79 @@ private:
     /// A made-up or real id: one the engine holds now, a request of this run with one of the
     /// engine's suffixes, or junk.
     std::string answerId() {
-        if (in.flag()) {
-            const Relays live = liveIds();
-            if (!live.empty()) {
-                return in.pick(live);
-            }
+        const Relays live = in.flag() ? liveIds() : Relays();
+        if (!live.empty()) {
+            return in.pick(live);
         }
-        std::string root;
-        if (!roots.empty() && in.range(0, 7) != 0) {
-            root = in.pick(roots);
-        } else {
-            static const std::vector<std::string> junk = {"", "req_", "req_0_0", "x", "double-1"};
-            root = in.range(0, 3) == 0 ? in.bytes(10) : in.pick(junk);
-        }
-        const std::string& relay = in.pick(relayPool());
-        return in.pick(std::vector<std::string>{
-            root, root + kApQuestion + relay, root + kIlQuestion + relay, root + "_ind_parking",
-            root + "_ind_antipassback_ind_parking", root + "_ind_unlock_options",
-            root + "_ind_antipassback", root + "_ind_interlock", root + "_ap_" + relay});
+        const std::string root = !roots.empty() && in.range(0, 7) != 0 ? in.pick(roots)
+                                 : in.range(0, 3) == 0
+                                     ? in.bytes(10)
+                                     : in.pick(Strings{"", "req_", "req_0_0", "x", "double-1"});
+        const std::string relay = in.pick(kRelayPool);
+        return in.pick(Strings{root, root + kApQuestion + relay, root + kIlQuestion + relay,
+                               root + "_ind_parking", root + "_ind_antipassback_ind_parking",
+                               root + "_ind_unlock_options", root + "_ind_antipassback",
+                               root + "_ind_interlock", root + "_ap_" + relay});
     }
 
     // ---- attempts ----
 
     /// The credential the host knows for an open type: a temporary key, a remote user, a device
-    /// PIN, or else a user's card.
+    /// PIN or a duress code, or else a user's card.
     std::string credentialOf(int openType) {
-        switch (openType) {
-            case OPEN_TYPE_TEMP_KEY:
-                return "k0";
-            case OPEN_TYPE_REMOTE_CONTROL:
-                return "r0";
-            case OPEN_TYPE_PIN:
-            case OPEN_TYPE_PIN_5:
-            case OPEN_TYPE_PIN_7:
-            case OPEN_TYPE_PIN_19:
-                switch (in.range(0, 3)) {
-                    case 0:
-                        return "p0";
-                    case 1:
-                        return "l0";
-                    default:
-                        return "d" + std::to_string(in.range(0, 3));
-                }
-            default:
-                return cardFrom();
+        if (openType == OPEN_TYPE_TEMP_KEY || openType == OPEN_TYPE_REMOTE_CONTROL) {
+            return openType == OPEN_TYPE_TEMP_KEY ? "k0" : "r0";
         }
+        if (openType != OPEN_TYPE_PIN && openType != OPEN_TYPE_PIN_5 &&
+            openType != OPEN_TYPE_PIN_7 && openType != OPEN_TYPE_PIN_19) {
+            return cardFrom();
+        }
+        const int kind = in.range(0, 3);
+        return kind == 0 ? "p0" : kind == 1 ? "l0" : "d" + std::to_string(in.range(0, 3));
     }
 
     AuthRequest requestFrom() {
         // Half the attempts are of the kinds that look a user up, with a known credential, so
         // that many pass the chain and reach the relay checks; the rest range over everything.
-        static const std::vector<int> userTypes = {1, 4, 9, 10, 11};
         static const std::vector<int> openTypes = {1,  4,  9,  2,  3,  5,  6,  7,  8, 10, 11,
                                                    13, 14, 15, 16, 17, 18, 19, 20, 0, 99};
         AuthRequest request;
         const bool userAttempt = in.flag();
-        request.openType =
-            static_cast<OpenDoorType>(userAttempt ? in.pick(userTypes) : in.pick(openTypes));
-        if (userAttempt) {
-            request.credential = cardFrom();
-        } else if (in.range(0, 3) == 0) {
-            request.credential = in.range(0, 3) == 0 ? in.bytes(8) : in.pick(credentials());
-        } else {
-            request.credential = credentialOf(request.openType);
-        }
+        request.openType = static_cast<OpenDoorType>(
+            userAttempt ? in.pick(std::vector<int>({1, 4, 9, 10, 11})) : in.pick(openTypes));
+        request.credential = userAttempt           ? cardFrom()
+                             : in.range(0, 3) != 0 ? credentialOf(request.openType)
+                             : in.range(0, 3) == 0 ? in.bytes(8)
+                                                   : in.pick(kCredentials);
         request.readerType = static_cast<ReaderType>(in.range(0, 7) == 0 ? 5 : in.range(0, 2));
         request.timestamp = clock.wall();
         request.sourceCode = in.range(0, 7) == 0 ? SOURCE_CODE_QR : 0;
-        const uint8_t extras = in.byte();
-        if ((extras & 1) != 0) {
-            request.relays = relaysFrom(in, 3);
-        }
-        if ((extras & 2) != 0) {
-            request.targets = targetsFrom(in);
-        }
+        const unsigned extras = in.byte();
+        request.relays = (extras & 1) != 0 ? relaysFrom(in, 3) : Relays();
+        request.targets = (extras & 2) != 0 ? targetsFrom(in) : std::vector<AuthTarget>();
         // Data of the attempt's own kind is usually there; others' data only when a bit asks.
         const int openType = request.openType;
         const auto carries = [extras](bool itsKind, unsigned bit) {
             return itsKind ? (extras & 4) == 0 : (extras & bit) != 0;
         };
         if (carries(openType == OPEN_TYPE_DTMF, 8)) {
-            static const std::vector<std::string> codes = {"123", "999", ""};
-            static const std::vector<std::string> numbers = {"555", "666"};
+            const std::string code = in.pick(Strings{"123", "999", ""});
             request.dtmfData = std::make_shared<DtmfRequestData>(
-                DtmfRequestData{in.pick(codes), in.pick(numbers), "caller", "call1"});
+                DtmfRequestData{code, in.pick(Strings{"555", "666"}), "caller", "call1"});
         }
         if (carries(openType == OPEN_TYPE_HTTP || openType == OPEN_TYPE_HTTP_20, 16)) {
-            request.httpData = std::make_shared<HttpRequestData>();
-            request.httpData->source = in.range(0, 2);
-            request.httpData->username = in.flag() ? "admin" : "guest";
-            request.httpData->password = in.flag() ? "secret" : "secreT";
-            request.httpData->preAuthenticated = in.range(0, 1);
-            request.httpData->targets = targetsFrom(in);
+            request.httpData = std::make_shared<HttpRequestData>(HttpRequestData{
+                in.range(0, 2), 0, in.flag() ? "admin" : "guest", in.flag() ? "secret" : "secreT",
+                "", in.range(0, 1), 0, 0, 0, targetsFrom(in)});
         }
         if (carries(openType == OPEN_TYPE_INPUT, 32)) {
-            request.inputData = std::make_shared<InputRequestData>();
-            request.inputData->inputId = in.range(0, 3);
-            request.inputData->inputState = in.range(0, 1);
-            request.inputData->targets = targetsFrom(in);
+            request.inputData = std::make_shared<InputRequestData>(
+                InputRequestData{in.range(0, 3), in.range(0, 1), 0, 0, targetsFrom(in)});
         }
         if (carries(openType == OPEN_TYPE_RELAY_KEY, 64)) {
-            request.relayKeyData = std::make_shared<RelayKeyAuthData>();
-            request.relayKeyData->scheduleIds = in.textFrom("0123;-", 8);
-            request.relayKeyData->targets = targetsFrom(in);
+            const std::string ids = in.textFrom("0123;-", 8);
+            request.relayKeyData =
+                std::make_shared<RelayKeyAuthData>(RelayKeyAuthData{ids, targetsFrom(in)});
         }
         if ((extras & 128) != 0) {
             request.virtualDoorExempt = in.flag();
@@ -802,9 +612,9 @@ private:
             request.direction = in.range(0, 2);
             request.commandText = "open";
             request.requestText = "text";
-            if (in.flag()) {
-                request.doubleAuthPendingId = pendingIds.empty() ? "double-1" : in.pick(pendingIds);
-            }
+            request.doubleAuthPendingId = !in.flag()           ? ""
+                                          : pendingIds.empty() ? "double-1"
+                                                               : in.pick(pendingIds);
         }
         return request;
     }
@@ -814,179 +624,133 @@ private:
     // The immediate answer of an attempt is checked fully through the report that accompanies it;
     // on its own only what needs no context: a refusal carries nothing.
     void operate() {
-        switch (in.range(0, 13)) {
-            case 0:
-            case 1: {  // synchronous attempt without id: nothing of it may be parked
-                const AuthRequest request = requestFrom();
-                const int resetsBefore = resets;
-                const bool lockedOut = engine->readerLockedOut(request.readerType);
-                const AuthResponse response =
-                    engine->authenticate(request, AuthCallback(), std::string());
-                checkRefusalCarriesNothing(response, "returned response");
-                // Only a reset clears a lockout, and only the harness moves the clocks.
-                FUZZ_CHECK(!lockedOut || resets != resetsBefore || response.result != SUCCESS,
-                           "reader " + std::to_string(request.readerType) +
-                               " opened while locked out: " + joinForDetail(response.openedRelays));
-                checkDuressLikeOwnCode(request, response, resetsBefore);
-                break;
+        const int operation = in.range(0, 13);
+        if (operation <= 1) {  // a synchronous attempt without id: nothing of it may be parked
+            const AuthRequest request = requestFrom();
+            const int resetsBefore = resets;
+            const bool lockedOut = engine->readerLockedOut(request.readerType);
+            const AuthResponse response = engine->authenticate(request, {}, std::string());
+            checkRefusalCarriesNothing(response, "returned response");
+            // Only a reset clears a lockout, and only the harness moves the clocks.
+            FUZZ_CHECK(!lockedOut || resets != resetsBefore || response.result != SUCCESS,
+                       "reader " + std::to_string(request.readerType) +
+                           " opened while locked out: " + joinForDetail(response.openedRelays));
+            // A duress code decides as the user's own code does: the same attempt with the card
+            // of the same user, made right after, must end alike. Skipped where the two cannot be
+            // compared: double authentication (the first attempt changes what the second
+            // completes), a reset or a host fault during either.
+            const std::string& code = request.credential;
+            if (!provider->config.duressEnabled || code.size() != 2 || code[0] != 'd' ||
+                provider->config.doubleAuthEnabled || !isMemorisedCode(request.openType)) {
+                return;
             }
-            case 2: {  // synchronous attempt with an id and a callback, as the worker makes it
-                const std::string id = engine->generateRequestId();
-                addRoot(id);
-                const AuthRequest request = requestFrom();
-                const bool ready = engine->isReady();
-                accept([&] {
-                    checkRefusalCarriesNothing(engine->authenticate(request, callback(), id),
-                                               "returned response");
-                    return ready ? id : std::string();
-                });
-                break;
+            const int faultsBefore = faultsFired;
+            AuthRequest own = request;
+            own.credential = "c" + code.substr(1);
+            const AuthResponse plain = engine->authenticate(own, {}, std::string());
+            checkRefusalCarriesNothing(plain, "returned response");
+            if (resets != resetsBefore || faultsFired != faultsBefore) {
+                return;
             }
-            case 3:
-            case 4: {  // queued attempt, run by the worker
-                const AuthRequest request = requestFrom();
-                addRoot(accept([&] { return engine->authenticateAsync(request, callback()); }));
-                break;
-            }
-            case 5:
-            case 6: {  // answer one of the questions the host was asked
-                const std::vector<FakeDataProvider::Question> asked = provider->questions();
-                if (asked.empty()) {
-                    break;
-                }
-                const auto index =
-                    static_cast<std::size_t>(in.range(0, static_cast<int>(asked.size()) - 1));
+            const auto sorted = [](Relays relays) {
+                std::sort(relays.begin(), relays.end());
+                return relays;
+            };
+            const std::string what = "duress " + code + ": " + std::to_string(response.result) +
+                                     joinForDetail(response.openedRelays) +
+                                     ", own code: " + std::to_string(plain.result) +
+                                     joinForDetail(plain.openedRelays);
+            FUZZ_CHECK(
+                response.result == plain.result && response.failCode == plain.failCode &&
+                    sorted(response.openedRelays) == sorted(plain.openedRelays) &&
+                    sorted(response.unlockOptionsRelays) == sorted(plain.unlockOptionsRelays),
+                what);
+            FUZZ_CHECK(
+                !plain.duress && (response.duress || response.failCode == 45 || !response.user),
+                what + ": duress flag");
+        } else if (operation ==
+                   2) {  // synchronous, with an id and a callback, as the worker makes it
+            const std::string id = engine->generateRequestId();
+            addRoot(id);
+            const AuthRequest request = requestFrom();
+            const bool ready = engine->isReady();
+            accept([&] {
+                checkRefusalCarriesNothing(engine->authenticate(request, callback(), id),
+                                           "returned response");
+                return ready ? id : std::string();
+            });
+        } else if (operation <= 4) {  // queued, run by the worker
+            const AuthRequest request = requestFrom();
+            addRoot(accept([&] { return engine->authenticateAsync(request, callback()); }));
+        } else if (operation <= 6) {  // an answer to one of the questions the host was asked
+            const std::vector<Question> asked = provider->questions();
+            if (!asked.empty()) {
+                const Question& question = in.pick(asked);
                 const AuthResponse response = responseFrom();
-                deliver(asked[index], response, updateFrom());
-                break;
+                deliver(question, response, updateFrom());
             }
-            case 7: {  // an answer under a real or made-up id
-                const std::string id = answerId();
-                const AuthResponse response = responseFrom();
-                noteAnswer(id, response.result);
-                engine->handleAsyncResponse(id, response.result, response, updateFrom());
-                break;
+        } else if (operation == 7) {  // an answer under a real or made-up id
+            const std::string id = answerId();
+            const AuthResponse response = responseFrom();
+            noteAnswer(id, response.result);
+            engine->handleAsyncResponse(id, response.result, response, updateFrom());
+        } else if (operation == 8) {  // the user's relay choice, built as the facade builds it
+            std::pair<std::string, Relays> choice = {"x_ind_unlock_options", {"1", "2"}};
+            if (!choices.empty() && in.range(0, 7) != 0) {
+                choice = in.pick(choices);
             }
-            case 8: {  // the user's relay choice, built as the facade builds it
-                std::string optionsId = "x_ind_unlock_options";
-                Relays offered = {"1", "2"};
-                if (!choices.empty() && in.range(0, 7) != 0) {
-                    const RelayChoice& choice = in.pick(choices);
-                    optionsId = choice.optionsId;
-                    offered = choice.offered;
-                }
-                Relays selected;
-                for (const std::string& relay : offered) {
-                    if (in.flag()) {
-                        selected.push_back(relay);
-                    }
-                }
-                if (in.range(0, 3) == 0) {
-                    const Relays extra = relaysFrom(in, 2);
-                    selected.insert(selected.end(), extra.begin(), extra.end());
-                }
-                AuthResponse response;
-                response.unlockOptionsId = optionsId;
-                if (!selected.empty()) {
-                    response.result = SUCCESS;
-                    response.unlockOptionsRelays = selected;
-                } else {
-                    response.result = FAILED;
-                    response.failCode = 44;
-                    response.reason = "User canceled relay selection";
-                }
-                engine->handleAsyncResponse(optionsId, response.result, response, AuthContext());
-                break;
+            Relays selected;
+            std::copy_if(choice.second.begin(), choice.second.end(), std::back_inserter(selected),
+                         [this](const std::string&) { return in.flag(); });
+            const Relays extra = in.range(0, 3) == 0 ? relaysFrom(in, 2) : Relays();
+            selected.insert(selected.end(), extra.begin(), extra.end());
+            AuthResponse response = responseOf(selected.empty() ? FAILED : SUCCESS);
+            response.unlockOptionsId = choice.first;
+            response.unlockOptionsRelays = selected;
+            response.failCode = selected.empty() ? 44 : 0;
+            response.reason = selected.empty() ? "User canceled relay selection" : "";
+            engine->handleAsyncResponse(choice.first, response.result, response, {});
+        } else if (operation == 9) {  // time passes (or the wall clock is set back)
+            const int choice = in.range(0, 7);
+            if (choice == 0) {
+                clock.setWall(clock.wall() - in.range(0, 120));
+            } else {
+                clock.advance(choice == 1 ? in.range(60, 4000) : in.range(0, 45));
             }
-            case 9: {  // time passes (or the wall clock is set back)
-                const int choice = in.range(0, 7);
-                if (choice == 0) {
-                    clock.setWall(clock.wall() - in.range(0, 120));
-                } else {
-                    clock.advance(choice == 1 ? in.range(60, 4000) : in.range(0, 45));
-                }
-                if (in.flag()) {
-                    engine->checkAllPendingTimeouts();
-                }
-                break;
+            if (in.flag()) {
+                engine->checkAllPendingTimeouts();
             }
-            case 10: {  // a resume the worker would not have been asked for
-                const Relays live = liveIds();
-                if (!live.empty() && in.flag()) {
-                    engine->resumeAuthentication(in.pick(live));
-                } else if (!roots.empty()) {
-                    const std::string& root = in.pick(roots);
-                    const auto suffix = static_cast<std::size_t>(in.range(0, 4));
-                    engine->resumeAuthentication(root + phaseSuffixes()[suffix]);
-                }
-                break;
+        } else if (operation == 10) {  // a resume the worker would not have been asked for
+            const Relays live = liveIds();
+            if (!live.empty() && in.flag()) {
+                engine->resumeAuthentication(in.pick(live));
+            } else if (!roots.empty()) {
+                const std::string& root = in.pick(roots);
+                engine->resumeAuthentication(
+                    root + kPhaseSuffixes[static_cast<std::size_t>(in.range(0, 4))]);
             }
-            case 11: {  // reset and start again, or a second init that keeps the parked state
-                if (in.flag()) {
-                    resetEngine(false);
-                    checkReports();
-                }
-                FUZZ_CHECK(engine->init(provider) == 0, "init failed");
-                break;
+        } else if (operation == 11) {  // reset, or an init that keeps what is parked
+            if (in.flag()) {
+                resetEngine(false);
             }
-            case 12: {  // interlock verification without a credential
-                const std::vector<AuthTarget> targets = targetsFrom(in);
-                const AuthRequest request = requestFrom();
-                const std::string id = accept(
-                    [&] { return engine->verifyInterlockTargets(request, targets, callback()); });
-                if (!id.empty()) {
-                    verifications.insert(id);
-                }
-                addRoot(id);
-                break;
+            FUZZ_CHECK(engine->init(provider) == 0, "init failed");
+        } else if (operation == 12) {  // interlock verification without a credential
+            const std::vector<AuthTarget> targets = targetsFrom(in);
+            const AuthRequest request = requestFrom();
+            const std::string id = accept(
+                [&] { return engine->verifyInterlockTargets(request, targets, callback()); });
+            if (!id.empty()) {
+                verifications.insert(id);
             }
-            default: {  // double authentication control on a real or made-up pending id
-                const std::string id =
-                    pendingIds.empty() || in.range(0, 3) == 0 ? "double-9" : in.pick(pendingIds);
-                const AuthResponse response = in.flag() ? engine->handleDoubleAuthTimeout(id)
-                                                        : engine->cancelDoubleAuth(id, in.bytes(6));
-                FUZZ_CHECK(response.result == FAILED, "double authentication control passed");
-                checkRefusalCarriesNothing(response, "double authentication control");
-                break;
-            }
+            addRoot(id);
+        } else {  // double authentication control on a real or made-up pending id
+            const std::string id =
+                pendingIds.empty() || in.range(0, 3) == 0 ? "double-9" : in.pick(pendingIds);
+            const AuthResponse response = in.flag() ? engine->handleDoubleAuthTimeout(id)
+                                                    : engine->cancelDoubleAuth(id, in.bytes(6));
+            FUZZ_CHECK(response.result == FAILED, "double authentication control passed");
+            checkRefusalCarriesNothing(response, "double authentication control");
         }
-    }
-
-    /// A duress code decides as the user's own code does: the same attempt with the card of the
-    /// same user, made right after, must end alike. Skipped where the two cannot be compared:
-    /// double authentication (the first attempt changes what the second completes), a reset or a
-    /// host fault during either.
-    void checkDuressLikeOwnCode(const AuthRequest& request, const AuthResponse& duress,
-                                int resetsBefore) {
-        const std::string& code = request.credential;
-        if (!provider->config.duressEnabled || code.size() != 2 || code[0] != 'd' ||
-            provider->config.doubleAuthEnabled || !isMemorisedCode(request.openType)) {
-            return;
-        }
-        const int faultsBefore = faultsFired;
-        AuthRequest own = request;
-        own.credential = "c" + code.substr(1);
-        const AuthResponse plain = engine->authenticate(own, AuthCallback(), std::string());
-        checkRefusalCarriesNothing(plain, "returned response");
-        if (resets != resetsBefore || faultsFired != faultsBefore) {
-            return;
-        }
-        const std::string what = "duress " + code + " result " + std::to_string(duress.result) +
-                                 " opened " + joinForDetail(duress.openedRelays) +
-                                 ", own code result " + std::to_string(plain.result) + " opened " +
-                                 joinForDetail(plain.openedRelays);
-        FUZZ_CHECK(duress.result == plain.result && duress.failCode == plain.failCode, what);
-        FUZZ_CHECK(
-            sortedCopy(duress.openedRelays) == sortedCopy(plain.openedRelays) &&
-                sortedCopy(duress.unlockOptionsRelays) == sortedCopy(plain.unlockOptionsRelays),
-            what);
-        FUZZ_CHECK(!plain.duress && (duress.duress || duress.failCode == 45 || !duress.user),
-                   what + ": duress flag");
-    }
-
-    static Relays sortedCopy(Relays relays) {
-        std::sort(relays.begin(), relays.end());
-        return relays;
     }
 
     void addRoot(const std::string& id) {
@@ -995,221 +759,132 @@ private:
         }
     }
 
-    /// How far the host's reports and the callbacks have been gone through.
-    struct Seen {
-        std::size_t reports = 0;
-        std::size_t calls = 0;
-    };
-
-    /// Hands each host report, then each callback, not yet `seen` to visit(id, response, context).
-    template <typename Visit>
-    void visitNew(Seen& seen, Visit visit) {
-        const auto reports = provider->reports();
-        for (std::size_t i = seen.reports; i < reports.size(); ++i) {
-            const auto& report = reports[i];
-            FUZZ_CHECK(report.result == report.context.response.result, "report result differs");
-            visit(report.context.requestId, report.context.response, report.context);
-        }
-        seen.reports = reports.size();
-        const auto calls = recorder.all();
-        for (std::size_t i = seen.calls; i < calls.size(); ++i) {
-            visit(calls[i].requestId, calls[i].response, calls[i].context);
-        }
-        seen.calls = calls.size();
-    }
-
-    /// Learns ids from what the host saw: request ids, relay choices, pending first factors; and
-    /// which requests may end without a word (parked chains vanish at a reset).
+    /// Checks the new reports and learns ids from what the host saw: request ids, relay choices,
+    /// pending first factors; and which requests may end without a word (parked chains vanish at
+    /// a reset).
     void collectIds() {
         AuthEngine::AsyncContext parked;
         for (const std::string& root : roots) {
             if (engine->peekParkedChain(root, parked)) {
-                std::lock_guard<std::mutex> guard(faultMutex);
-                silent.insert(root);
+                locked([&] { silent.insert(root); });
             }
         }
         for (const auto& question : provider->questions()) {
             addRoot(rootOf(question.requestId));
         }
-        visitNew(learned, [this](const std::string& id, const AuthResponse& response,
-                                 const AuthContext&) {
+        const auto visit = [this](const std::string& id, const AuthResponse& response,
+                                  const AuthContext& context) {
+            checkReport(id, response, context);
             addRoot(rootOf(id));
             if (response.result == UNLOCK_OPTIONS_PENDING && !response.unlockOptionsId.empty()) {
-                choices.push_back(
-                    RelayChoice{response.unlockOptionsId, response.unlockOptionsRelays});
+                choices.emplace_back(response.unlockOptionsId, response.unlockOptionsRelays);
             }
             if (!response.doubleAuthPendingId.empty() &&
                 !contains(pendingIds, response.doubleAuthPendingId)) {
                 pendingIds.push_back(response.doubleAuthPendingId);
             }
-        });
-    }
-
-    /// Moves both clocks far past every timeout and sweeps until nothing is parked.
-    void drain() {
-        if (!engine->isReady()) {
-            resetEngine(false);  // completes a reset host code asked for
+        };
+        const auto reports = provider->reports();
+        for (; reportsSeen < reports.size(); ++reportsSeen) {
+            const auto& report = reports[reportsSeen];
+            FUZZ_CHECK(report.result == report.context.response.result, "report result differs");
+            visit(report.context.requestId, report.context.response, report.context);
         }
-        for (int round = 0; round < 12; ++round) {
-            if (engine->parkedChainCount() == 0 && engine->parkedPhaseCount() == 0 &&
-                engine->subRequestCount() == 0) {
-                break;
-            }
-            clock.advance(100000);
-            engine->checkAllPendingTimeouts();
-            FUZZ_CHECK(engine->waitForIdle(kIdleWaitMs), "engine did not become idle");
-        }
-        const std::size_t chains = engine->parkedChainCount();
-        const std::size_t phases = engine->parkedPhaseCount();
-        const std::size_t questions = engine->openQuestionCount();
-        const std::size_t held = engine->heldAnswerCount();
-        FUZZ_CHECK(chains == 0 && phases == 0 && questions == 0 && held == 0,
-                   "left behind: " + std::to_string(chains) + " chains, " + std::to_string(phases) +
-                       " phases, " + std::to_string(questions) + " open questions, " +
-                       std::to_string(held) + " held answers");
-    }
-
-    /// Every accepted request heard back, unless it ended silently by design (a chain parked when
-    /// the engine was reset, an answer saying DROPPED); no phase and no verdict twice.
-    void checkEveryRequestHeardBack() {
-        std::map<std::string, int> verdicts;
-        std::map<std::string, int> offers;
-        std::set<std::string> heard;
-        for (const auto& call : recorder.all()) {
-            heard.insert(rootOf(call.requestId));
-            ++(call.response.result == UNLOCK_OPTIONS_PENDING ? offers : verdicts)[call.requestId];
-        }
-        for (const auto& entry : verdicts) {
-            FUZZ_CHECK(entry.second == 1,
-                       entry.first + " reported " + std::to_string(entry.second) + " times");
-        }
-        for (const auto& entry : offers) {
-            FUZZ_CHECK(entry.second == 1, entry.first + " offered a choice twice");
-        }
-        std::lock_guard<std::mutex> guard(faultMutex);
-        for (const std::string& id : accepted) {
-            FUZZ_CHECK(heard.count(id) != 0 || silent.count(id) != 0,
-                       "accepted request " + id + " never heard back");
+        const auto calls = recorder.all();
+        for (; callsSeen < calls.size(); ++callsSeen) {
+            visit(calls[callsSeen].requestId, calls[callsSeen].response, calls[callsSeen].context);
         }
     }
 
     // ---- report checks ----
 
     static void checkRefusalCarriesNothing(const AuthResponse& response, const std::string& what) {
-        if (response.result == FAILED) {
-            FUZZ_CHECK(response.openedRelays.empty() && response.targets.empty(),
-                       what + ": a refusal opens " + joinForDetail(response.openedRelays));
-        }
-    }
-
-    void checkReports() {
-        visitNew(checked,
-                 [this](const std::string& id, const AuthResponse& response,
-                        const AuthContext& context) { checkReport(id, response, context); });
+        FUZZ_CHECK(response.result != FAILED ||
+                       (response.openedRelays.empty() && response.targets.empty()),
+                   what + ": a refusal opens " + joinForDetail(response.openedRelays));
     }
 
     void checkReport(const std::string& id, const AuthResponse& response,
                      const AuthContext& context) {
         const std::string what = "report " + id + " result " + std::to_string(response.result) +
                                  " opened " + joinForDetail(response.openedRelays);
-        if (traceReports) {
-            (void)std::fprintf(stderr, "[report] %s asyncType=%s failCode=%d reason=%s\n",
-                               what.c_str(), response.asyncType.c_str(), response.failCode,
-                               response.reason.c_str());
-        }
+        // Printed with the library's log when AUTH_FUZZ_LOG is set (the reason as an argument).
+        AuthLogger::info("[report] %s asyncType=%s failCode=%d reason=%s", what.c_str(),
+                         response.asyncType.c_str(), response.failCode, response.reason.c_str());
         const int result = response.result;
         FUZZ_CHECK(result == SUCCESS || result == FAILED || result == DOUBLE_AUTH_PENDING ||
                        result == UNLOCK_OPTIONS_PENDING || result == IGNORED,
                    what + ": unexpected result");
         checkRefusalCarriesNothing(response, what);
-        if (result != SUCCESS) {
-            FUZZ_CHECK(response.openedRelays.empty(), what + ": opens without success");
-            return;
-        }
+        FUZZ_CHECK(result == SUCCESS || response.openedRelays.empty(),
+                   what + ": opens without success");
         for (const AuthTarget& target : response.targets) {
-            if (target.type == 0 || target.type == 1) {
-                FUZZ_CHECK(contains(response.openedRelays, target.relay),
-                           what + ": actuates relay " + target.relay + " it did not open");
-            }
+            FUZZ_CHECK(result != SUCCESS || (target.type != 0 && target.type != 1) ||
+                           contains(response.openedRelays, target.relay),
+                       what + ": actuates relay " + target.relay + " it did not open");
         }
 
         const AuthConfig& config = provider->config;
         const std::string root = rootOf(id.empty() ? context.requestId : id);
         // An interlock verification runs no credential chain: only its interlock answers count.
-        const bool verification = verifications.count(root) != 0;
+        const bool chain = verifications.count(root) == 0;
         const std::shared_ptr<UserData> user = context.userData;
         const int openType = context.request.openType;
-        const bool apApplies = config.antiPassbackEnabled && user &&
+        const bool apApplies = chain && config.antiPassbackEnabled && user &&
                                (user->userType == 1 || user->userType == 2) &&
                                openType != OPEN_TYPE_REMOTE_CONTROL;
-        const bool parkingApplies = config.parkingRestrictionEnabled && user &&
-                                    openType == OPEN_TYPE_LICENSE_PLATE && user->userType == 1;
-        const auto forbidden = provider->forbiddenRelays.find(openType);
-
+        const bool parkingApplies = chain && config.parkingRestrictionEnabled && user &&
+                                    openType == OPEN_TYPE_LICENSE_PLATE && user->userType == 1 &&
+                                    !provider->parkingOffline;
+        const bool typeChecked = chain && !context.skipUnlockType &&
+                                 context.request.readerType == READER_TYPE_INTERNAL &&
+                                 openType != OPEN_TYPE_RELAY_KEY &&
+                                 provider->forbiddenRelays.count(openType) != 0;
         for (const std::string& relay : response.openedRelays) {
             const std::string about = what + ", relay " + relay;
-            if (!verification) {
-                FUZZ_CHECK(provider->lockedDownRelays.count(relay) == 0 ||
-                               (user && user->lockdownBypass >= 1),
-                           about + " is locked down");
-                const bool typeChecked = !context.skipUnlockType &&
-                                         context.request.readerType == READER_TYPE_INTERNAL &&
-                                         openType != OPEN_TYPE_RELAY_KEY;
-                FUZZ_CHECK(!typeChecked || forbidden == provider->forbiddenRelays.end() ||
-                               forbidden->second.count(relay) == 0,
-                           about + " is forbidden for open type " + std::to_string(openType));
-                const auto direction = config.antiPassbackRelayMap.find(relay);
-                if (apApplies && direction != config.antiPassbackRelayMap.end() &&
-                    direction->second != 0) {
-                    FUZZ_CHECK(answers.passed(root + kApQuestion + relay, passesAntiPassback),
-                               about + " opened without passing anti-passback");
-                }
-                if (parkingApplies) {
-                    FUZZ_CHECK(provider->parkingOffline ||
-                                   answers.anyPassing(root + "_ind_parking", passesStrictly) ||
-                                   answers.anyPassing(root + "_ind_antipassback_ind_parking",
-                                                      passesStrictly),
-                               about + " opened without passing parking");
-                }
-            }
+            const auto direction = config.antiPassbackRelayMap.find(relay);
             const auto interlocked = config.interlockRelayMap.find(relay);
-            if (config.interlockEnabled && interlocked != config.interlockRelayMap.end() &&
-                interlocked->second) {
-                FUZZ_CHECK(answers.passed(root + kIlQuestion + relay, passesStrictly),
-                           about + " opened without passing interlock");
-            }
+            FUZZ_CHECK(!chain || provider->lockedDownRelays.count(relay) == 0 ||
+                           (user && user->lockdownBypass >= 1),
+                       about + " is locked down");
+            FUZZ_CHECK(!typeChecked || provider->forbiddenRelays.at(openType).count(relay) == 0,
+                       about + " is forbidden for open type " + std::to_string(openType));
+            FUZZ_CHECK(!apApplies || direction == config.antiPassbackRelayMap.end() ||
+                           direction->second == 0 ||
+                           passed(root + kApQuestion + relay, passesAntiPassback),
+                       about + " opened without passing anti-passback");
+            FUZZ_CHECK(!parkingApplies || passed(root + "_ind_parking", passesStrictly, false) ||
+                           passed(root + "_ind_antipassback_ind_parking", passesStrictly, false),
+                       about + " opened without passing parking");
+            FUZZ_CHECK(!config.interlockEnabled || interlocked == config.interlockRelayMap.end() ||
+                           !interlocked->second ||
+                           passed(root + kIlQuestion + relay, passesStrictly),
+                       about + " opened without passing interlock");
         }
     }
 
     FuzzInput& in;
-    TestClock clock;  // declared before the engine: the worker reads it until reset joins it
-    std::shared_ptr<FakeDataProvider> provider;
-    CallbackRecorder recorder;
-    AnswerLog answers;
-    const std::shared_ptr<std::atomic<uint32_t>> numbers =
-        std::make_shared<std::atomic<uint32_t>>(0);
-    const std::shared_ptr<AuthEngine> engine;
+    testing::TestClock clock;  // declared before the engine: the worker reads it until reset
+    const std::shared_ptr<FakeDataProvider> provider = std::make_shared<FakeDataProvider>();
+    testing::CallbackRecorder recorder;
+    const std::shared_ptr<AuthEngine> engine =
+        std::make_shared<AuthEngine>(std::make_shared<std::atomic<uint32_t>>(0));
 
-    std::mutex
-        faultMutex;  // the members below up to `silent` are written by hooks on the worker too
+    std::mutex mutex;  // guards the members below up to `decided`: hooks on the worker write them
     std::vector<HostFault> faults;
     std::map<std::string, int> hostCalls;
-    std::set<std::string> issued;
     std::vector<std::string> accepted;
     std::set<std::string> silent;
-    std::atomic<int> resets{0};
-    std::atomic<int> faultsFired{0};
+    std::map<std::string, std::vector<int>> delivered;  // every answer given, per routed id
+    std::map<std::string, int> decided;                 // the answer the engine recorded
+    std::atomic<int> resets{0}, faultsFired{0};
     AuthRequest reentrantRequest;
     std::string junkAnswerId;
 
-    Relays roots;
-    Relays pendingIds;
-    std::vector<RelayChoice> choices;
+    Relays roots, pendingIds;
+    std::vector<std::pair<std::string, Relays>> choices;
     std::set<std::string> verifications;
-    Seen learned;
-    Seen checked;
-    /// With AUTH_FUZZ_LOG set, every report is printed too (next to the library's log).
-    const bool traceReports = std::getenv("AUTH_FUZZ_LOG") != nullptr;
+    std::size_t reportsSeen = 0, callsSeen = 0;  // the host's reports, then the callbacks
 };
 
 }  // namespace

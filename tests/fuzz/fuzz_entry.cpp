@@ -3,12 +3,7 @@
 
 // The libFuzzer entry points of every target: a quiet log and a UTC calendar once, then each input
 // handed to the target's fuzzOne.
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <ctime>
-#include <string>
 
 #include "FuzzInput.h"
 #include "auth_engine/AuthLogger.h"
@@ -16,17 +11,15 @@
 // The library's log goes nowhere unless AUTH_FUZZ_LOG is set (then stderr), so that a crashing
 // input can be replayed with its log. Lines are still formatted when dropped: a bad format
 // argument then shows up under the sanitizers.
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    (void)argc;
-    (void)argv;
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     setenv("TZ", "UTC", 1);
     tzset();
-    if (std::getenv("AUTH_FUZZ_LOG") != nullptr) {
-        auth_engine::AuthLogger::setSink(
-            [](int, const std::string& line) { (void)std::fprintf(stderr, "%s\n", line.c_str()); });
-    } else {
-        auth_engine::AuthLogger::setSink([](int, const std::string&) {});
-    }
+    const bool log = std::getenv("AUTH_FUZZ_LOG") != nullptr;
+    auth_engine::AuthLogger::setSink([log](int, const std::string& line) {
+        if (log) {
+            (void)std::fprintf(stderr, "%s\n", line.c_str());
+        }
+    });
     return 0;
 }
 
