@@ -78,6 +78,21 @@ inline std::string outcome(AuthResult returned, const AuthContext& context) {
     return text + (failed.empty() ? "" : " failed[" + joinRelayVector(failed) + "]");
 }
 
+/// A report in one line: "RESULT failCode 'reason' [opened] [failed]", then " type:relay" for each
+/// target.
+inline std::string said(const AuthResponse& r) {
+    static const char* const kNames[] = {"SUCCESS", "FAILED", "ASYNC_PENDING",  "CONTINUE",
+                                         "DROPPED", "DOUBLE", "UNLOCK_OPTIONS", "IGNORED"};
+    std::string text = std::string(r.result >= 0 && r.result <= IGNORED ? kNames[r.result] : "?") +
+                       " " + std::to_string(r.failCode) + " '" + r.reason + "' [" +
+                       joinRelayVector(r.openedRelays) + "] [" + joinRelayVector(r.failedRelays) +
+                       "]";
+    for (const AuthTarget& target : r.targets) {
+        text += " " + std::to_string(target.type) + ":" + target.relay;
+    }
+    return text;
+}
+
 /// One processor under test, with a scripted host, a frozen clock (UTC) and the log captured.
 /// Processors keep no per-request state, so one instance serves every case of a test.
 template <class Processor, class Provider = FakeDataProvider>

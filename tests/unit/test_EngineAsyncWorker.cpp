@@ -7,16 +7,11 @@
 
 #include "auth_engine/AuthLogger.h"
 #include "support/EngineHarness.h"
+#include "support/ProcessorTest.h"
 
 namespace auth_engine {
 namespace testing {
 namespace {
-
-// A report in one line: "result failCode 'reason' [opened] [failed]".
-std::string said(const AuthResponse& r) {
-    return std::to_string(r.result) + " " + std::to_string(r.failCode) + " '" + r.reason + "' [" +
-           joinRelayVector(r.openedRelays) + "] [" + joinRelayVector(r.failedRelays) + "]";
-}
 
 // The credential picks the behaviour: "block" holds the worker until the latch opens, "hold" until
 // the engine is reset, "n" is ignored (called back at once, no post-sync). Anything else asks the
@@ -203,10 +198,10 @@ TEST_F(EngineAsyncWorker, AnswerIsAppliedMergedAndResumedOnce) {
     // left empty keeps the processor's.
     EXPECT_EQ(said(seen.response) + " " + std::to_string(seen.response.remoteFailCode) + " " +
                   seen.response.asyncType,
-              "1 31 'denied' [] [] 2 kept");
+              "FAILED 31 'denied' [] [] 2 kept");
     EXPECT_TRUE(seen.tempKeyAuthData && seen.skipTimeCheck && seen.skipHolidayCheck);
     EXPECT_EQ(seen.authTargets.size() == 1 ? seen.authTargets[0].relay : "?", "3");
-    EXPECT_EQ(said(onlyReport("r1")), "1 31 'denied' [] []");
+    EXPECT_EQ(said(onlyReport("r1")), "FAILED 31 'denied' [] []");
     EXPECT_EQ(recorder.count() + engine.parkedChainCount(), 1u);
 }
 
@@ -229,7 +224,7 @@ TEST_F(EngineAsyncWorker, AnswersThatOvertakeTheParkWaitForIt) {
     ASSERT_TRUE(idle());
     EXPECT_EQ(calledIds(), (Relays{id, "unrouted"}));
     EXPECT_EQ(said(recorder.at(0).response) + said(recorder.at(1).response),
-              "0 0 '' [] []0 0 '' [] []");
+              "SUCCESS 0 '' [] []SUCCESS 0 '' [] []");
     EXPECT_EQ(asker->resumed().size(), 2u);
     EXPECT_EQ(engine.parkedChainCount(), 0u);
 }
@@ -287,7 +282,7 @@ TEST_F(EngineAsyncWorker, MissingProcessorPassesOnlyAStoredSuccess) {
     engine.handleAsyncResponse("other", CONTINUE, response, AuthContext());
     ASSERT_TRUE(recorder.waitFor(2));
     EXPECT_EQ(recorder.forId("granted").at(0).response.result, SUCCESS);
-    EXPECT_EQ(said(recorder.forId("other").at(0).response), "1 12 'why' [] []");
+    EXPECT_EQ(said(recorder.forId("other").at(0).response), "FAILED 12 'why' [] []");
     EXPECT_EQ(bystander->calls, 0);
 }
 
