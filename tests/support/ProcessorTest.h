@@ -78,6 +78,15 @@ inline std::string outcome(AuthResult returned, const AuthContext& context) {
     return text + (failed.empty() ? "" : " failed[" + joinRelayVector(failed) + "]");
 }
 
+/// Targets in one line: " type:relay" for each.
+inline std::string targetsOf(const Targets& targets) {
+    std::string text;
+    for (const AuthTarget& target : targets) {
+        text += " " + std::to_string(target.type) + ":" + target.relay;
+    }
+    return text;
+}
+
 /// A report in one line: "RESULT failCode 'reason' [opened] [failed]", then " type:relay" for each
 /// target.
 inline std::string said(const AuthResponse& r) {
@@ -87,10 +96,7 @@ inline std::string said(const AuthResponse& r) {
                        " " + std::to_string(r.failCode) + " '" + r.reason + "' [" +
                        joinRelayVector(r.openedRelays) + "] [" + joinRelayVector(r.failedRelays) +
                        "]";
-    for (const AuthTarget& target : r.targets) {
-        text += " " + std::to_string(target.type) + ":" + target.relay;
-    }
-    return text;
+    return text + targetsOf(r.targets);
 }
 
 /// One processor under test, with a scripted host, a frozen clock (UTC) and the log captured.
