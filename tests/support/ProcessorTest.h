@@ -13,6 +13,7 @@
 
 #include "auth_engine/AuthLogger.h"
 #include "auth_engine/AuthTypes.h"
+#include "support/CallbackRecorder.h"
 #include "support/FakeDataProvider.h"
 #include "support/LogCapture.h"
 #include "support/TestClock.h"
@@ -97,6 +98,17 @@ inline std::string said(const AuthResponse& r) {
                        joinRelayVector(r.openedRelays) + "] [" + joinRelayVector(r.failedRelays) +
                        "]";
     return text + targetsOf(r.targets);
+}
+
+/// A callback in one line: "id " + said(response) + " asyncType relay:reason...", with the
+/// context's id when it is not the one called back.
+inline std::string said(const CallbackRecorder::Call& call) {
+    std::string text = call.requestId + " " + said(call.response) + " " + call.response.asyncType;
+    text += call.context.requestId == call.requestId ? "" : " context " + call.context.requestId;
+    for (const auto& reason : call.context.relayFailReasons) {
+        text += " " + reason.first + ":" + reason.second;
+    }
+    return text;
 }
 
 /// One processor under test, with a scripted host, a frozen clock (UTC) and the log captured.

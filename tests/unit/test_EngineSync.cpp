@@ -80,8 +80,7 @@ TEST_F(EngineSync, SecondInitReplacesProviderKeepsTheWorker) {
     EXPECT_EQ(probe->lastProvider, host.get());
 
     const std::string id = submit(AuthRequest());
-    ASSERT_TRUE(recorder.waitFor(2));
-    ASSERT_TRUE(idle());
+    ASSERT_TRUE(recorder.waitFor(2) && idle());
     EXPECT_EQ(calledIds(), (Relays{"", id}));
 }
 

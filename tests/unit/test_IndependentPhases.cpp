@@ -28,19 +28,6 @@ FakeDataProvider::QuestionHook answering(const std::map<std::string, AuthResult>
     };
 }
 
-using testing::said;  // the callback's overload below must not hide it
-
-// A callback in one line: "id " + said(response) + " asyncType relay:reason...", with the
-// context's id when it is not the one called back.
-std::string said(const CallbackRecorder::Call& call) {
-    std::string text = call.requestId + " " + said(call.response) + " " + call.response.asyncType;
-    text += call.context.requestId == call.requestId ? "" : " context " + call.context.requestId;
-    for (const auto& reason : call.context.relayFailReasons) {
-        text += " " + reason.first + ":" + reason.second;
-    }
-    return text;
-}
-
 // The chain stands in for the policy chain: it hands the post-sync phase a prepared verdict for a
 // user (a resident, by default).
 class IndependentPhases : public EngineTest {
@@ -234,8 +221,7 @@ TEST_P(IndependentPhaseTiming, ChecksRunInOrderAntiPassbackInterlockParking) {
             host->answer(i, SUCCESS);
         }
     }
-    ASSERT_TRUE(recorder.waitFor(1));
-    ASSERT_TRUE(idle());
+    ASSERT_TRUE(recorder.waitFor(1) && idle());
     Lines kinds;
     for (const auto& question : host->questions()) {
         kinds.push_back(question.kind + ":" + question.relay + ":" + question.requestId);
