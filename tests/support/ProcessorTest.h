@@ -111,6 +111,16 @@ inline std::string said(const CallbackRecorder::Call& call) {
     return text;
 }
 
+/// Relay questions in one line: "pending relay:status" for each, then "a" when answered.
+template <class Results>
+std::string pendingOf(int pending, const Results& results) {
+    std::string text = std::to_string(pending);
+    for (const auto& [relay, result] : results) {
+        text += " " + relay + ":" + std::to_string(result.status) + (result.answered ? "a" : "");
+    }
+    return text;
+}
+
 /// One processor under test, with a scripted host, a frozen clock (UTC) and the log captured.
 /// Processors keep no per-request state, so one instance serves every case of a test.
 template <class Processor, class Provider = FakeDataProvider>
