@@ -214,8 +214,7 @@ TEST_F(InterlockProcessor, RetryAsksOnlyUnansweredRelaysAndOnlySuccessOpens) {
 
     provider.offlineRelays = {"3"};
     EXPECT_EQ(processor.retryPendingRelays(context, provider, {"1", "2", "3", "9"}), ASYNC_PENDING);
-    EXPECT_EQ(questionsOf(provider), "2*|3*");
-    EXPECT_EQ(context.interlockPending, 1);
+    EXPECT_EQ(questionsOf(provider) + " " + std::to_string(context.interlockPending), "2*|3* 1");
     EXPECT_EQ(context.relayFailReasons.at("3"), "Interlock");
     EXPECT_EQ(engine.subRequestParent("req_7_il_2"), "req_7");
 
