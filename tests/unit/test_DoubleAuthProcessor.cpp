@@ -157,16 +157,14 @@ TEST_F(DoubleAuthProcessorTest, ExplicitIdsReplacementAndLazyExpiry) {
 TEST_F(DoubleAuthProcessorTest, TimeoutAndCancelEndTheWait) {
     const std::string first = holdCard(member("alice", "3-1,2;4-2,SA;junk;5-"));
     const AuthResponse timedOut = processor.handleTimeout(first);
-    EXPECT_EQ(std::make_tuple(timedOut.result, timedOut.failCode, timedOut.failedRelays,
-                              timedOut.doubleAuthUserText2),
-              std::make_tuple(FAILED, 19, Relays{"1", "2", "SA"}, std::string("alice")));
+    EXPECT_EQ(said(timedOut) + " " + timedOut.doubleAuthUserText2,
+              "FAILED 19 '' [] [1,2,SA] alice");
     EXPECT_EQ(processor.handleTimeout(first).failCode, 42);
 
     const std::string second = holdCard(member("alice"));
     EXPECT_EQ(processor.cancel("double-9", "left").doubleAuthPendingId, "double-9");
-    const AuthResponse cancelled = processor.cancel(second, "user walked away");
-    EXPECT_EQ(std::make_tuple(cancelled.result, cancelled.failCode, cancelled.reason),
-              std::make_tuple(FAILED, 0, std::string("user walked away")));
+    EXPECT_EQ(said(processor.cancel(second, "user walked away")),
+              "FAILED 0 'user walked away' [] []");
     EXPECT_EQ(processor.cancel(second, "again").failCode, 42);
 
     holdCard(member("alice"));

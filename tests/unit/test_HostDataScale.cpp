@@ -8,6 +8,7 @@
 // decide exactly as it would on small data.
 #include "auth_engine/AuthLogger.h"
 #include "support/EngineHarness.h"
+#include "support/ProcessorTest.h"
 
 namespace auth_engine {
 namespace testing {
@@ -16,12 +17,6 @@ namespace {
 std::shared_ptr<ScheduleData> allDay(const std::string& id) {
     return std::make_shared<ScheduleData>(ScheduleData{std::atoi(id.c_str()), 1, id, "", "00:00:00",
                                                        "23:59:59", "", "", "", "", false});
-}
-
-// A small report in one line: "result [opened] [failed] targets".
-std::string said(const AuthResponse& r) {
-    return std::to_string(r.result) + " [" + joinRelayVector(r.openedRelays) + "] [" +
-           joinRelayVector(r.failedRelays) + "] " + std::to_string(r.targets.size());
 }
 
 class HostDataScale : public EngineTest {
@@ -49,7 +44,7 @@ TEST_F(HostDataScale, RelayKeyWithAMillionScheduleIds) {
             fake.schedules.push_back(allDay(id == 7 ? "7" : std::to_string(id + 2000000)));
         }
     });
-    EXPECT_EQ(said(engine.authenticate(request, AuthCallback(), "")), "0 [1] [] 1");
+    EXPECT_EQ(said(engine.authenticate(request, AuthCallback(), "")), "SUCCESS 0 '' [1] [] 0:1");
 }
 
 TEST_F(HostDataScale, ScheduleTextRepeatingOneRelay) {
@@ -62,7 +57,7 @@ TEST_F(HostDataScale, ScheduleTextRepeatingOneRelay) {
         fake.schedules = {allDay("9"), allDay("249999")};
     });
     EXPECT_EQ(said(engine.authenticate(makeRequest("card", OPEN_TYPE_CARD), AuthCallback(), "")),
-              "0 [1,2] [] 2");
+              "SUCCESS 0 '' [1,2] [] 0:1 0:2");
 }
 
 TEST_F(HostDataScale, TwoHundredThousandRelaysHalfLockedDown) {
