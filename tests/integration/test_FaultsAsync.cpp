@@ -50,20 +50,15 @@ std::shared_ptr<FakeDataProvider> makeSite() {
 
 // One attempt of every kind, each with the data its processor needs to reach the host.
 std::vector<AuthRequest> everyKindOfAttempt() {
+    const std::vector<OpenDoorType> types = {
+        OPEN_TYPE_CARD,          OPEN_TYPE_PIN,      OPEN_TYPE_FACE,           OPEN_TYPE_BLE,
+        OPEN_TYPE_LICENSE_PLATE, OPEN_TYPE_TEMP_KEY, OPEN_TYPE_REMOTE_CONTROL, OPEN_TYPE_DTMF,
+        OPEN_TYPE_HTTP,          OPEN_TYPE_INPUT,    OPEN_TYPE_RELAY_KEY};
+    const std::vector<std::string> credentials = {"card-1",  "1234", "face-1",  "ble-1",
+                                                  "PLATE-1", "tk-1", "remote-1"};
     std::vector<AuthRequest> attempts;
-    for (const auto& kind :
-         std::vector<std::pair<OpenDoorType, const char*>>{{OPEN_TYPE_CARD, "card-1"},
-                                                           {OPEN_TYPE_PIN, "1234"},
-                                                           {OPEN_TYPE_FACE, "face-1"},
-                                                           {OPEN_TYPE_BLE, "ble-1"},
-                                                           {OPEN_TYPE_LICENSE_PLATE, "PLATE-1"},
-                                                           {OPEN_TYPE_TEMP_KEY, "tk-1"},
-                                                           {OPEN_TYPE_REMOTE_CONTROL, "remote-1"},
-                                                           {OPEN_TYPE_DTMF, ""},
-                                                           {OPEN_TYPE_HTTP, ""},
-                                                           {OPEN_TYPE_INPUT, ""},
-                                                           {OPEN_TYPE_RELAY_KEY, ""}}) {
-        attempts.push_back(makeRequest(kind.second, kind.first));
+    for (std::size_t i = 0; i < types.size(); ++i) {
+        attempts.push_back(makeRequest(i < credentials.size() ? credentials[i] : "", types[i]));
     }
     attempts[7].dtmfData = std::make_shared<DtmfRequestData>(DtmfRequestData{"#1", "100", "", ""});
     attempts[8].httpData = std::make_shared<HttpRequestData>(
@@ -135,8 +130,6 @@ TEST_F(FaultsAsync, ThrowingHostFailsEachRequestOnceAndTheWorkerGoesOn) {
         expectFailed(onlyReport(ids[i]), 0, "Internal error");
     }
     expectNothingParked(engine);
-    EXPECT_TRUE(log.contains("fake provider throws from"));
-    EXPECT_TRUE(log.contains("host callback fails"));
     EXPECT_EQ(host->questions().size(), 0u);
 
     // The same worker serves the next request once the host behaves again.
@@ -170,21 +163,18 @@ TEST_F(FaultsAsync, ThrowWhileAskingARelayCheckKeepsOnlyThatRelayShut) {
         EXPECT_EQ(reportOf(plate + "_ind_parking"), "FAILED 23 '' [] [3]");
         expectNothingParked(engine);
     }
-    for (const std::string& operation : kQuestions) {
-        EXPECT_TRUE(log.contains("fake provider throws from " + operation));
-    }
 }
 
-TEST_F(FaultsAsync, AnswersAfterResetAreDroppedAndNeverReachALaterRequestWithTheSameId) {
-    const auto first = host;
+// That a new run never reissues an old id, nor lets a callback of before decide its chains, is
+// pinned by the worker's and the facade's reset tests.
+TEST_F(FaultsAsync, AnswersAfterResetAreDropped) {
     const std::string tempKey = submit(makeRequest("tk-1", OPEN_TYPE_TEMP_KEY));
-    ASSERT_TRUE(first->waitForQuestions(1, kWaitMs));
+    ASSERT_TRUE(host->waitForQuestions(1, kWaitMs));
     const std::string card = submitCard("card-1");
     // The card's relay 3 opens at once; relay 1 waits for its anti-passback answer.
-    ASSERT_TRUE(first->waitForQuestions(2, kWaitMs));
+    ASSERT_TRUE(host->waitForQuestions(2, kWaitMs));
     settle(1);
-    ASSERT_EQ(engine.parkedChainCount(), 1u);
-    ASSERT_EQ(engine.parkedPhaseCount(), 1u);
+    ASSERT_EQ(engine.parkedChainCount() * 10 + engine.parkedPhaseCount(), 11u);
 
     engine.reset();
     // The parked phase is told of the shutdown; the parked chain vanishes silently.
@@ -192,32 +182,9 @@ TEST_F(FaultsAsync, AnswersAfterResetAreDroppedAndNeverReachALaterRequestWithThe
     EXPECT_EQ(onlyReport(card + "_ind_antipassback").reason, "Engine shutdown");
     EXPECT_TRUE(recorder.forId(tempKey).empty());
     // Late answers to both questions reach nothing.
-    first->answer(0, SUCCESS, 0, tempKeyAnswer("tk-1"));
-    first->answer(1, SUCCESS);
+    host->answer(0, SUCCESS, 0, tempKeyAnswer("tk-1"));
+    host->answer(1, SUCCESS);
     EXPECT_EQ(recorder.count(), 2u);
-    expectNothingParked(engine);
-
-    // A new run under the same (frozen) wall clock never reissues an id of the run before, so
-    // answers to its questions, through the old callbacks or by id, decide nothing now.
-    host = makeSite();
-    ASSERT_TRUE(start());
-    const std::string again = submit(makeRequest("tk-1", OPEN_TYPE_TEMP_KEY));
-    ASSERT_NE(again, tempKey);
-    ASSERT_NE(again, card);
-    ASSERT_TRUE(host->waitForQuestions(1, kWaitMs));
-    ASSERT_TRUE(idle());
-    first->answer(0, SUCCESS, 0, tempKeyAnswer("tk-1"));
-    answer(tempKey, SUCCESS, 0, tempKeyAnswer("tk-1"));
-    answer(card + "_ind_antipassback_ap_1", SUCCESS);
-    AuthEngine::AsyncContext parked;
-    ASSERT_TRUE(engine.peekParkedChain(again, parked));
-    EXPECT_FALSE(parked.context.tempKeyAuthData);
-    EXPECT_EQ(recorder.count(), 2u);
-
-    // Its own host's answer still decides it, once.
-    host->answer(0, FAILED, 24);
-    settle(3);
-    EXPECT_EQ(reportOf(again), "FAILED 24 'Temp key dclient denied' [] []");
     expectNothingParked(engine);
 }
 
@@ -230,13 +197,7 @@ TEST_F(FaultsAsync, ConfigurationThatCannotBeReadAtTheSplitOpensNothing) {
         context.readerRelays = {"x"};
         return passes({"1", "3"})(context);
     });
-    configure([](FakeDataProvider& fake) {
-        fake.beforeCall = [](const std::string& operation) {
-            if (operation == "getAuthConfig") {
-                throw std::runtime_error("configuration store unreachable");
-            }
-        };
-    });
+    configure([](FakeDataProvider& fake) { fake.throwFrom = {"getAuthConfig"}; });
     const std::string id = submit(AuthRequest());
     settle(1);
     EXPECT_EQ(reportOf(id), "FAILED 0 'Internal error' [] [1,3]");
@@ -293,8 +254,8 @@ TEST_F(FaultsAsync, ACallersIdStillInUseIsRefused) {
     const auto parker = use("Parker", askOnce);
     ASSERT_EQ(run("door-7").result, ASYNC_PENDING);
     CallbackRecorder second;
-    const AuthResponse refused = engine.authenticate(AuthRequest(), second.callback(), "door-7");
-    expectFailed(refused, 0, "Request id already in use");
+    expectFailed(engine.authenticate(AuthRequest(), second.callback(), "door-7"), 0,
+                 "Request id already in use");
     ASSERT_EQ(second.count(), 1u);
     answer("door-7", SUCCESS);
     // The answer decides the first request only; the second heard nothing more.
@@ -477,8 +438,7 @@ TEST_F(FaultsAsync, ResetFromAnotherThreadWhileAttemptsRunCallsEverySubmissionBa
         engine.reset();
         host = makeSite();
         ASSERT_TRUE(start());
-        CallbackRecorder submitted;
-        CallbackRecorder parkedCalls;
+        CallbackRecorder submitted, parkedCalls;
         std::atomic<bool> stop{false};
         std::mutex idsMutex;
         std::vector<std::string> accepted;

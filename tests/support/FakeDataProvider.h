@@ -261,9 +261,7 @@ public:
     }
     bool getReaderPriority(std::vector<ReaderType>& priority) override {
         const auto order = read("getReaderPriority", readerPriority);
-        if (!order.empty()) {
-            priority = order;
-        }
+        priority = order.empty() ? priority : order;
         return !order.empty();
     }
     void onGuessLockout(ReaderType reader, int count, int64_t lockoutEndUptime) override {
@@ -306,18 +304,15 @@ private:
     bool lookUp(const char* operation, const Map& map, const Key& key, Out& out) {
         return locked(operation, [&] {
             const auto found = map.find(key);
-            if (found == map.end()) {
-                return false;
+            if (found != map.end()) {
+                out = found->second;
             }
-            out = found->second;
-            return true;
+            return found != map.end();
         });
     }
     template <class T>
     static bool given(const std::optional<T>& from, T& out) {
-        if (from) {
-            out = *from;
-        }
+        out = from.value_or(out);
         return from.has_value();
     }
     // The relays listed in `set`, in their order.

@@ -32,13 +32,11 @@ public:
         return captured;
     }
     /// True when some line contains `text`.
-    bool contains(const std::string& text) { return count(text) > 0; }
-    /// Number of lines that contain `text`.
-    int count(const std::string& text) {
+    bool contains(const std::string& text) {
         const std::vector<std::string> all = lines();
-        return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const std::string& line) {
+        return std::any_of(all.begin(), all.end(), [&](const std::string& line) {
             return line.find(text) != std::string::npos;
-        }));
+        });
     }
     /// Priorities seen, one per line.
     std::vector<int> priorities() {
