@@ -120,9 +120,8 @@ void expectRelays(const AuthResponse& response, const Relays& opened, const Rela
 }
 
 void expectNothingParked(AuthEngine& engine) {
-    EXPECT_EQ(engine.parkedChainCount(), 0u);
-    EXPECT_EQ(engine.parkedPhaseCount(), 0u);
-    EXPECT_EQ(engine.subRequestCount(), 0u);
+    EXPECT_EQ(engine.parkedChainCount() + engine.parkedPhaseCount() + engine.subRequestCount(), 0u)
+        << "chains, phases and sub-requests left";
 }
 
 void expectCalledBackOnce(CallbackRecorder& recorder, std::vector<std::string> ids) {
