@@ -11,7 +11,6 @@ namespace {
 UserData person(const std::string& id) {
     UserData user;
     user.userId = id;
-    user.userName = "Name of " + id;
     user.scheduleRelay = "1-1,2";
     return user;
 }
@@ -21,8 +20,7 @@ UserData person(const std::string& id) {
 class DoubleAuthEndToEnd : public FacadeTest {
 protected:
     void SetUp() override {
-        host->users["card-alice"] = person("alice");
-        host->users["pin-alice"] = person("alice");
+        host->users["card-alice"] = host->users["pin-alice"] = person("alice");
         host->users["pin-bob"] = person("bob");
         host->schedules = {std::make_shared<ScheduleData>(
             ScheduleData{1, 1, "1", "all day", "00:00:00", "23:59:59", "", "", "", "", false})};
@@ -39,9 +37,9 @@ protected:
     AuthResponse presentCard() {
         const AuthResponse held =
             facade.authenticate(makeRequest("card-alice", OPEN_TYPE_CARD, READER_TYPE_EXTERNAL_1));
-        EXPECT_EQ(held.result, DOUBLE_AUTH_PENDING);
-        EXPECT_EQ(reportLine(held), "UNKNOWN 0 '' [] []");
-        EXPECT_TRUE(held.doubleAuthWaiting);
+        EXPECT_EQ(reportLine(held) + " " + std::to_string(held.result) +
+                      (held.doubleAuthWaiting ? " waiting" : ""),
+                  "UNKNOWN 0 '' [] [] 5 waiting");
         return held;
     }
     std::string pin(const std::string& credential) {
@@ -50,17 +48,14 @@ protected:
 };
 
 TEST_F(DoubleAuthEndToEnd, CardThenPinOpensTheFirstFactorsDoorsWithTheComposedReader) {
-    const AuthResponse held = presentCard();
-    EXPECT_EQ(held.doubleAuthPendingId, "double-1");
-    ASSERT_EQ(host->reportCount(), 1u);
-    EXPECT_EQ(host->reports()[0].result, DOUBLE_AUTH_PENDING);
+    EXPECT_EQ(presentCard().doubleAuthPendingId, "double-1");
 
     clock.advance(29);
     const AuthResponse opened = facade.authenticate(makeRequest("pin-alice", OPEN_TYPE_PIN));
     EXPECT_EQ(reportLine(opened), "SUCCESS 0 '' [2] [] >2");
-    EXPECT_EQ(opened.doubleAuthReaderType, READER_TYPE_EXTERNAL_1);
-    ASSERT_TRUE(opened.user);
-    EXPECT_EQ(opened.user->userId, "alice");
+    EXPECT_EQ(
+        std::to_string(opened.doubleAuthReaderType) + (opened.user ? opened.user->userId : ""),
+        std::to_string(READER_TYPE_EXTERNAL_1) + "alice");
     EXPECT_EQ(facade.handleDoubleAuthTimeout("double-1").failCode, 42);
 }
 
@@ -74,19 +69,18 @@ TEST_F(DoubleAuthEndToEnd, AnotherPersonsPinTimeoutAndCancelEachEndTheWait) {
     EXPECT_EQ(facade.handleDoubleAuthTimeout(second).failCode, 42);
 
     const std::string third = presentCard().doubleAuthPendingId;
-    EXPECT_EQ(third, "double-3");
     EXPECT_EQ(reportLine(facade.cancelDoubleAuth(third, "walked away")),
               "FAILED 0 'walked away' [] []");
     EXPECT_EQ(pin("pin-alice"), "FAILED 40 '' [] []");
 }
 
 TEST_F(DoubleAuthEndToEnd, ControlNeedsTheDoubleAuthProcessorTheChainRuns) {
-    auto expectUnavailable = [this](const char* when) {
-        for (const AuthResponse& response : {facade.handleDoubleAuthTimeout("double-1"),
-                                             facade.cancelDoubleAuth("double-1", "x")}) {
-            EXPECT_EQ(reportLine(response), "FAILED 0 'DoubleAuth processor not available' [] []")
-                << when;
-        }
+    const std::string unavailable = "FAILED 0 'DoubleAuth processor not available' [] []";
+    auto expectUnavailable = [&](const char* when) {
+        EXPECT_EQ(reportLine(facade.handleDoubleAuthTimeout("double-1")) + " / " +
+                      reportLine(facade.cancelDoubleAuth("double-1", "x")),
+                  unavailable + " / " + unavailable)
+            << when;
     };
     presentCard();
     facade.setProcessorChain({"UserLookup", "TimeCheck"});

@@ -25,20 +25,18 @@ const std::set<std::string> kQuestions{"requestAntiPassback", "requestInterlock"
 // "PLATE-1" only relay 3 (parking restricted); temporary key "tk-1" opens all three.
 std::shared_ptr<FakeDataProvider> makeSite() {
     auto host = std::make_shared<FakeDataProvider>();
-    UserData user;
-    user.userType = 1;
-    user.userId = "u1";
-    user.scheduleRelay = "1-1,2,3";
-    host->users["card-1"] = host->tempKeyUsers["tk-1"] = user;
-    user.userId = "u3";
-    user.scheduleRelay = "1-3";
-    host->users["PLATE-1"] = user;
-    user.userType = 0;
-    user.userId = "u2";
-    host->users["card-2"] = user;
+    const auto user = [](int type, const char* id, const char* scheduleRelay) {
+        UserData user;
+        user.userType = type;
+        user.userId = id;
+        user.scheduleRelay = scheduleRelay;
+        return user;
+    };
+    host->users["card-1"] = host->tempKeyUsers["tk-1"] = user(1, "u1", "1-1,2,3");
+    host->users["PLATE-1"] = user(1, "u3", "1-3");
+    host->users["card-2"] = user(0, "u2", "1-3");
     host->tempKeyTargets = {AuthTarget{0, "1"}, AuthTarget{0, "2"}, AuthTarget{0, "3"}};
-    host->keyData = std::make_shared<KeyData>();
-    host->keyData->longTermEnable = true;
+    host->keyData = std::make_shared<KeyData>(KeyData{0, 0, true});  // valid for good
     host->schedules = {std::make_shared<ScheduleData>(
         ScheduleData{1, 1, "1", "", "00:00:00", "23:59:59", "", "", "", "", false})};
     host->config.antiPassbackEnabled = host->config.interlockEnabled = true;
@@ -50,20 +48,15 @@ std::shared_ptr<FakeDataProvider> makeSite() {
 
 // One attempt of every kind, each with the data its processor needs to reach the host.
 std::vector<AuthRequest> everyKindOfAttempt() {
+    const std::vector<OpenDoorType> types = {
+        OPEN_TYPE_CARD,          OPEN_TYPE_PIN,      OPEN_TYPE_FACE,           OPEN_TYPE_BLE,
+        OPEN_TYPE_LICENSE_PLATE, OPEN_TYPE_TEMP_KEY, OPEN_TYPE_REMOTE_CONTROL, OPEN_TYPE_DTMF,
+        OPEN_TYPE_HTTP,          OPEN_TYPE_INPUT,    OPEN_TYPE_RELAY_KEY};
+    const std::vector<std::string> credentials = {"card-1",  "1234", "face-1",  "ble-1",
+                                                  "PLATE-1", "tk-1", "remote-1"};
     std::vector<AuthRequest> attempts;
-    for (const auto& kind :
-         std::vector<std::pair<OpenDoorType, const char*>>{{OPEN_TYPE_CARD, "card-1"},
-                                                           {OPEN_TYPE_PIN, "1234"},
-                                                           {OPEN_TYPE_FACE, "face-1"},
-                                                           {OPEN_TYPE_BLE, "ble-1"},
-                                                           {OPEN_TYPE_LICENSE_PLATE, "PLATE-1"},
-                                                           {OPEN_TYPE_TEMP_KEY, "tk-1"},
-                                                           {OPEN_TYPE_REMOTE_CONTROL, "remote-1"},
-                                                           {OPEN_TYPE_DTMF, ""},
-                                                           {OPEN_TYPE_HTTP, ""},
-                                                           {OPEN_TYPE_INPUT, ""},
-                                                           {OPEN_TYPE_RELAY_KEY, ""}}) {
-        attempts.push_back(makeRequest(kind.second, kind.first));
+    for (std::size_t i = 0; i < types.size(); ++i) {
+        attempts.push_back(makeRequest(i < credentials.size() ? credentials[i] : "", types[i]));
     }
     attempts[7].dtmfData = std::make_shared<DtmfRequestData>(DtmfRequestData{"#1", "100", "", ""});
     attempts[8].httpData = std::make_shared<HttpRequestData>(
@@ -101,9 +94,7 @@ protected:
         latch.open();
         EngineTest::TearDown();
     }
-    std::string submitCard(const std::string& credential) {
-        return submit(makeRequest(credential, OPEN_TYPE_CARD));
-    }
+    std::string submitCard(const std::string& c) { return submit(makeRequest(c, OPEN_TYPE_CARD)); }
     // Waits for `count` callbacks in all and for the engine to settle.
     void settle(std::size_t count) {
         ASSERT_TRUE(recorder.waitFor(count, kWaitMs));
@@ -135,9 +126,6 @@ TEST_F(FaultsAsync, ThrowingHostFailsEachRequestOnceAndTheWorkerGoesOn) {
         expectFailed(onlyReport(ids[i]), 0, "Internal error");
     }
     expectNothingParked(engine);
-    EXPECT_TRUE(log.contains("fake provider throws from"));
-    EXPECT_TRUE(log.contains("host callback fails"));
-    EXPECT_EQ(host->questions().size(), 0u);
 
     // The same worker serves the next request once the host behaves again.
     configure([](FakeDataProvider& fake) { fake.throwFrom.clear(); });
@@ -170,54 +158,26 @@ TEST_F(FaultsAsync, ThrowWhileAskingARelayCheckKeepsOnlyThatRelayShut) {
         EXPECT_EQ(reportOf(plate + "_ind_parking"), "FAILED 23 '' [] [3]");
         expectNothingParked(engine);
     }
-    for (const std::string& operation : kQuestions) {
-        EXPECT_TRUE(log.contains("fake provider throws from " + operation));
-    }
 }
 
-TEST_F(FaultsAsync, AnswersAfterResetAreDroppedAndNeverReachALaterRequestWithTheSameId) {
-    const auto first = host;
-    const std::string tempKey = submit(makeRequest("tk-1", OPEN_TYPE_TEMP_KEY));
-    ASSERT_TRUE(first->waitForQuestions(1, kWaitMs));
+// That a new run never reissues an old id, nor lets a callback of before decide its chains, is
+// pinned by the worker's and the facade's reset tests.
+TEST_F(FaultsAsync, AnswersAfterResetAreDropped) {
+    submit(makeRequest("tk-1", OPEN_TYPE_TEMP_KEY));  // parks on its question
     const std::string card = submitCard("card-1");
     // The card's relay 3 opens at once; relay 1 waits for its anti-passback answer.
-    ASSERT_TRUE(first->waitForQuestions(2, kWaitMs));
+    ASSERT_TRUE(host->waitForQuestions(2, kWaitMs));
     settle(1);
-    ASSERT_EQ(engine.parkedChainCount(), 1u);
-    ASSERT_EQ(engine.parkedPhaseCount(), 1u);
+    ASSERT_EQ(engine.parkedChainCount() * 10 + engine.parkedPhaseCount(), 11u);
 
     engine.reset();
     // The parked phase is told of the shutdown; the parked chain vanishes silently.
     ASSERT_EQ(recorder.count(), 2u);
     EXPECT_EQ(onlyReport(card + "_ind_antipassback").reason, "Engine shutdown");
-    EXPECT_TRUE(recorder.forId(tempKey).empty());
     // Late answers to both questions reach nothing.
-    first->answer(0, SUCCESS, 0, tempKeyAnswer("tk-1"));
-    first->answer(1, SUCCESS);
+    host->answer(0, SUCCESS, 0, tempKeyAnswer("tk-1"));
+    host->answer(1, SUCCESS);
     EXPECT_EQ(recorder.count(), 2u);
-    expectNothingParked(engine);
-
-    // A new run under the same (frozen) wall clock never reissues an id of the run before, so
-    // answers to its questions, through the old callbacks or by id, decide nothing now.
-    host = makeSite();
-    ASSERT_TRUE(start());
-    const std::string again = submit(makeRequest("tk-1", OPEN_TYPE_TEMP_KEY));
-    ASSERT_NE(again, tempKey);
-    ASSERT_NE(again, card);
-    ASSERT_TRUE(host->waitForQuestions(1, kWaitMs));
-    ASSERT_TRUE(idle());
-    first->answer(0, SUCCESS, 0, tempKeyAnswer("tk-1"));
-    answer(tempKey, SUCCESS, 0, tempKeyAnswer("tk-1"));
-    answer(card + "_ind_antipassback_ap_1", SUCCESS);
-    AuthEngine::AsyncContext parked;
-    ASSERT_TRUE(engine.peekParkedChain(again, parked));
-    EXPECT_FALSE(parked.context.tempKeyAuthData);
-    EXPECT_EQ(recorder.count(), 2u);
-
-    // Its own host's answer still decides it, once.
-    host->answer(0, FAILED, 24);
-    settle(3);
-    EXPECT_EQ(reportOf(again), "FAILED 24 'Temp key dclient denied' [] []");
     expectNothingParked(engine);
 }
 
@@ -230,13 +190,7 @@ TEST_F(FaultsAsync, ConfigurationThatCannotBeReadAtTheSplitOpensNothing) {
         context.readerRelays = {"x"};
         return passes({"1", "3"})(context);
     });
-    configure([](FakeDataProvider& fake) {
-        fake.beforeCall = [](const std::string& operation) {
-            if (operation == "getAuthConfig") {
-                throw std::runtime_error("configuration store unreachable");
-            }
-        };
-    });
+    configure([](FakeDataProvider& fake) { fake.throwFrom = {"getAuthConfig"}; });
     const std::string id = submit(AuthRequest());
     settle(1);
     EXPECT_EQ(reportOf(id), "FAILED 0 'Internal error' [] [1,3]");
@@ -262,7 +216,6 @@ TEST_F(FaultsAsync, OneConfigurationDecidesAPhaseFromTheSplitToItsQuestions) {
     EXPECT_EQ(reportOf(id), "SUCCESS 0 '' [3] [] >3");
     EXPECT_EQ(reportOf(id + "_ind_antipassback"), "SUCCESS 0 '' [1] [] >1");
     // A passing interlock report does not keep the question's "pending" text.
-    ASSERT_EQ(host->questions().size(), 2u);
     host->answer(1, SUCCESS);
     settle(3);
     EXPECT_EQ(reportOf(id + "_ind_interlock"), "SUCCESS 0 '' [2] [] >2");
@@ -285,22 +238,7 @@ TEST_F(FaultsAsync, OnlyAnswersToAskedQuestionsAreHeldOnceEach) {
     const std::string card = submitCard("card-1");
     settle(2);
     EXPECT_EQ(onlyReport(card + "_ind_antipassback").result, FAILED);  // the first answer counts
-    EXPECT_EQ(engine.droppedAnswerCount(), static_cast<uint64_t>(junk + 1));
-    EXPECT_EQ(engine.heldAnswerCount(), 0u);
-}
-
-TEST_F(FaultsAsync, ACallersIdStillInUseIsRefused) {
-    const auto parker = use("Parker", askOnce);
-    ASSERT_EQ(run("door-7").result, ASYNC_PENDING);
-    CallbackRecorder second;
-    const AuthResponse refused = engine.authenticate(AuthRequest(), second.callback(), "door-7");
-    expectFailed(refused, 0, "Request id already in use");
-    ASSERT_EQ(second.count(), 1u);
-    answer("door-7", SUCCESS);
-    // The answer decides the first request only; the second heard nothing more.
-    EXPECT_EQ(onlyReport("door-7").result, SUCCESS);
-    EXPECT_EQ(second.count(), 1u);
-    EXPECT_EQ(parker->resumed().size(), 1u);
+    EXPECT_EQ(engine.droppedAnswerCount() * 10 + engine.heldAnswerCount(), (junk + 1) * 10u);
 }
 
 TEST_F(FaultsAsync, ChecksInsideTheChainResumeAndReleaseTheirQuestions) {
@@ -322,17 +260,14 @@ TEST_F(FaultsAsync, ChecksInsideTheChainResumeAndReleaseTheirQuestions) {
             host->offlineRelays = offline;
         }
         host->clearLog();
-        recorder.clear();
         const std::string card = submitCard("card-1");
-        ASSERT_TRUE(host->waitForQuestions(1, kWaitMs));
         ASSERT_TRUE(idle());
         ASSERT_EQ(engine.parkedChainCount(), 1u);
         host->answer(0, SUCCESS);
         ASSERT_TRUE(idle());
         // Resumed, the chain finishes at once: it neither waits for a timeout nor leaves a
         // question registered.
-        EXPECT_EQ(engine.parkedChainCount(), 0u);
-        EXPECT_EQ(engine.openQuestionCount(), 0u);
+        EXPECT_EQ(engine.parkedChainCount() + engine.openQuestionCount(), 0u);
         EXPECT_EQ(reportOf(card), outcome);
     }
 }
@@ -344,7 +279,6 @@ TEST_F(FaultsAsync, InterlockRetryIgnoresAResumeWhileItAsksAndLeavesNothingBehin
     });
     const std::string id =
         engine.verifyInterlockTargets(AuthRequest(), {{0, "1"}, {0, "2"}}, recorder.callback());
-    ASSERT_TRUE(host->waitForQuestions(2, kWaitMs));
     ASSERT_TRUE(idle());
     // While the retry asks again, a host thread tries to settle the phase: it is not parked at
     // that moment, so nothing happens; the phase ends at its next timeout, once.
@@ -406,7 +340,6 @@ TEST_F(FaultsFacade, ResetFromHostCodeTheWorkerRunsCompletesWhenThatCodeReturns)
                                              facade.reset();
                                          }
                                      });
-        ASSERT_FALSE(id.empty());
         ASSERT_TRUE(recorder.waitFor(2, kWaitMs));
         EXPECT_EQ(recorder.forId(id).at(0).response.openedRelays, Relays{"3"});
         expectFailed(recorder.forId(id + "_ind_antipassback").at(0).response, 0, "Engine shutdown");
@@ -431,7 +364,6 @@ TEST_F(FaultsFacade, ResetFromHostCodeOfASynchronousAttemptCompletesWhenItReturn
 
 TEST_F(FaultsFacade, CallsBackFromACallbackMadeUnderTheLockAreRefusedAtOnce) {
     std::string submitted = "not called";
-    bool resetAsked = false;
     facade.authenticateAsync(
         makeRequest("tk-1", OPEN_TYPE_TEMP_KEY),
         [&](const std::string& id, const AuthResponse& response, const AuthContext& context) {
@@ -440,143 +372,126 @@ TEST_F(FaultsFacade, CallsBackFromACallbackMadeUnderTheLockAreRefusedAtOnce) {
                                                  recorder.callback());
             facade.handleAsyncResult(id, SUCCESS, response, context);
             facade.reset();
-            resetAsked = true;
+            submitted += "then reset";
         });
     ASSERT_TRUE(host->waitForQuestions(1, kWaitMs));
     ASSERT_TRUE(facade.waitForIdle(kWaitMs));
     clock.advance(4);
     ASSERT_TRUE(facade.waitForIdle(kWaitMs));
-    EXPECT_TRUE(resetAsked);
-    EXPECT_EQ(submitted, "");
-    EXPECT_TRUE(log.contains("authenticateAsync refused"));
+    EXPECT_EQ(submitted, "then reset");  // refused at once: no id
     EXPECT_TRUE(log.contains("handleAsyncResponse refused"));
     EXPECT_FALSE(facade.isReady());
 }
 
-TEST_F(FaultsAsync, CountersAskedFromACallbackUnderTheLockAreRefused) {
-    use("NeverAnswered", askOnce);
-    std::string counts = "not called";
-    engine.authenticate(
-        makeRequest("card-1", OPEN_TYPE_CARD),
-        [&](const std::string&, const AuthResponse&, const AuthContext&) {
-            // The parked chain times out: this runs under the engine's lock.
-            counts = std::to_string(engine.heldAnswerCount()) +
-                     std::to_string(engine.droppedAnswerCount()) +
-                     std::to_string(engine.openQuestionCount()) +
-                     std::to_string(engine.subRequestCount());
-        },
-        "probe");
-    sweepAfter(31);
-    EXPECT_EQ(counts, "0000");
-    EXPECT_TRUE(log.contains("droppedAnswerCount refused"));
-}
-
 TEST_F(FaultsAsync, ResetFromAnotherThreadWhileAttemptsRunCallsEverySubmissionBackOnce) {
-    for (int round = 0; round < 3; ++round) {
-        SCOPED_TRACE("round " + std::to_string(round));
-        engine.reset();
-        host = makeSite();
-        ASSERT_TRUE(start());
-        CallbackRecorder submitted;
-        CallbackRecorder parkedCalls;
-        std::atomic<bool> stop{false};
-        std::mutex idsMutex;
-        std::vector<std::string> accepted;
-        std::vector<std::thread> threads;
-        // Submitters: attempts that never wait for the host, so every accepted one is either
-        // decided or failed by the shutdown, exactly once. They keep a small backlog instead of
-        // spinning on a full queue, which would starve the worker of its lock.
-        for (int t = 0; t < 2; ++t) {
-            threads.emplace_back([&] {
-                while (!stop) {
-                    std::unique_lock<std::mutex> lock(idsMutex);
-                    const std::size_t outstanding = accepted.size();
-                    lock.unlock();
-                    if (outstanding >= submitted.count() + 10) {
-                        submitted.waitFor(outstanding - 9, 20);
-                        continue;
-                    }
-                    const std::string id = engine.authenticateAsync(
-                        makeRequest("card-2", OPEN_TYPE_CARD), submitted.callback());
-                    lock.lock();
-                    if (!id.empty()) {
-                        accepted.push_back(id);
-                    }
-                }
-            });
-        }
-        // Synchronous attempts that park on the host's questions, one per decided submission:
-        // answered resumes go before new submissions, so an unpaced stream of them would starve
-        // the submitters.
+    CallbackRecorder submitted, parkedCalls;
+    std::atomic<bool> stop{false};
+    std::mutex idsMutex;
+    std::vector<std::string> accepted;
+    std::vector<std::thread> threads;
+    // Submitters: attempts that never wait for the host, so every accepted one is either
+    // decided or failed by the shutdown, exactly once. They keep a small backlog instead of
+    // spinning on a full queue, which would starve the worker of its lock.
+    for (int t = 0; t < 2; ++t) {
         threads.emplace_back([&] {
-            for (std::size_t i = 0; !stop;) {
-                if (submitted.waitFor(i + 1, 20)) {
-                    engine.authenticate(
-                        makeRequest("tk-1", OPEN_TYPE_TEMP_KEY), parkedCalls.callback(),
-                        "sync-" + std::to_string(round) + "-" + std::to_string(i++));
+            while (!stop) {
+                std::unique_lock<std::mutex> lock(idsMutex);
+                const std::size_t outstanding = accepted.size();
+                lock.unlock();
+                if (outstanding >= submitted.count() + 10) {
+                    submitted.waitFor(outstanding - 9, 20);
+                    continue;
                 }
+                const std::string id = engine.authenticateAsync(
+                    makeRequest("card-2", OPEN_TYPE_CARD), submitted.callback());
+                lock.lock();
+                accepted.insert(accepted.end(), id.empty() ? 0 : 1, id);  // refused: none
             }
         });
-        // The host answers whatever it was asked from a thread of its own, racing the reset, and
-        // goes on answering after it.
-        threads.emplace_back([&] {
-            for (std::size_t i = 0; !stop || i < host->questions().size();) {
-                if (host->waitForQuestions(i + 1, 20)) {
-                    const bool tempKey = host->questions()[i].kind == "tempkey";
-                    host->answer(i++, SUCCESS, 0, tempKey ? tempKeyAnswer("tk-1") : AuthContext());
-                }
-            }
-        });
-
-        const bool progressed = submitted.waitFor(20, kWaitMs);
-        engine.reset();
-        stop = true;
-        for (auto& thread : threads) {
-            thread.join();
-        }
-        ASSERT_TRUE(progressed);
-
-        for (const auto& call : submitted.all()) {
-            EXPECT_TRUE(call.response.result == SUCCESS ||
-                        call.response.reason == "Engine shutdown")
-                << call.response.reason;
-        }
-        expectCalledBackOnce(submitted, accepted);
-        std::map<std::string, int> phaseCalls;
-        for (const auto& call : parkedCalls.all()) {
-            EXPECT_LE(++phaseCalls[call.requestId], 1) << call.requestId;
-        }
-        // A synchronous chain still inside the engine during the reset is covered on its own
-        // (EngineAsyncWorker); what the worker and the host's answers touch must all be gone.
-        EXPECT_EQ(engine.parkedPhaseCount(), 0u);
-        EXPECT_EQ(engine.subRequestCount(), 0u);
-        EXPECT_TRUE(submitCard("card-2").empty());
     }
+    // Synchronous attempts that park on the host's questions, one per decided submission:
+    // answered resumes go before new submissions, so an unpaced stream of them would starve
+    // the submitters.
+    threads.emplace_back([&] {
+        for (std::size_t i = 0; !stop;) {
+            if (submitted.waitFor(i + 1, 20)) {
+                engine.authenticate(makeRequest("tk-1", OPEN_TYPE_TEMP_KEY), parkedCalls.callback(),
+                                    "sync-" + std::to_string(i++));
+            }
+        }
+    });
+    // The host answers whatever it was asked from a thread of its own, racing the reset, and
+    // goes on answering after it.
+    threads.emplace_back([&] {
+        for (std::size_t i = 0; !stop || i < host->questions().size();) {
+            if (host->waitForQuestions(i + 1, 20)) {
+                const bool tempKey = host->questions()[i].kind == "tempkey";
+                host->answer(i++, SUCCESS, 0, tempKey ? tempKeyAnswer("tk-1") : AuthContext());
+            }
+        }
+    });
+
+    const bool progressed = submitted.waitFor(20, kWaitMs);
+    engine.reset();
+    stop = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    ASSERT_TRUE(progressed);
+
+    for (const auto& call : submitted.all()) {
+        EXPECT_TRUE(call.response.result == SUCCESS || call.response.reason == "Engine shutdown")
+            << call.response.reason;
+    }
+    expectCalledBackOnce(submitted, accepted);
+    std::map<std::string, int> phaseCalls;
+    for (const auto& call : parkedCalls.all()) {
+        EXPECT_LE(++phaseCalls[call.requestId], 1) << call.requestId;
+    }
+    // A synchronous chain still inside the engine during the reset is covered on its own
+    // (EngineAsyncWorker); what the worker and the host's answers touch must all be gone.
+    EXPECT_EQ(engine.parkedPhaseCount() + engine.subRequestCount(), 0u);
+    EXPECT_TRUE(submitCard("card-2").empty());
 }
 
 TEST_F(FaultsAsync, TenThousandParkedRequestsTimeOutInOneSweep) {
     use("NeverAnswered", askOnce);  // parks every request on a question nobody answers
     constexpr std::size_t kParked = 10000;
+    // One more, whose callback asks the engine's counters: it runs under the engine's lock when the
+    // chain times out, and there they are refused (a refused counter reads 0).
+    std::string counts = "not called";
+    engine.authenticate(
+        makeRequest("card-1", OPEN_TYPE_CARD),
+        [&](const std::string&, const AuthResponse&, const AuthContext&) {
+            counts = std::to_string(engine.heldAnswerCount() + engine.droppedAnswerCount() +
+                                    engine.openQuestionCount() + engine.subRequestCount());
+        },
+        "probe");
+    std::vector<std::string> ids;
     for (std::size_t i = 0; i < kParked; ++i) {
-        ASSERT_EQ(run("park-" + std::to_string(i), makeRequest("card-1", OPEN_TYPE_CARD)).result,
-                  ASYNC_PENDING);
+        ids.push_back("park-" + std::to_string(i));
+        ASSERT_EQ(run(ids.back(), makeRequest("card-1", OPEN_TYPE_CARD)).result, ASYNC_PENDING);
     }
+    // A caller's id still in use is refused, and the request parked under it is left alone.
+    CallbackRecorder second;
+    expectFailed(engine.authenticate(AuthRequest(), second.callback(), "park-0"), 0,
+                 "Request id already in use");
     clock.advance(30);  // exactly at the limit nothing times out yet
     engine.checkTimeoutRequests();
-    EXPECT_EQ(engine.parkedChainCount(), kParked);
+    EXPECT_EQ(engine.parkedChainCount(), kParked + 1);
     EXPECT_EQ(recorder.count(), 0u);
     clock.advance(1);
     engine.checkTimeoutRequests();  // the sweep itself ends them, before the engine settles
     EXPECT_EQ(engine.parkedChainCount(), 0u);
     ASSERT_TRUE(idle());
-    ASSERT_EQ(recorder.count(), kParked);
-    std::set<std::string> ids;
+    expectCalledBackOnce(recorder, ids);
     for (const auto& call : recorder.all()) {
-        ids.insert(call.requestId);
         ASSERT_EQ(reportLine(call.response), "FAILED 0 'Async request timeout' [] []");
     }
-    EXPECT_EQ(ids.size(), kParked);
-    EXPECT_EQ(host->reportCount(), kParked);
+    EXPECT_EQ(host->reportCount(), kParked + 2);  // with the probe and the refused duplicate
+    EXPECT_EQ(counts, "0");
+    EXPECT_EQ(second.count(), 1u);
+    EXPECT_TRUE(log.contains("droppedAnswerCount refused"));
 }
 
 TEST_F(FaultsAsync, TheHundredAndFirstQueuedSubmissionIsRefusedUntilOneIsTaken) {
@@ -587,14 +502,12 @@ TEST_F(FaultsAsync, TheHundredAndFirstQueuedSubmissionIsRefusedUntilOneIsTaken) 
     std::vector<std::string> accepted = {submitCard("card-2")};
     ASSERT_TRUE(latch.waitEntered(1, kWaitMs));  // the worker is busy: nothing more is taken
     for (int i = 0; i < 100; ++i) {
-        accepted.push_back(submitCard("card-2"));
-        ASSERT_FALSE(accepted.back().empty()) << "submission " << i;
+        accepted.push_back(submitCard("card-2"));  // each accepted: 102 distinct ids below
     }
     EXPECT_TRUE(submitCard("card-2").empty());
     latch.open();
     ASSERT_TRUE(recorder.waitFor(2, kWaitMs));  // two taken: room again
     accepted.push_back(submitCard("card-2"));
-    ASSERT_FALSE(accepted.back().empty());
     settle(accepted.size());
     // First in, first out; each id once, the one the caller was given.
     EXPECT_EQ(calledIds(), accepted);
@@ -610,47 +523,42 @@ void answerTwice(FakeDataProvider::Question& question) {
     question.callback(question.handle, responseOf(SUCCESS), update);
 }
 
-class FaultsAsyncTwice : public FaultsAsync, public ::testing::WithParamInterface<bool> {};
-
 // A host that answers every question twice, from inside it or later, gets one report per phase.
-TEST_P(FaultsAsyncTwice, HostAnsweringEveryQuestionTwiceGetsOneReportPerPhase) {
-    const bool inlineAnswers = GetParam();
-    if (inlineAnswers) {
-        configure([](FakeDataProvider& fake) {
-            fake.answerTempKey = fake.answerAntiPassback = fake.answerInterlock =
-                fake.answerParking = answerTwice;
-        });
-    }
+TEST_F(FaultsAsync, HostAnsweringEveryQuestionTwiceGetsOneReportPerPhase) {
     // {attempt, questions the host gets on the way, the reports (phase suffix of the id -> the
     // relay it opens)}
     using Reports = std::map<std::string, std::string>;
     const Reports everyPhase = {{"", "3"}, {"_ind_antipassback", "1"}, {"_ind_interlock", "2"}};
-    for (const auto& [request, questions, reports] :
-         std::vector<std::tuple<AuthRequest, std::size_t, Reports>>{
-             {makeRequest("card-1", OPEN_TYPE_CARD), 2, everyPhase},
-             {makeRequest("tk-1", OPEN_TYPE_TEMP_KEY), 3, everyPhase},
-             {makeRequest("PLATE-1", OPEN_TYPE_LICENSE_PLATE), 1, {{"_ind_parking", "3"}}}}) {
-        SCOPED_TRACE("open type " + std::to_string(request.openType));
-        host->clearLog();
-        const std::size_t before = recorder.count();
-        const std::string id = submit(request);
-        for (std::size_t i = 0; !inlineAnswers && i < questions; ++i) {
-            ASSERT_TRUE(host->waitForQuestions(i + 1, kWaitMs)) << "question " << i;
-            FakeDataProvider::Question question = host->questions()[i];
-            answerTwice(question);
+    for (const bool inlineAnswers : {false, true}) {
+        configure([&](FakeDataProvider& fake) {
+            fake.answerTempKey = fake.answerAntiPassback = fake.answerInterlock =
+                fake.answerParking = inlineAnswers ? answerTwice : nullptr;
+        });
+        for (const auto& [request, questions, reports] :
+             std::vector<std::tuple<AuthRequest, std::size_t, Reports>>{
+                 {makeRequest("card-1", OPEN_TYPE_CARD), 2, everyPhase},
+                 {makeRequest("tk-1", OPEN_TYPE_TEMP_KEY), 3, everyPhase},
+                 {makeRequest("PLATE-1", OPEN_TYPE_LICENSE_PLATE), 1, {{"_ind_parking", "3"}}}}) {
+            SCOPED_TRACE(std::string(inlineAnswers ? "inline" : "later") + ", open type " +
+                         std::to_string(request.openType));
+            host->clearLog();
+            recorder.clear();
+            const std::string id = submit(request);
+            for (std::size_t i = 0; !inlineAnswers && i < questions; ++i) {
+                ASSERT_TRUE(host->waitForQuestions(i + 1, kWaitMs)) << "question " << i;
+                answerTwice(host->questions()[i]);
+            }
+            settle(reports.size());
+            EXPECT_EQ(host->questions().size(), questions);
+            for (const auto& expected : reports) {
+                EXPECT_EQ(reportOf(id + expected.first),
+                          "SUCCESS 0 '' [" + expected.second + "] [] >" + expected.second);
+            }
+            EXPECT_EQ(host->reportCount(), reports.size());
+            expectNothingParked(engine);
         }
-        settle(before + reports.size());
-        EXPECT_EQ(host->questions().size(), questions);
-        for (const auto& expected : reports) {
-            EXPECT_EQ(reportOf(id + expected.first),
-                      "SUCCESS 0 '' [" + expected.second + "] [] >" + expected.second);
-        }
-        EXPECT_EQ(host->reportCount(), reports.size());
-        expectNothingParked(engine);
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(InlineOrLater, FaultsAsyncTwice, ::testing::Bool());
 
 }  // namespace
 }  // namespace testing

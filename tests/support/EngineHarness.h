@@ -91,7 +91,7 @@ void expectFailed(const AuthResponse& response, int failCode, const std::string&
 void expectRelays(const AuthResponse& response, const Relays& opened, const Relays& failed);
 void expectNothingParked(AuthEngine& engine);
 /// Each of `ids` (at least one) was called back exactly once, and nothing else was.
-void expectCalledBackOnce(CallbackRecorder& recorder, const std::vector<std::string>& ids);
+void expectCalledBackOnce(CallbackRecorder& recorder, std::vector<std::string> ids);
 
 /// An engine on the fake host. Members are declared so that the engine, and with it its worker,
 /// goes first: the recorder and the clock outlive every callback.

@@ -207,11 +207,10 @@ public:
         return lookUp("getRemoteControlUser", remoteControlUsers, remoteUserId, user);
     }
     bool requestTempKey(const AuthContext& context, AuthCallback callback) override {
-        const Question question{"tempkey",           "tk",   "", context.requestId,
-                                std::move(callback), context};
         return !ask(
-                    "requestTempKey", question, [this] { return !tempKeySendOk; },
-                    &FakeDataProvider::answerTempKey, false)
+                    "requestTempKey",
+                    {"tempkey", "tk", "", context.requestId, std::move(callback), context},
+                    [this] { return !tempKeySendOk; }, answerTempKey, false)
                     .empty();
     }
     bool getTempKeyUser(const TempKeyAuthData& data, UserData& user) override {
@@ -236,16 +235,14 @@ public:
             "requestAntiPassback",
             {"antipassback", "ap", joinRelayVector(relays), context.requestId, std::move(callback),
              context},
-            [&] { return !listed(relays, offlineRelays).empty(); },
-            &FakeDataProvider::answerAntiPassback, true);
+            [&] { return !listed(relays, offlineRelays).empty(); }, answerAntiPassback);
     }
     std::string requestInterlock(const AuthRequest&, const std::string& relay, AuthContext& context,
                                  AuthCallback callback) override {
         return ask(
             "requestInterlock",
             {"interlock", "il", relay, context.requestId, std::move(callback), context},
-            [&] { return offlineRelays.count(relay) != 0; }, &FakeDataProvider::answerInterlock,
-            true);
+            [&] { return offlineRelays.count(relay) != 0; }, answerInterlock);
     }
     std::string requestParking(const AuthRequest&, const UserData&, std::string,
                                AuthContext& context, AuthCallback callback) override {
@@ -253,7 +250,7 @@ public:
             "requestParking",
             {"parking", "pk", joinRelayVector(context.relays), context.requestId,
              std::move(callback), context},
-            [&] { return parkingOffline; }, &FakeDataProvider::answerParking, true);
+            [&] { return parkingOffline; }, answerParking);
     }
     void onAuthResult(const AuthContext& context, const AuthResult& result) override {
         locked("onAuthResult", [&] { reported.push_back(Report{context, result}); });
@@ -261,9 +258,7 @@ public:
     }
     bool getReaderPriority(std::vector<ReaderType>& priority) override {
         const auto order = read("getReaderPriority", readerPriority);
-        if (!order.empty()) {
-            priority = order;
-        }
+        priority = order.empty() ? priority : order;
         return !order.empty();
     }
     void onGuessLockout(ReaderType reader, int count, int64_t lockoutEndUptime) override {
@@ -280,23 +275,20 @@ public:
 
 private:
     // Runs the beforeCall hook, then logs the call and, under the lock, runs `body`, unless the
-    // operation is listed in throwFrom.
+    // operation is listed in throwFrom: then it throws std::runtime_error instead.
     template <class Body>
     auto locked(const char* operation, Body body) -> decltype(body()) {
         if (const auto hook = snapshot(beforeCall)) {
             hook(operation);
         }
         std::lock_guard<std::mutex> guard(mutex);
-        enter(operation);
-        return body();
-    }
-    // Logs the call; throws when the operation is listed in throwFrom. The caller holds the lock.
-    void enter(const char* operation) {
         callLog.emplace_back(operation);
         if (throwFrom.count(operation) != 0 || throwFrom.count("*") != 0) {
             throw std::runtime_error(std::string("fake provider throws from ") + operation);
         }
-    }  // A copy of scripted data, read as `operation`.
+        return body();
+    }
+    // A copy of scripted data, read as `operation`.
     template <class T>
     T read(const char* operation, const T& data) {
         return locked(operation, [&] { return data; });
@@ -306,18 +298,15 @@ private:
     bool lookUp(const char* operation, const Map& map, const Key& key, Out& out) {
         return locked(operation, [&] {
             const auto found = map.find(key);
-            if (found == map.end()) {
-                return false;
+            if (found != map.end()) {
+                out = found->second;
             }
-            out = found->second;
-            return true;
+            return found != map.end();
         });
     }
     template <class T>
     static bool given(const std::optional<T>& from, T& out) {
-        if (from) {
-            out = *from;
-        }
+        out = from.value_or(out);
         return from.has_value();
     }
     // The relays listed in `set`, in their order.
@@ -336,23 +325,18 @@ private:
     // Records `question` with a numbered handle, or with none when `offline()` (and then not at
     // all unless `recordOffline`), runs its hook without the lock and returns the handle.
     std::string ask(const char* operation, Question question, const std::function<bool()>& offline,
-                    QuestionHook FakeDataProvider::*hook, bool recordOffline) {
+                    const QuestionHook& hook, bool recordOffline = true) {
         QuestionHook answer;
         std::size_t index = 0;
-        const bool recorded = locked(operation, [&] {
+        locked(operation, [&] {
             question.handle =
                 offline() ? std::string() : question.handle + std::to_string(++handleCounter);
-            answer = this->*hook;
+            answer = hook;
             index = asked.size();
-            if (question.handle.empty() && !recordOffline) {
-                return false;
+            if (!question.handle.empty() || recordOffline) {
+                asked.push_back(question);
             }
-            asked.push_back(question);
-            return true;
         });
-        if (!recorded) {
-            return std::string();
-        }
         changed.notify_all();
         if (answer && !question.handle.empty()) {
             answer(question);
