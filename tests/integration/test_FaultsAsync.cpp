@@ -131,7 +131,7 @@ TEST_F(FaultsAsync, ThrowingHostFailsEachRequestOnceAndTheWorkerGoesOn) {
     configure([](FakeDataProvider& fake) { fake.throwFrom.clear(); });
     const std::string next = submitCard("card-2");
     settle(ids.size() + 1);
-    EXPECT_EQ(reportOf(next), "SUCCESS 0 '' [3] [] >3");
+    EXPECT_EQ(reportOf(next), "SUCCESS 0 '' [3] [] 0:3");
 }
 
 // A relay check whose question throws, or whose host answers "yes" from inside the question and
@@ -152,7 +152,7 @@ TEST_F(FaultsAsync, ThrowWhileAskingARelayCheckKeepsOnlyThatRelayShut) {
         const std::string card = submitCard("card-1");
         const std::string plate = submit(makeRequest("PLATE-1", OPEN_TYPE_LICENSE_PLATE));
         settle(4);  // card: relay 3 at once, anti-passback and interlock; plate: parking
-        EXPECT_EQ(reportOf(card), "SUCCESS 0 '' [3] [] >3");
+        EXPECT_EQ(reportOf(card), "SUCCESS 0 '' [3] [] 0:3");
         EXPECT_EQ(reportOf(card + "_ind_antipassback"), "FAILED 5 '' [] [1]");
         EXPECT_EQ(reportOf(card + "_ind_interlock"), "FAILED 21 '' [] [2]");
         EXPECT_EQ(reportOf(plate + "_ind_parking"), "FAILED 23 '' [] [3]");
@@ -213,12 +213,12 @@ TEST_F(FaultsAsync, OneConfigurationDecidesAPhaseFromTheSplitToItsQuestions) {
     });
     const std::string id = submit(AuthRequest());
     settle(2);
-    EXPECT_EQ(reportOf(id), "SUCCESS 0 '' [3] [] >3");
-    EXPECT_EQ(reportOf(id + "_ind_antipassback"), "SUCCESS 0 '' [1] [] >1");
+    EXPECT_EQ(reportOf(id), "SUCCESS 0 '' [3] [] 0:3");
+    EXPECT_EQ(reportOf(id + "_ind_antipassback"), "SUCCESS 0 '' [1] [] 0:1");
     // A passing interlock report does not keep the question's "pending" text.
     host->answer(1, SUCCESS);
     settle(3);
-    EXPECT_EQ(reportOf(id + "_ind_interlock"), "SUCCESS 0 '' [2] [] >2");
+    EXPECT_EQ(reportOf(id + "_ind_interlock"), "SUCCESS 0 '' [2] [] 0:2");
 }
 
 TEST_F(FaultsAsync, OnlyAnswersToAskedQuestionsAreHeldOnceEach) {
@@ -250,7 +250,7 @@ TEST_F(FaultsAsync, ChecksInsideTheChainResumeAndReleaseTheirQuestions) {
     // {the card's relays, the interlocked relay, offline relays, outcome}
     for (const auto& [scheduleRelay, interlocked, offline, outcome] :
          std::vector<std::tuple<std::string, std::string, std::set<std::string>, std::string>>{
-             {"1-1", "1", {}, "SUCCESS 0 '' [] [] >1"},
+             {"1-1", "1", {}, "SUCCESS 0 '' [] [] 0:1"},
              {"1-1,2", "2", {"2"}, "FAILED 21 'Interlock request failed' [] [2]"}}) {
         SCOPED_TRACE(scheduleRelay);
         {  // structured bindings cannot be captured before C++20
@@ -355,8 +355,8 @@ TEST_F(FaultsFacade, ResetFromHostCodeTheWorkerRunsCompletesWhenThatCodeReturns)
 
 TEST_F(FaultsFacade, ResetFromHostCodeOfASynchronousAttemptCompletesWhenItReturns) {
     resetFrom("getLockedDownRelays");
-    EXPECT_EQ(reportLine(facade.authenticate(makeRequest("card-1", OPEN_TYPE_CARD))),
-              "SUCCESS 0 '' [3] [] >3");
+    EXPECT_EQ(said(facade.authenticate(makeRequest("card-1", OPEN_TYPE_CARD))),
+              "SUCCESS 0 '' [3] [] 0:3");
     EXPECT_FALSE(facade.isReady());
     // The interrupted attempt still finished its work, down to the relay-1 phase's question.
     EXPECT_EQ(host->callCount("requestAntiPassback"), 1);
@@ -486,7 +486,7 @@ TEST_F(FaultsAsync, TenThousandParkedRequestsTimeOutInOneSweep) {
     ASSERT_TRUE(idle());
     expectCalledBackOnce(recorder, ids);
     for (const auto& call : recorder.all()) {
-        ASSERT_EQ(reportLine(call.response), "FAILED 0 'Async request timeout' [] []");
+        ASSERT_EQ(said(call.response), "FAILED 0 'Async request timeout' [] []");
     }
     EXPECT_EQ(host->reportCount(), kParked + 2);  // with the probe and the refused duplicate
     EXPECT_EQ(counts, "0");
@@ -552,7 +552,7 @@ TEST_F(FaultsAsync, HostAnsweringEveryQuestionTwiceGetsOneReportPerPhase) {
             EXPECT_EQ(host->questions().size(), questions);
             for (const auto& expected : reports) {
                 EXPECT_EQ(reportOf(id + expected.first),
-                          "SUCCESS 0 '' [" + expected.second + "] [] >" + expected.second);
+                          "SUCCESS 0 '' [" + expected.second + "] [] 0:" + expected.second);
             }
             EXPECT_EQ(host->reportCount(), reports.size());
             expectNothingParked(engine);

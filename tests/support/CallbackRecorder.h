@@ -8,11 +8,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "auth_engine/AuthLogger.h"
 #include "auth_engine/AuthTypes.h"
 
 namespace auth_engine {
@@ -72,6 +72,38 @@ private:
     std::condition_variable arrived;
     std::vector<Call> calls;
 };
+
+/// Targets in one line: " type:relay" for each.
+inline std::string targetsOf(const std::vector<AuthTarget>& targets) {
+    std::string text;
+    for (const AuthTarget& target : targets) {
+        text += " " + std::to_string(target.type) + ":" + target.relay;
+    }
+    return text;
+}
+
+/// A report in one line: "RESULT failCode 'reason' [opened] [failed]", then " type:relay" for each
+/// target.
+inline std::string said(const AuthResponse& r) {
+    static const char* const kNames[] = {"SUCCESS", "FAILED", "ASYNC_PENDING",  "CONTINUE",
+                                         "DROPPED", "DOUBLE", "UNLOCK_OPTIONS", "IGNORED"};
+    std::string text = std::string(r.result >= 0 && r.result <= IGNORED ? kNames[r.result] : "?") +
+                       " " + std::to_string(r.failCode) + " '" + r.reason + "' [" +
+                       joinRelayVector(r.openedRelays) + "] [" + joinRelayVector(r.failedRelays) +
+                       "]";
+    return text + targetsOf(r.targets);
+}
+
+/// A callback in one line: "id " + said(response) + " asyncType relay:reason...", with the
+/// context's id when it is not the one called back.
+inline std::string said(const CallbackRecorder::Call& call) {
+    std::string text = call.requestId + " " + said(call.response) + " " + call.response.asyncType;
+    text += call.context.requestId == call.requestId ? "" : " context " + call.context.requestId;
+    for (const auto& reason : call.context.relayFailReasons) {
+        text += " " + reason.first + ":" + reason.second;
+    }
+    return text;
+}
 
 }  // namespace testing
 }  // namespace auth_engine

@@ -97,26 +97,10 @@ AuthContext tempKeyAnswer(const std::string& key) {
     return update;
 }
 
-std::string reportLine(const AuthResponse& response) {
-    std::string line = std::string(AuthLogger::authResultToString(response.result)) + " " +
-                       std::to_string(response.failCode) + " '" + response.reason + "' [" +
-                       joinRelayVector(response.openedRelays) + "] [" +
-                       joinRelayVector(response.failedRelays) + "]";
-    for (const AuthTarget& target : response.targets) {
-        line += " >" + target.relay;
-    }
-    return line;
-}
-
 void expectFailed(const AuthResponse& response, int failCode, const std::string& reason) {
     // Whatever relays failed, nothing opened and no target named.
-    EXPECT_EQ(reportLine(response), "FAILED " + std::to_string(failCode) + " '" + reason +
-                                        "' [] [" + joinRelayVector(response.failedRelays) + "]");
-}
-
-void expectRelays(const AuthResponse& response, const Relays& opened, const Relays& failed) {
-    EXPECT_EQ(response.openedRelays, opened);
-    EXPECT_EQ(response.failedRelays, failed);
+    EXPECT_EQ(said(response), "FAILED " + std::to_string(failCode) + " '" + reason + "' [] [" +
+                                  joinRelayVector(response.failedRelays) + "]");
 }
 
 void expectNothingParked(AuthEngine& engine) {

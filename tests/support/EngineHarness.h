@@ -82,13 +82,8 @@ AuthResponse responseOf(AuthResult result, int failCode = 0, int remoteFailCode 
 /// A host answer context carrying a temporary key's validation data.
 AuthContext tempKeyAnswer(const std::string& key);
 
-/// A report in one line: "RESULT failCode 'reason' [opened] [failed]", then " >relay" for each
-/// target.
-std::string reportLine(const AuthResponse& response);
 /// FAILED with this code and reason, and nothing opened or actuated.
 void expectFailed(const AuthResponse& response, int failCode, const std::string& reason);
-/// The relays a report opened and the ones it failed.
-void expectRelays(const AuthResponse& response, const Relays& opened, const Relays& failed);
 void expectNothingParked(AuthEngine& engine);
 /// Each of `ids` (at least one) was called back exactly once, and nothing else was.
 void expectCalledBackOnce(CallbackRecorder& recorder, std::vector<std::string> ids);
@@ -120,7 +115,7 @@ public:
     /// The one report recorded for `id`; a failure, and a default response, unless there is exactly
     /// one.
     AuthResponse onlyReport(const std::string& id);
-    std::string reportOf(const std::string& id) { return reportLine(onlyReport(id)); }
+    std::string reportOf(const std::string& id) { return said(onlyReport(id)); }
     /// Request ids of the recorded callbacks, in order.
     std::vector<std::string> calledIds();
 

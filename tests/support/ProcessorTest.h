@@ -79,38 +79,6 @@ inline std::string outcome(AuthResult returned, const AuthContext& context) {
     return text + (failed.empty() ? "" : " failed[" + joinRelayVector(failed) + "]");
 }
 
-/// Targets in one line: " type:relay" for each.
-inline std::string targetsOf(const Targets& targets) {
-    std::string text;
-    for (const AuthTarget& target : targets) {
-        text += " " + std::to_string(target.type) + ":" + target.relay;
-    }
-    return text;
-}
-
-/// A report in one line: "RESULT failCode 'reason' [opened] [failed]", then " type:relay" for each
-/// target.
-inline std::string said(const AuthResponse& r) {
-    static const char* const kNames[] = {"SUCCESS", "FAILED", "ASYNC_PENDING",  "CONTINUE",
-                                         "DROPPED", "DOUBLE", "UNLOCK_OPTIONS", "IGNORED"};
-    std::string text = std::string(r.result >= 0 && r.result <= IGNORED ? kNames[r.result] : "?") +
-                       " " + std::to_string(r.failCode) + " '" + r.reason + "' [" +
-                       joinRelayVector(r.openedRelays) + "] [" + joinRelayVector(r.failedRelays) +
-                       "]";
-    return text + targetsOf(r.targets);
-}
-
-/// A callback in one line: "id " + said(response) + " asyncType relay:reason...", with the
-/// context's id when it is not the one called back.
-inline std::string said(const CallbackRecorder::Call& call) {
-    std::string text = call.requestId + " " + said(call.response) + " " + call.response.asyncType;
-    text += call.context.requestId == call.requestId ? "" : " context " + call.context.requestId;
-    for (const auto& reason : call.context.relayFailReasons) {
-        text += " " + reason.first + ":" + reason.second;
-    }
-    return text;
-}
-
 /// Relay questions in one line: "pending relay:status" for each, then "a" when answered.
 template <class Results>
 std::string pendingOf(int pending, const Results& results) {

@@ -2,23 +2,21 @@
 // SPDX-FileCopyrightText: Copyright 2026 The auth_engine authors
 
 // The shortcuts taken on every decision: the null log sink and the reused line buffer, the calendar
-// texts written without strftime/snprintf.
+// texts written without strftime/snprintf (the holiday check's are pinned by its own tests, to the
+// second).
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
 #include "auth_engine/AuthLogger.h"
-#include "processors/HolidayCheckProcessor.h"
 #include "processors/TimeCheckProcessor.h"
-#include "support/FakeDataProvider.h"
 #include "support/LogCapture.h"
 #include "support/TestClock.h"
 
 namespace auth_engine {
 namespace {
 
-using testing::FakeDataProvider;
 using testing::LogCapture;
 using testing::TestClock;
 
@@ -71,22 +69,6 @@ TEST(FastPathsAndReset, CalendarTextsKeepTheirPadding) {
             check.isInDailyTime("23:59:59", "23:59:59", TestClock::utc(2025, 1, 5, 23, 59, 59)),
             check.isScheduleValid(schedule, now), check.isScheduleValid(schedule, now + 1)}),
         (std::vector<bool>{true, false, true, true, true, false}));
-
-    // A holiday of exactly today, with one-digit month and day, and its access hours to the second:
-    // inside them, the same day past them, the next day.
-    FakeDataProvider host;
-    host.config.holidayEnabled = true;
-    host.holidays = {HolidayData{0, 0, 1, "09:05:07-09:05:07", "", "", "2025-01-05", "2025-01-05"}};
-    processors::HolidayCheckProcessor holidays;
-    std::vector<AuthResult> decided;
-    for (const int64_t when : {now, now + 1, TestClock::utc(2025, 1, 6, 9, 5, 8)}) {
-        clock.setWall(when);
-        AuthContext context;
-        context.userData = std::make_shared<UserData>();
-        context.relays = {"1"};
-        decided.push_back(holidays.process(context, host));
-    }
-    EXPECT_EQ(decided, (std::vector<AuthResult>{CONTINUE, FAILED, CONTINUE}));
 }
 
 }  // namespace

@@ -341,15 +341,15 @@ TEST_F(IndependentPhases, CancelledOrTimedOutChoiceFailsWith44) {
     answer.failCode = 9;
     engine.handleAsyncResponse("r3_ind_unlock_options", FAILED, answer, AuthContext());
     ASSERT_TRUE(recorder.waitFor(7));
-    for (const char* id : {"r1_ind_unlock_options", "r2_ind_unlock_options"}) {
-        expectFailed(onlyReport(id), 44, "User canceled relay selection");
-    }
-    EXPECT_EQ(onlyReport("r3_ind_unlock_options").failCode, 9);
+    EXPECT_EQ(reportOf("r1_ind_unlock_options") + " | " + reportOf("r2_ind_unlock_options") +
+                  " | " + reportOf("r3_ind_unlock_options"),
+              "FAILED 44 'User canceled relay selection' [] [] | FAILED 44 'User canceled relay "
+              "selection' [] [] | FAILED 9 '' [] []");
     sweepAfter(29);
     EXPECT_EQ(recorder.count(), 7u);
     sweepAfter(1);
-    expectFailed(onlyReport("r4_ind_unlock_options"), 44, "Unlock options timeout");
-    EXPECT_EQ(onlyReport("r4_ind_unlock_options").asyncType, "unlock_options");
+    EXPECT_EQ(said(recorder.forId("r4_ind_unlock_options").at(0)),
+              "r4_ind_unlock_options FAILED 44 'Unlock options timeout' [] [1,2] unlock_options");
 }
 
 TEST_F(IndependentPhases, InterlockIsRetriedOnceThenFailed) {
